@@ -1,0 +1,17 @@
+#!/bin/sh
+# Installs with apt-get the build, test and benchmark dependencies that are
+# missing; does nothing when all are present.
+set -e
+packages="cmake g++ make libopencv-dev libgtest-dev libbenchmark-dev"
+missing=""
+for p in $packages; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing="$missing $p"
+  fi
+done
+[ -z "$missing" ] && exit 0
+echo "installing:$missing"
+sudo=""
+[ "$(id -u)" -ne 0 ] && sudo="sudo"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing
