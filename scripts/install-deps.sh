@@ -2,7 +2,7 @@
 # Installs with apt-get the build, test and benchmark dependencies that are
 # missing; does nothing when all are present.
 set -e
-packages="cmake g++ make libopencv-dev libgtest-dev libbenchmark-dev"
+packages="cmake g++ make pkgconf libopencv-dev libgtest-dev libbenchmark-dev"
 missing=""
 for p in $packages; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
