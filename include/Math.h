@@ -38,6 +38,8 @@ void matrixSum(const double* A, const double* B, double* C, int m, int n);
 void matrixSub(const double* A, const double* B, double* C, int m, int n);
 // B = factor*A over m*n elements; B may equal A.
 void matrixScale(const double* A, double* B, double factor, int m, int n);
+// True when all n values are finite (no NaN, no infinity); false for a null array.
+bool isFiniteArray(const double* v, int n);
 // Euclidean norm of n values.
 double norm(const double* v, int n);
 // Divides the m*n values by their norm in place; a zero norm leaves v as it is.

@@ -85,6 +85,13 @@ void matrixScale(const double* A, double* B, double factor, int m, int n) {
   for (int i = 0; i < count; i++) B[i] = factor * A[i];
 }
 
+bool isFiniteArray(const double* v, int n) {
+  if (v == nullptr) return false;
+  for (int i = 0; i < n; i++)
+    if (!std::isfinite(v[i])) return false;
+  return true;
+}
+
 double norm(const double* v, int n) {
   double sum = 0.0;
   for (int i = 0; i < n; i++) sum += v[i] * v[i];
