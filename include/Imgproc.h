@@ -1,5 +1,6 @@
 // Image processing on the library's own buffers: colour conversions, Sobel
-// and Canny edge detection, lens undistortion. Grey images are width x height
+// and Canny edge detection, lens undistortion, and the frustum clipping,
+// depth-tested fill and line walking of the visible-contour sampler. Grey images are width x height
 // bytes, colour images 3 interleaved bytes per pixel in the order blue,
 // green, red, both row-major without padding. Nothing here allocates: every
 // buffer, work memory included, comes from the caller.
@@ -91,5 +92,85 @@ int initUndistortionTables(const double* mapX, const double* mapY, int* w00, int
 void undistortImageFromTables(const unsigned char* src, unsigned char* dst, const int* w00,
                               const int* w10, const int* w01, const int* w11, const int* index,
                               int width, int height);
+
+// ================================================================ frustum clipping and
+// depth-tested fill Geometric kernels of the visible-contour sampler: the camera's viewing frustum
+// as six planes, clipping of 3D segments and polygons against it, scan conversion of a convex image
+// polygon with an inverse-depth test, and an integer line walker with its 2D clipper.
+
+// Viewing frustum: 24 doubles, six planes (a, b, c, d) in the camera frame in
+// the order left (xmin,ymin)-(xmin,ymax), bottom (xmin,ymax)-(xmax,ymax),
+// right (xmax,ymax)-(xmax,ymin), top (xmax,ymin)-(xmin,ymin), near, far.
+// X is inside a plane when a*X + b*Y + c*Z + d <= 0.
+constexpr int ZOT_FRUSTUM_PLANES = 6;
+
+// Fills `planes` (24 doubles) for camera matrix K (skew included) and the
+// image rectangle xmin..xmax, ymin..ymax in pixels. The side planes pass
+// through the camera centre with unit normals; near is (0, 0, -1, zNear),
+// far (0, 0, 1, -zFar).
+void computeViewingFrustum(double* planes, const double* K, double xmin, double ymin, double xmax,
+                           double ymax, double zNear, double zFar);
+
+// Parametric clipping of the segment P0 = segment[0..2], P1 = segment[3..5]
+// against the six planes. Returns 1 and writes the remaining piece (6
+// doubles) into `clipped` when it is at least minLength long; returns 0 and
+// leaves `clipped` alone otherwise. A point with plane value 0 is inside.
+int clipSegmentToViewingFrustum(const double* segment, double* clipped, const double* planes,
+                                double minLength);
+
+// Clips the polygon (nVertices x 3 doubles, edge id k belonging to the edge
+// that starts at vertex k) against the six planes in place. Edges created on
+// a clipping plane get id -1. Both vertex arrays must hold nVertices + 6
+// vertices, both id arrays nVertices + 6 ints. nVertices becomes 0 when
+// nothing remains (or on the degenerate cases, which print a warning).
+void poly_clip_to_view_frustum(int& nVertices, double* vertices, double* scratchVertices,
+                               const double* planes, int* edgeIds, int* scratchIds);
+
+// Scan-converts a convex polygon (nVertices x (x, y) pixels, pixel centres at
+// integers) inside the inclusive clip rectangle {xmin, ymin, xmax, ymax},
+// which is further limited to the width x height image. A pixel whose mask
+// byte (if a mask is given) is 0 is skipped. Without a depth buffer `value`
+// goes into `image` (if any). With one the inverse depth
+// delta = -(ax*x + ay*y + a0) must lie in lower..upper and beat the stored
+// value; then it is stored, `id` goes into `ids` (if any) and `value` into
+// `image` (if any). Returns 0, or -1 for fewer than 3 vertices, a polygon
+// with more than 3 vertices that is not convex, or a non-finite vertex
+// (nothing is drawn then).
+int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* depth, int* ids,
+                             const unsigned char* mask, int width, int height, int nVertices,
+                             const double* vertices, const int* clipRect, int id, double ax,
+                             double ay, double a0, double upper, double lower);
+
+// Integer line walker over an image of bytesPerPixel-byte pixels.
+struct myLineIterator {
+  unsigned char* m_ptr;  // current pixel
+  int m_err;             // error term
+  int m_condDelta;       // added to m_err only while it is negative
+  int m_fixedDelta;      // added to m_err at every step
+  int m_condStep;        // added to m_ptr only while m_err is negative
+  int m_fixedStep;       // added to m_ptr at every step
+};
+
+// Moves the walker to the next pixel of its line.
+inline void advanceLineIterator(myLineIterator& it) {
+  const int mask = it.m_err < 0 ? -1 : 0;
+  it.m_err += (it.m_condDelta & mask) + it.m_fixedDelta;
+  it.m_ptr += (it.m_condStep & mask) + it.m_fixedStep;
+}
+
+// Prepares a walk from `start` to `end` (x, y ints), both clipped into the
+// image first. connectivity 8 gives the 8-connected walk, anything else the
+// 4-connected one. With leftToRight set the walk always runs with growing x
+// (the ends are swapped when needed). Returns the number of pixels of the
+// walk, 0 when the line misses the image (the walker then points at the
+// image start, all other fields 0), -1 on an internal error.
+int initLineIterator(unsigned char* image, int width, int height, int bytesPerPixel,
+                     const int* start, const int* end, myLineIterator* it, int connectivity,
+                     int leftToRight);
+
+// Clips the integer segment point1-point2 (x, y each, changed in place) to
+// 0..width-1 x 0..height-1. Returns 1 if a part lies inside, else 0 (also for
+// width or height below 1).
+int clipLine2D(int width, int height, int* point1, int* point2);
 
 }  // namespace ZOTtracker

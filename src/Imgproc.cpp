@@ -1,5 +1,5 @@
 // Image processing: colour conversions, Sobel and Canny edge detection, lens
-// undistortion.
+// undistortion, frustum clipping, depth-tested fill and line walking.
 #include "Imgproc.h"
 
 #include <cmath>
@@ -329,6 +329,456 @@ void undistortImageFromTables(const unsigned char* src, unsigned char* dst, cons
       dst[k] = 0;
     }
   }
+}
+
+// ================================================================ frustum clipping and
+// depth-tested fill
+
+static inline double planeValue(const double* plane, const double* X) {
+  return plane[0] * X[0] + plane[1] * X[1] + plane[2] * X[2] + plane[3];
+}
+
+void computeViewingFrustum(double* planes, const double* K, double xmin, double ymin, double xmax,
+                           double ymax, double zNear, double zFar) {
+  const double corners[4][2] = {{xmin, ymin}, {xmin, ymax}, {xmax, ymax}, {xmax, ymin}};
+  double Kinv[9];
+  matrixInverseK(K, Kinv);
+  double rays[4][3];
+  for (int i = 0; i < 4; i++) {
+    const double p[3] = {corners[i][0], corners[i][1], 1.0};
+    matrixProduct331(Kinv, p, rays[i]);
+  }
+  for (int i = 0; i < 4; i++) {
+    double* plane = planes + 4 * i;
+    crossProd(rays[i], rays[(i + 1) % 4], plane);
+    normalize(plane, 3, 1);
+    plane[3] = -dotProd3(plane, rays[i]);
+  }
+  double* nearPlane = planes + 16;
+  nearPlane[0] = 0.0;
+  nearPlane[1] = 0.0;
+  nearPlane[2] = -1.0;
+  nearPlane[3] = zNear;
+  double* farPlane = planes + 20;
+  farPlane[0] = 0.0;
+  farPlane[1] = 0.0;
+  farPlane[2] = 1.0;
+  farPlane[3] = -zFar;
+}
+
+int clipSegmentToViewingFrustum(const double* segment, double* clipped, const double* planes,
+                                double minLength) {
+  const double* P0 = segment;
+  const double* P1 = segment + 3;
+  const double dx = P0[0] - P1[0], dy = P0[1] - P1[1], dz = P0[2] - P1[2];
+  const double length2 = dx * dx + dy * dy + dz * dz;
+  const double minLength2 = minLength * minLength;
+  if (minLength2 > length2) return 0;
+
+  double tIn = 0.0, tOut = 1.0;
+  bool entered = false, left = false;
+  for (int p = 0; p < ZOT_FRUSTUM_PLANES; p++) {
+    const double e0 = planeValue(planes + 4 * p, P0);
+    const double e1 = planeValue(planes + 4 * p, P1);
+    if (e0 > 0.0 && e1 > 0.0) return 0;
+    if (e0 > 0.0 || e1 > 0.0) {
+      const double t = e0 / (e0 - e1);
+      if (e0 <= 0.0) {
+        if (t <= tOut) {
+          tOut = t;
+          left = true;
+        }
+      } else if (t >= tIn) {
+        tIn = t;
+        entered = true;
+      }
+      if (tOut < tIn) return 0;
+    }
+  }
+  double start[3] = {P0[0], P0[1], P0[2]};
+  double end[3] = {P1[0], P1[1], P1[2]};
+  for (int i = 0; i < 3; i++) {
+    if (entered) start[i] = tIn * P1[i] + (1.0 - tIn) * P0[i];
+    if (left) end[i] = tOut * P1[i] + (1.0 - tOut) * P0[i];
+  }
+  if ((tOut - tIn) * (tOut - tIn) * length2 >= minLength2) {
+    for (int i = 0; i < 3; i++) {
+      clipped[i] = start[i];
+      clipped[3 + i] = end[i];
+    }
+    return 1;
+  }
+  return 0;
+}
+
+void poly_clip_to_view_frustum(int& nVertices, double* vertices, double* scratchVertices,
+                               const double* planes, int* edgeIds, int* scratchIds) {
+  const int nIn = nVertices;
+  if (nIn <= 0) {
+    nVertices = 0;
+    return;
+  }
+  // Planes that no vertex lies outside of cannot cut the polygon: the
+  // intersection points created by other planes are convex combinations of
+  // vertices inside them.
+  int nOutside[ZOT_FRUSTUM_PLANES] = {0};
+  bool anyOutside = false;
+  for (int p = 0; p < ZOT_FRUSTUM_PLANES; p++) {
+    for (int k = 0; k < nIn; k++) {
+      if (planeValue(planes + 4 * p, vertices + 3 * k) > 0.0) nOutside[p]++;
+    }
+    if (nOutside[p] == nIn) {
+      nVertices = 0;
+      return;
+    }
+    anyOutside = anyOutside || nOutside[p] > 0;
+  }
+  if (!anyOutside) return;
+
+  // The output of one plane may grow by the number of planes at most for a
+  // convex polygon; the buffers hold nIn + 6 vertices.
+  const int capacity = nIn + ZOT_FRUSTUM_PLANES;
+  double* src = vertices;
+  int* srcIds = edgeIds;
+  double* dst = scratchVertices;
+  int* dstIds = scratchIds;
+  int count = nIn;
+  for (int p = 0; p < ZOT_FRUSTUM_PLANES; p++) {
+    if (nOutside[p] == 0) continue;
+    const double* plane = planes + 4 * p;
+    int out = 0;
+    int prev = count - 1;
+    double ePrev = planeValue(plane, src + 3 * prev);
+    for (int cur = 0; cur < count; cur++) {
+      const double eCur = planeValue(plane, src + 3 * cur);
+      const bool prevInside = ePrev <= 0.0;
+      const bool curInside = eCur <= 0.0;
+      if (prevInside != curInside) {
+        if (ePrev == eCur) {
+          printf("WARNING: an edge of this polygon already lies on a clipping plane!\n");
+          nVertices = 0;
+          return;
+        }
+        if (out >= capacity) {
+          printf("WARNING: too many vertices after clipping!\n");
+          nVertices = 0;
+          return;
+        }
+        const double t = ePrev / (ePrev - eCur);
+        const double* a = src + 3 * prev;
+        const double* b = src + 3 * cur;
+        for (int i = 0; i < 3; i++) dst[3 * out + i] = a[i] + t * (b[i] - a[i]);
+        // Entering: the rest of the edge that started at prev. Leaving: the
+        // new edge runs along the clipping plane.
+        dstIds[out] = curInside ? srcIds[prev] : -1;
+        out++;
+      }
+      if (curInside) {
+        if (out >= capacity) {
+          printf("WARNING: too many vertices after clipping!\n");
+          nVertices = 0;
+          return;
+        }
+        for (int i = 0; i < 3; i++) dst[3 * out + i] = src[3 * cur + i];
+        dstIds[out] = srcIds[cur];
+        out++;
+      }
+      prev = cur;
+      ePrev = eCur;
+    }
+    if (out == 0) {
+      nVertices = 0;
+      return;
+    }
+    double* t = src;
+    src = dst;
+    dst = t;
+    int* ti = srcIds;
+    srcIds = dstIds;
+    dstIds = ti;
+    count = out;
+  }
+  if (src != vertices) {
+    for (int k = 0; k < count; k++) {
+      for (int i = 0; i < 3; i++) vertices[3 * k + i] = src[3 * k + i];
+      edgeIds[k] = srcIds[k];
+    }
+  }
+  nVertices = count;
+}
+
+// One side of the polygon outline during scan conversion.
+struct FillEdgeWalker {
+  int m_cur, m_next;
+  double m_slope, m_x0, m_y0, m_yEnd;
+};
+
+static void setFillEdge(FillEdgeWalker& w, const double* v, int cur, int next) {
+  w.m_cur = cur;
+  w.m_next = next;
+  w.m_x0 = v[2 * cur];
+  w.m_y0 = v[2 * cur + 1];
+  double dy = v[2 * next + 1] - w.m_y0;
+  if (dy == 0.0) dy = 1.0;
+  w.m_slope = (v[2 * next] - w.m_x0) / dy;
+  w.m_yEnd = std::floor(v[2 * next + 1] + 1.0);
+}
+
+int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* depth, int* ids,
+                             const unsigned char* mask, int width, int height, int nVertices,
+                             const double* vertices, const int* clipRect, int id, double ax,
+                             double ay, double a0, double upper, double lower) {
+  if (nVertices < 3 || vertices == nullptr) return -1;
+  for (int i = 0; i < 2 * nVertices; i++) {
+    if (!std::isfinite(vertices[i])) return -1;
+  }
+  if (nVertices > 3) {
+    bool positive = true;
+    for (int i = 0; i < nVertices; i++) {
+      const double* p0 = vertices + 2 * i;
+      const double* p1 = vertices + 2 * ((i + 1) % nVertices);
+      const double* p2 = vertices + 2 * ((i + 2) % nVertices);
+      const double turn = (p2[1] - p1[1]) * (p1[0] - p0[0]) - (p2[0] - p1[0]) * (p1[1] - p0[1]);
+      const bool pos = turn >= 0.0;
+      if (i == 0) {
+        positive = pos;
+      } else if (pos != positive) {
+        return -1;
+      }
+    }
+  }
+
+  int top = 0;
+  double topRounded = std::floor(vertices[1] + 0.5);
+  for (int i = 1; i < nVertices; i++) {
+    const double r = std::floor(vertices[2 * i + 1] + 0.5);
+    if (r < topRounded) {
+      topRounded = r;
+      top = i;
+    }
+  }
+
+  // The clip rectangle never reaches outside the image.
+  const int xmin = clipRect[0] > 0 ? clipRect[0] : 0;
+  const int ymin = clipRect[1] > 0 ? clipRect[1] : 0;
+  const int xmax = clipRect[2] < width - 1 ? clipRect[2] : width - 1;
+  const int ymax = clipRect[3] < height - 1 ? clipRect[3] : height - 1;
+  if (xmin > xmax || ymin > ymax) return 0;
+
+  double yFirst = std::ceil(vertices[2 * top + 1]);
+  if (yFirst < ymin) yFirst = ymin;
+  if (yFirst > ymax) return 0;
+
+  FillEdgeWalker left, right;
+  setFillEdge(left, vertices, top, (top + nVertices - 1) % nVertices);
+  setFillEdge(right, vertices, top, (top + 1) % nVertices);
+  int edgesUsed = 2;
+
+  for (int y = (int)yFirst; y <= ymax; y++) {
+    const double yd = y;
+    bool exhausted = false;
+    while (yd >= left.m_yEnd && !exhausted) {
+      if (edgesUsed >= nVertices) {
+        exhausted = true;
+      } else {
+        setFillEdge(left, vertices, left.m_next, (left.m_next + nVertices - 1) % nVertices);
+        edgesUsed++;
+      }
+    }
+    while (yd >= right.m_yEnd && !exhausted) {
+      if (edgesUsed >= nVertices) {
+        exhausted = true;
+      } else {
+        setFillEdge(right, vertices, right.m_next, (right.m_next + 1) % nVertices);
+        edgesUsed++;
+      }
+    }
+    if (exhausted) break;
+
+    const double xa = left.m_slope * (yd - left.m_y0) + left.m_x0;
+    const double xb = right.m_slope * (yd - right.m_y0) + right.m_x0;
+    double xs = std::ceil(xa < xb ? xa : xb);
+    double xe = std::floor(xa < xb ? xb : xa);
+    if (xs < xmin) xs = xmin;
+    if (xe > xmax) xe = xmax;
+    if (!(xs <= xe)) continue;
+    const int x0 = (int)xs, x1 = (int)xe;
+    const long row = (long)y * width;
+    if (depth == nullptr) {
+      if (image == nullptr) continue;
+      for (int x = x0; x <= x1; x++) {
+        if (mask != nullptr && mask[row + x] == 0) continue;
+        image[row + x] = value;
+      }
+      continue;
+    }
+    const double ayy = ay * yd;
+    double* depthRow = depth + row;
+    if (mask == nullptr && image == nullptr && ids != nullptr) {
+      // The sampler's case. The computed delta is monotonic in x (each
+      // rounding step is), so when both span ends lie within lower..upper
+      // every pixel does and only the depth comparison remains.
+      int* idRow = ids + row;
+      const double d0 = -(ax * (double)x0 + ayy + a0);
+      const double d1 = -(ax * (double)x1 + ayy + a0);
+      const bool inBounds = d0 >= lower && d0 <= upper && d1 >= lower && d1 <= upper;
+      // (double)x rather than a running sum: no chain of additions between
+      // pixels, so consecutive pixels overlap in the pipeline.
+      if (inBounds) {
+        for (int x = x0; x <= x1; x++) {
+          const double delta = -(ax * (double)x + ayy + a0);
+          if (delta > depthRow[x]) {
+            depthRow[x] = delta;
+            idRow[x] = id;
+          }
+        }
+      } else {
+        for (int x = x0; x <= x1; x++) {
+          const double delta = -(ax * (double)x + ayy + a0);
+          if (delta >= lower && delta <= upper && delta > depthRow[x]) {
+            depthRow[x] = delta;
+            idRow[x] = id;
+          }
+        }
+      }
+      continue;
+    }
+    for (int x = x0; x <= x1; x++) {
+      if (mask != nullptr && mask[row + x] == 0) continue;
+      const double delta = -(ax * x + ayy + a0);
+      if (delta >= lower && delta <= upper && delta > depthRow[x]) {
+        depthRow[x] = delta;
+        if (ids != nullptr) ids[row + x] = id;
+        if (image != nullptr) image[row + x] = value;
+      }
+    }
+  }
+  return 0;
+}
+
+int initLineIterator(unsigned char* image, int width, int height, int bytesPerPixel,
+                     const int* start, const int* end, myLineIterator* it, int connectivity,
+                     int leftToRight) {
+  int p1[2] = {start[0], start[1]};
+  int p2[2] = {end[0], end[1]};
+  const bool inside1 = p1[0] >= 0 && p1[0] < width && p1[1] >= 0 && p1[1] < height;
+  const bool inside2 = p2[0] >= 0 && p2[0] < width && p2[1] >= 0 && p2[1] < height;
+  if (!inside1 || !inside2) {
+    if (!clipLine2D(width, height, p1, p2)) {
+      it->m_ptr = image;
+      it->m_err = 0;
+      it->m_condDelta = 0;
+      it->m_fixedDelta = 0;
+      it->m_condStep = 0;
+      it->m_fixedStep = 0;
+      return 0;
+    }
+  }
+  const int rowStep = width * bytesPerPixel;
+  int dx = p2[0] - p1[0];
+  int dy = p2[1] - p1[1];
+  int xStep = bytesPerPixel;
+  if (dx < 0) {
+    if (leftToRight) {
+      // Walk from the other end so that x grows.
+      const int tx = p1[0], ty = p1[1];
+      p1[0] = p2[0];
+      p1[1] = p2[1];
+      p2[0] = tx;
+      p2[1] = ty;
+      dx = -dx;
+      dy = -dy;
+    } else {
+      dx = -dx;
+      xStep = -xStep;
+    }
+  }
+  int yStep = rowStep;
+  if (dy < 0) {
+    dy = -dy;
+    yStep = -yStep;
+  }
+  if (dx < 0 || dy < 0) {
+    printf(" ERROR: step must be non-negative!\n");
+    return -1;
+  }
+  it->m_ptr = image + (long)p1[1] * rowStep + (long)p1[0] * bytesPerPixel;
+
+  int major = dx, minor = dy, majorStep = xStep, minorStep = yStep;
+  if (dy > dx) {
+    major = dy;
+    minor = dx;
+    majorStep = yStep;
+    minorStep = xStep;
+  }
+  if (connectivity == 8) {
+    it->m_err = major - 2 * minor;
+    it->m_condDelta = 2 * major;
+    it->m_fixedDelta = -2 * minor;
+    it->m_condStep = minorStep;
+    it->m_fixedStep = majorStep;
+    return major + 1;
+  }
+  // 4-connected: each step moves along exactly one axis.
+  it->m_err = 0;
+  it->m_condDelta = 2 * (major + minor);
+  it->m_fixedDelta = -2 * minor;
+  it->m_condStep = minorStep - majorStep;
+  it->m_fixedStep = majorStep;
+  return major + minor + 1;
+}
+
+static inline int regionCode(int64_t x, int64_t y, int64_t right, int64_t bottom) {
+  return (x < 0 ? 1 : 0) | (x > right ? 2 : 0) | (y < 0 ? 4 : 0) | (y > bottom ? 8 : 0);
+}
+
+// a*b/c truncated toward zero; the product of two coordinate differences of
+// arbitrary ints needs more than 64 bits.
+static inline int64_t scaledStep(int64_t a, int64_t b, int64_t c) {
+  return (int64_t)((__int128)a * b / c);
+}
+
+int clipLine2D(int width, int height, int* point1, int* point2) {
+  if (width < 1 || height < 1) return 0;
+  const int64_t right = width - 1, bottom = height - 1;
+  int64_t x1 = point1[0], y1 = point1[1], x2 = point2[0], y2 = point2[1];
+  int c1 = regionCode(x1, y1, right, bottom);
+  int c2 = regionCode(x2, y2, right, bottom);
+  if ((c1 & c2) == 0 && (c1 | c2) != 0) {
+    if (c1 & 12) {
+      const int64_t a = c1 < 8 ? 0 : bottom;
+      x1 += scaledStep(a - y1, x2 - x1, y2 - y1);
+      y1 = a;
+      c1 = regionCode(x1, y1, right, bottom);
+    }
+    if (c2 & 12) {
+      const int64_t a = c2 < 8 ? 0 : bottom;
+      x2 += scaledStep(a - y2, x2 - x1, y2 - y1);
+      y2 = a;
+      c2 = regionCode(x2, y2, right, bottom);
+    }
+    if ((c1 & c2) == 0 && (c1 | c2) != 0) {
+      if (c1 & 3) {
+        const int64_t a = (c1 & 1) ? 0 : right;
+        y1 += scaledStep(a - x1, y2 - y1, x2 - x1);
+        x1 = a;
+        c1 = regionCode(x1, y1, right, bottom);
+      }
+      if (c2 & 3) {
+        const int64_t a = (c2 & 1) ? 0 : right;
+        y2 += scaledStep(a - x2, y2 - y1, x2 - x1);
+        x2 = a;
+        c2 = regionCode(x2, y2, right, bottom);
+      }
+    }
+  }
+  const bool accepted = (c1 | c2) == 0;
+  if (accepted && (x1 < 0 || y1 < 0 || x2 < 0 || y2 < 0)) printf("ERROR: clip line\n");
+  point1[0] = (int)x1;
+  point1[1] = (int)y1;
+  point2[0] = (int)x2;
+  point2[1] = (int)y2;
+  return accepted ? 1 : 0;
 }
 
 }  // namespace ZOTtracker

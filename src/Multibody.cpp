@@ -1,0 +1,195 @@
+// Multibody model: capacities, buffers, local frames and sample getters.
+#include "Multibody.h"
+
+#include <cstdio>
+
+#include "Math.h"
+#include "memory_handling.h"
+
+namespace ZOTtracker {
+
+Multibody::Multibody()
+    : m_nCams(0),
+      m_maxSamplePointsPerCam(0),
+      m_nBodies(0),
+      m_nLocalFrames(0),
+      m_maskImage(nullptr),
+      m_debugImage(nullptr),
+      m_depthMap(nullptr),
+      m_faceIdMap(nullptr),
+      m_visibleEdgeBuffer(nullptr),
+      m_visibleEdgeIds(nullptr),
+      m_usePresetDepthMap(false),
+      m_bufferWidth(0),
+      m_bufferHeight(0),
+      m_maxVisibleEdges(0) {
+  // Counts and pointers the set-up may leave alone must not be garbage.
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
+    m_nMaskPolygons[c] = 0;
+    m_nSamplePointsPerCam[c] = 0;
+    m_samplePointsPerCam[c] = nullptr;
+    m_sampleTangentDirPerCam[c] = nullptr;
+    m_presetDepthMapPerCam[c] = nullptr;
+  }
+  for (int b = 0; b < ZOT_MAX_BODIES; b++) {
+    m_polylineSupportFace[b][0] = -1;
+    m_polylineSupportFace[b][1] = -1;
+    m_bodyType[b] = ZOT_BODY_POLYHEDRON;
+    m_bodyActive[b] = 0;
+  }
+  matrixIdentity(m_currentLocalFrame, 4);
+  for (int i = 0; i < 5; i++) {
+    m_depthDirty[i] = 0;
+    m_faceIdDirty[i] = 0;
+    m_maskDirty[i] = 0;
+  }
+}
+
+Multibody::~Multibody() {}
+
+// Marks the whole buffer as possibly written: the next call clears all of it.
+static void markAllDirty(int* dirty, int width, int height) {
+  dirty[0] = 0;
+  dirty[1] = 0;
+  dirty[2] = width - 1;
+  dirty[3] = height - 1;
+  dirty[4] = width;
+}
+
+int Multibody::init(int nCams, int maxSamples, int width, int height) {
+  if (nCams < 0 || nCams > ZOT_MAX_CAMERAS) {
+    printf("ERROR: the number of cameras must be between 0 and %d, not %d!\n", ZOT_MAX_CAMERAS,
+           nCams);
+    return -1;
+  }
+  if (m_nBodies < 0 || m_nBodies > ZOT_MAX_BODIES) {
+    printf("ERROR: the number of bodies must be between 0 and %d, not %d!\n", ZOT_MAX_BODIES,
+           m_nBodies);
+    return -1;
+  }
+  if (m_nLocalFrames < 0 || m_nLocalFrames > ZOT_MAX_LOCAL_FRAMES) {
+    printf("ERROR: the number of local frames must be between 0 and %d, not %d!\n",
+           ZOT_MAX_LOCAL_FRAMES, m_nLocalFrames);
+    return -1;
+  }
+  for (int c = 0; c < nCams; c++) {
+    if (m_nMaskPolygons[c] < 0 || m_nMaskPolygons[c] > ZOT_MAX_MASK_POLYGONS) {
+      printf("ERROR: camera %d has %d mask polygons, at most %d are supported!\n", c,
+             m_nMaskPolygons[c], ZOT_MAX_MASK_POLYGONS);
+      return -1;
+    }
+    for (int p = 0; p < m_nMaskPolygons[c]; p++) {
+      const int nv = m_maskPolygonNVertices[c][p];
+      if (nv < 0 || nv > ZOT_MAX_MASK_VERTICES) {
+        printf("ERROR: mask polygon %d of camera %d has %d vertices, at most %d are supported!\n",
+               p, c, nv, ZOT_MAX_MASK_VERTICES);
+        return -1;
+      }
+    }
+  }
+  if (maxSamples < 0 || width < 0 || height < 0) {
+    printf("ERROR: negative sample capacity or image size!\n");
+    return -1;
+  }
+
+  m_nCams = nCams;
+  m_maxSamplePointsPerCam = maxSamples;
+  for (int c = 0; c < nCams; c++) {
+    m_samplePointsPerCam[c] = myMallocDouble(3 * (size_t)maxSamples);
+    m_sampleTangentDirPerCam[c] = myMallocDouble(3 * (size_t)maxSamples);
+  }
+  const size_t nPixels = (size_t)width * height;
+  m_maskImage = myMallocUchar(nPixels);
+  m_debugImage = myMallocUchar(3 * nPixels);
+  m_depthMap = myMallocDouble(nPixels);
+  for (int c = 0; c < nCams; c++) m_presetDepthMapPerCam[c] = myMallocDouble(nPixels);
+  m_faceIdMap = myMallocInt(nPixels);
+
+  int nEdges = 0;
+  for (int b = 0; b < m_nBodies; b++) {
+    if (m_bodyActive[b] == 0) continue;
+    if (m_bodyType[b] == ZOT_BODY_POLYHEDRON) nEdges += m_polyhedra[b].m_nEdges;
+    if (m_bodyType[b] == ZOT_BODY_POLYLINE) nEdges += m_polylines[b].m_nSegments;
+  }
+  m_visibleEdgeBuffer = myMallocDouble(6 * (size_t)nEdges);
+  m_visibleEdgeIds = myMallocInt(3 * (size_t)nEdges);
+  m_maxVisibleEdges = nEdges;
+  m_bufferWidth = width;
+  m_bufferHeight = height;
+  // Pool memory may hold old data (after resetMemoryCounters): the first
+  // sampling call clears everything.
+  markAllDirty(m_depthDirty, width, height);
+  markAllDirty(m_faceIdDirty, width, height);
+  markAllDirty(m_maskDirty, width, height);
+
+  matrixIdentity(m_currentLocalFrame, 4);
+  return 0;
+}
+
+int Multibody::changeLocalFrame(int index) {
+  if (index < 0 || index >= m_nLocalFrames || index >= ZOT_MAX_LOCAL_FRAMES) {
+    printf("ERROR: wrong index of local frame!\n");
+    return -1;
+  }
+  double currentInv[16], T[16];
+  inverseTransform(m_currentLocalFrame, currentInv);
+  matrixProduct444(currentInv, m_localFrames[index], T);
+  const int nBodies = m_nBodies < ZOT_MAX_BODIES ? m_nBodies : ZOT_MAX_BODIES;
+  for (int b = 0; b < nBodies; b++) {
+    switch (m_bodyType[b]) {
+      case ZOT_BODY_POLYHEDRON:
+        m_polyhedra[b].changeLocalFrame(T);
+        break;
+      case ZOT_BODY_POLYLINE:
+        m_polylines[b].changeLocalFrame(T);
+        break;
+      case ZOT_BODY_CYLINDER:
+        m_cylinders[b].changeLocalFrame(T);
+        break;
+      default:
+        printf("ERROR: wrong object class!\n");
+        return -1;
+    }
+  }
+  return 0;
+}
+
+void Multibody::resetNSamplePointsPerCam() {
+  for (int c = 0; c < m_nCams && c < ZOT_MAX_CAMERAS; c++) m_nSamplePointsPerCam[c] = 0;
+}
+
+int Multibody::getNbodies() const { return m_nBodies; }
+
+int Multibody::getActiveBody(int body) const {
+  if (body < 0 || body >= m_nBodies || body >= ZOT_MAX_BODIES) {
+    printf("ERROR: wrong body ID\n");
+    return -1;
+  }
+  return m_bodyActive[body];
+}
+
+int Multibody::getNSamplePointsPerCam(int cam) const {
+  if (cam < 0 || cam >= m_nCams) {
+    printf("ERROR: wrong camera ID\n");
+    return 0;
+  }
+  return m_nSamplePointsPerCam[cam];
+}
+
+double* Multibody::getSamplePointsPerCam(int cam) const {
+  if (cam < 0 || cam >= m_nCams) {
+    printf("ERROR: wrong camera ID\n");
+    return nullptr;
+  }
+  return m_samplePointsPerCam[cam];
+}
+
+double* Multibody::getSampleTangentDirPerCam(int cam) const {
+  if (cam < 0 || cam >= m_nCams) {
+    printf("ERROR: wrong camera ID\n");
+    return nullptr;
+  }
+  return m_sampleTangentDirPerCam[cam];
+}
+
+}  // namespace ZOTtracker

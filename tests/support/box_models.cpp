@@ -1,0 +1,147 @@
+// Test models built into the typed pools.
+#include "box_models.h"
+
+#include <cmath>
+
+#include "Imgproc.h"
+#include "Math.h"
+#include "memory_handling.h"
+
+using namespace ZOTtracker;
+
+namespace zot_test {
+
+PoolScope::PoolScope(size_t doubles, size_t ints, size_t bytes) {
+  doBigMalloc(bytes, 1000, doubles, 1000, ints, 100000, 1000);
+}
+
+PoolScope::~PoolScope() { doBigFree(); }
+
+Mesh boxMesh(const double centre[3], const double halfSize[3]) {
+  Mesh m;
+  for (int i = 0; i < 8; i++) {
+    for (int a = 0; a < 3; a++) {
+      const double s = ((i >> a) & 1) ? 1.0 : -1.0;
+      m.vertices.push_back(centre[a] + s * halfSize[a]);
+    }
+  }
+  // Outward winding (counter-clockwise seen from outside).
+  const int faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
+                           {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+  for (const auto& f : faces) {
+    m.faceSizes.push_back(4);
+    m.faceIndices.insert(m.faceIndices.end(), f, f + 4);
+  }
+  return m;
+}
+
+Mesh plateMesh(double half) {
+  Mesh m;
+  m.vertices = {-half, -half, 0.0, half, -half, 0.0, half, half, 0.0, -half, half, 0.0};
+  m.faceSizes = {4};
+  m.faceIndices = {0, 1, 2, 3};
+  return m;
+}
+
+Mesh sphereMesh(int nLat, int nLon, double radius) {
+  Mesh m;
+  m.vertices = {0.0, 0.0, radius};
+  for (int i = 1; i < nLat; i++) {
+    const double theta = ZOT_PI * i / nLat;
+    for (int j = 0; j < nLon; j++) {
+      const double phi = 2.0 * ZOT_PI * j / nLon;
+      m.vertices.push_back(radius * std::sin(theta) * std::cos(phi));
+      m.vertices.push_back(radius * std::sin(theta) * std::sin(phi));
+      m.vertices.push_back(radius * std::cos(theta));
+    }
+  }
+  m.vertices.insert(m.vertices.end(), {0.0, 0.0, -radius});
+  const int south = 1 + (nLat - 1) * nLon;
+  auto ring = [nLon](int i, int j) { return 1 + (i - 1) * nLon + (j % nLon); };
+  auto tri = [&m](int a, int b, int c) {
+    m.faceSizes.push_back(3);
+    m.faceIndices.insert(m.faceIndices.end(), {a, b, c});
+  };
+  for (int j = 0; j < nLon; j++) tri(0, ring(1, j), ring(1, j + 1));
+  for (int i = 1; i < nLat - 1; i++) {
+    for (int j = 0; j < nLon; j++) {
+      tri(ring(i, j), ring(i + 1, j), ring(i + 1, j + 1));
+      tri(ring(i, j), ring(i + 1, j + 1), ring(i, j + 1));
+    }
+  }
+  for (int j = 0; j < nLon; j++) tri(south, ring(nLat - 1, j + 1), ring(nLat - 1, j));
+  return m;
+}
+
+int buildPolyhedron(Polyhedron& ph, const Mesh& mesh, bool flat, double featureAngleDeg) {
+  ph.m_nVertices = (int)mesh.vertices.size() / 3;
+  ph.m_vertices = myMallocDouble(mesh.vertices.size());
+  for (size_t i = 0; i < mesh.vertices.size(); i++) ph.m_vertices[i] = mesh.vertices[i];
+  ph.m_nFaces = (int)mesh.faceSizes.size();
+  ph.m_faceNormals = myMallocDouble(3 * mesh.faceSizes.size());
+  ph.m_faceFacing = myMallocDouble(mesh.faceSizes.size());
+  ph.m_nVerticesPerFace = myMallocInt(mesh.faceSizes.size());
+  ph.m_faceVertices = myMallocIntPtr(mesh.faceSizes.size());
+  ph.m_faceEdges = myMallocIntPtr(mesh.faceSizes.size());
+  size_t next = 0;
+  for (size_t f = 0; f < mesh.faceSizes.size(); f++) {
+    const int n = mesh.faceSizes[f];
+    ph.m_nVerticesPerFace[f] = n;
+    ph.m_faceVertices[f] = myMallocInt(n);
+    ph.m_faceEdges[f] = myMallocInt(n);
+    for (int j = 0; j < n; j++) ph.m_faceVertices[f][j] = mesh.faceIndices[next++];
+  }
+  return ph.init(flat, featureAngleDeg);
+}
+
+int addPolyhedronBody(Multibody& mb, const Mesh& mesh, bool flat, double featureAngleDeg) {
+  const int b = mb.m_nBodies;
+  if (buildPolyhedron(mb.m_polyhedra[b], mesh, flat, featureAngleDeg) != 0) return -1;
+  mb.m_bodyType[b] = ZOT_BODY_POLYHEDRON;
+  mb.m_bodyActive[b] = 1;
+  mb.m_nBodies++;
+  return b;
+}
+
+int addPolylineBody(Multibody& mb, const std::vector<double>& points,
+                    const std::vector<int>& segments, int supportBody, int supportFace) {
+  const int b = mb.m_nBodies;
+  Polyline& pl = mb.m_polylines[b];
+  pl.m_nPoints = (int)points.size() / 3;
+  pl.m_points = myMallocDouble(points.size());
+  pl.m_pointsInCamera = myMallocDouble(points.size());
+  for (size_t i = 0; i < points.size(); i++) pl.m_points[i] = points[i];
+  pl.m_nSegments = (int)segments.size() / 2;
+  pl.m_segments = myMallocInt(segments.size());
+  for (size_t i = 0; i < segments.size(); i++) pl.m_segments[i] = segments[i];
+  mb.m_polylineSupportFace[b][0] = supportBody;
+  mb.m_polylineSupportFace[b][1] = supportFace;
+  mb.m_bodyType[b] = ZOT_BODY_POLYLINE;
+  mb.m_bodyActive[b] = 1;
+  mb.m_nBodies++;
+  return b;
+}
+
+void pinholeK(double* K, double f, int width, int height) {
+  const double k[9] = {f, 0.0, (width - 1) / 2.0, 0.0, f, (height - 1) / 2.0, 0.0, 0.0, 1.0};
+  for (int i = 0; i < 9; i++) K[i] = k[i];
+}
+
+void setCameraFrustum(Multibody& mb, int cam, const double* K, int width, int height, double zNear,
+                      double zFar) {
+  computeViewingFrustum(mb.m_viewingFrustum[cam], K, 0.0, 0.0, width - 1.0, height - 1.0, zNear,
+                        zFar);
+}
+
+void makePose(double* T, double ax, double ay, double az, double tx, double ty, double tz) {
+  TfromEuler(T, ax, ay, az, tx, ty, tz);
+}
+
+void projectObjectPoint(const double* T, const double* K, const double* X, double* uv) {
+  double Y[3];
+  transformPoint3d(T, X, Y);
+  uv[0] = Y[0] / Y[2] * K[0] + K[2];
+  uv[1] = Y[1] / Y[2] * K[4] + K[5];
+}
+
+}  // namespace zot_test
