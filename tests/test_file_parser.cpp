@@ -245,7 +245,7 @@ TEST_F(ParserTest, SamplePolyhedronBuildsAClosedOutwardMesh) {
                                      m_array.data()),
             0);
   const double* a = m_array.data();
-  zottest::Mesh mesh;
+  zot_test::Mesh mesh;
   int i = 0;
   const int nv = (int)a[i++];
   mesh.vertices.assign(a + i, a + i + 3 * nv);
@@ -257,10 +257,10 @@ TEST_F(ParserTest, SamplePolyhedronBuildsAClosedOutwardMesh) {
     for (int j = 0; j < k; j++) mesh.faceIndices.push_back((int)a[i++] - 1);
   }
   EXPECT_EQ(i, m_count);
-  zottest::PoolScope pools;
+  zot_test::PoolScope pools;
   Polyhedron ph;
   CaptureStdout();
-  EXPECT_EQ(zottest::buildPolyhedron(ph, mesh, false, 30.0), 0);
+  EXPECT_EQ(zot_test::buildPolyhedron(ph, mesh, false, 30.0), 0);
   EXPECT_EQ(GetCapturedStdout(), "");
   EXPECT_EQ(ph.m_nEdges, 15);
   // Outward: every face normal points away from the box centre (0, 0, 30).

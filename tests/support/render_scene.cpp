@@ -1,0 +1,181 @@
+#include "render_scene.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "synthetic_images.h"
+
+namespace zot_test {
+
+namespace {
+
+struct Face {
+  int start, size;
+  double n[3], d;  // plane n . X = d in the object frame
+  int axis;        // dominant normal axis, dropped for the 2D inside test
+};
+
+struct PreparedObject {
+  const RenderObject* object;
+  std::vector<Face> faces;
+  double Rt[9], origin[3];  // camera-to-object rotation and camera centre in the object frame
+};
+
+PreparedObject prepare(const RenderObject& o) {
+  PreparedObject p;
+  p.object = &o;
+  const zot_test::Mesh& m = *o.mesh;
+  int start = 0;
+  for (int size : m.faceSizes) {
+    Face f{start, size, {0, 0, 0}, 0, 2};
+    const double* a = &m.vertices[3 * m.faceIndices[start]];
+    // Newell's normal: robust for any planar polygon.
+    for (int k = 0; k < size; k++) {
+      const double* u = &m.vertices[3 * m.faceIndices[start + k]];
+      const double* v = &m.vertices[3 * m.faceIndices[start + (k + 1) % size]];
+      f.n[0] += (u[1] - v[1]) * (u[2] + v[2]);
+      f.n[1] += (u[2] - v[2]) * (u[0] + v[0]);
+      f.n[2] += (u[0] - v[0]) * (u[1] + v[1]);
+    }
+    f.d = f.n[0] * a[0] + f.n[1] * a[1] + f.n[2] * a[2];
+    const double ax = std::fabs(f.n[0]), ay = std::fabs(f.n[1]), az = std::fabs(f.n[2]);
+    f.axis = (ax >= ay && ax >= az) ? 0 : (ay >= az ? 1 : 2);
+    p.faces.push_back(f);
+    start += size;
+  }
+  const double* T = o.pose;
+  const double R[9] = {T[0], T[1], T[2], T[4], T[5], T[6], T[8], T[9], T[10]};
+  for (int i = 0; i < 3; i++)
+    for (int j = 0; j < 3; j++) p.Rt[3 * i + j] = R[3 * j + i];
+  const double t[3] = {T[3], T[7], T[11]};
+  for (int i = 0; i < 3; i++)
+    p.origin[i] = -(p.Rt[3 * i] * t[0] + p.Rt[3 * i + 1] * t[1] + p.Rt[3 * i + 2] * t[2]);
+  return p;
+}
+
+// Crossing-number test in the plane that drops the face's dominant axis.
+bool insideFace(const zot_test::Mesh& m, const Face& f, const double* X) {
+  const int a = f.axis == 0 ? 1 : 0, b = f.axis == 2 ? 1 : 2;
+  bool inside = false;
+  for (int k = 0, j = f.size - 1; k < f.size; j = k++) {
+    const double* p = &m.vertices[3 * m.faceIndices[f.start + k]];
+    const double* q = &m.vertices[3 * m.faceIndices[f.start + j]];
+    if ((p[b] > X[b]) != (q[b] > X[b]) &&
+        X[a] < (q[a] - p[a]) * (X[b] - p[b]) / (q[b] - p[b]) + p[a])
+      inside = !inside;
+  }
+  return inside;
+}
+
+// Nearest hit along the camera ray (x, y, 1): depth and grey, or depth < 0.
+void castRay(const std::vector<PreparedObject>& objects, double x, double y, double* depth,
+             unsigned char* grey) {
+  *depth = -1.0;
+  for (const PreparedObject& p : objects) {
+    const double dir[3] = {p.Rt[0] * x + p.Rt[1] * y + p.Rt[2], p.Rt[3] * x + p.Rt[4] * y + p.Rt[5],
+                           p.Rt[6] * x + p.Rt[7] * y + p.Rt[8]};
+    for (size_t fi = 0; fi < p.faces.size(); fi++) {
+      const Face& f = p.faces[fi];
+      const double denom = f.n[0] * dir[0] + f.n[1] * dir[1] + f.n[2] * dir[2];
+      if (denom == 0.0) continue;
+      const double s =
+          (f.d - (f.n[0] * p.origin[0] + f.n[1] * p.origin[1] + f.n[2] * p.origin[2])) / denom;
+      if (s <= 0.0 || (*depth >= 0.0 && s >= *depth)) continue;
+      const double X[3] = {p.origin[0] + s * dir[0], p.origin[1] + s * dir[1],
+                           p.origin[2] + s * dir[2]};
+      if (!insideFace(*p.object->mesh, f, X)) continue;
+      *depth = s;  // camera depth: the ray has unit z in the camera frame
+      *grey = p.object->faceGrey[fi];
+    }
+  }
+}
+
+}  // namespace
+
+void projectDistorted(const RenderCamera& cam, const double* pose, const double* X, double* uv) {
+  const double* T = pose;
+  const double Y[3] = {T[0] * X[0] + T[1] * X[1] + T[2] * X[2] + T[3],
+                       T[4] * X[0] + T[5] * X[1] + T[6] * X[2] + T[7],
+                       T[8] * X[0] + T[9] * X[1] + T[10] * X[2] + T[11]};
+  double xd, yd;
+  distortNormalized(cam.dist, Y[0] / Y[2], Y[1] / Y[2], &xd, &yd);
+  uv[0] = cam.K[0] * xd + cam.K[2];
+  uv[1] = cam.K[4] * yd + cam.K[5];
+}
+
+void renderScene(unsigned char* img, const RenderCamera& cam,
+                 const std::vector<RenderObject>& objects, int ss) {
+  std::vector<PreparedObject> prepared;
+  int x0 = cam.width, y0 = cam.height, x1 = -1, y1 = -1;
+  for (const RenderObject& o : objects) {
+    prepared.push_back(prepare(o));
+    const std::vector<double>& v = o.mesh->vertices;
+    for (size_t i = 0; i + 2 < v.size(); i += 3) {
+      const double* T = o.pose;
+      const double z = T[8] * v[i] + T[9] * v[i + 1] + T[10] * v[i + 2] + T[11];
+      double uv[2];
+      projectDistorted(cam, o.pose, &v[i], uv);
+      if (z <= 0.0 || !std::isfinite(uv[0]) || !std::isfinite(uv[1])) {
+        x0 = y0 = 0;  // something behind the camera: cast everything
+        x1 = cam.width - 1;
+        y1 = cam.height - 1;
+        continue;
+      }
+      x0 = std::min(x0, (int)std::floor(uv[0]) - 2);
+      y0 = std::min(y0, (int)std::floor(uv[1]) - 2);
+      x1 = std::max(x1, (int)std::ceil(uv[0]) + 2);
+      y1 = std::max(y1, (int)std::ceil(uv[1]) + 2);
+    }
+  }
+  x0 = std::max(x0, 0);
+  y0 = std::max(y0, 0);
+  x1 = std::min(x1, cam.width - 1);
+  y1 = std::min(y1, cam.height - 1);
+  const double fx = cam.K[0], cx = cam.K[2], fy = cam.K[4], cy = cam.K[5];
+  for (int y = y0; y <= y1; y++) {
+    for (int x = x0; x <= x1; x++) {
+      unsigned char& pixel = img[(long)y * cam.width + x];
+      double sum = 0.0;
+      int hits = 0;
+      for (int sy = 0; sy < ss; sy++) {
+        for (int sx = 0; sx < ss; sx++) {
+          const double u = x - 0.5 + (sx + 0.5) / ss, v = y - 0.5 + (sy + 0.5) / ss;
+          double xn, yn, depth;
+          undistortNormalized(cam.dist, (u - cx) / fx, (v - cy) / fy, &xn, &yn);
+          unsigned char grey = 0;
+          castRay(prepared, xn, yn, &depth, &grey);
+          if (depth > 0.0) {
+            sum += grey;
+            hits++;
+          } else {
+            sum += pixel;
+          }
+        }
+      }
+      if (hits > 0) pixel = (unsigned char)std::lround(sum / (ss * ss));
+    }
+  }
+}
+
+std::vector<unsigned char> lambertGreys(const zot_test::Mesh& mesh, const double* pose,
+                                        const double* lightDir, double ambient, double diffuse) {
+  RenderObject o;
+  o.mesh = &mesh;
+  std::copy(pose, pose + 16, o.pose);
+  const PreparedObject p = prepare(o);
+  double l[3] = {lightDir[0], lightDir[1], lightDir[2]};
+  const double ln = std::sqrt(l[0] * l[0] + l[1] * l[1] + l[2] * l[2]);
+  for (double& c : l) c /= ln;
+  std::vector<unsigned char> greys;
+  for (const Face& f : p.faces) {
+    const double nn = std::sqrt(f.n[0] * f.n[0] + f.n[1] * f.n[1] + f.n[2] * f.n[2]);
+    double nc[3];
+    for (int i = 0; i < 3; i++)
+      nc[i] = (pose[4 * i] * f.n[0] + pose[4 * i + 1] * f.n[1] + pose[4 * i + 2] * f.n[2]) / nn;
+    const double lambert = std::max(0.0, nc[0] * l[0] + nc[1] * l[1] + nc[2] * l[2]);
+    greys.push_back(clampToByte(ambient + diffuse * lambert));
+  }
+  return greys;
+}
+
+}  // namespace zot_test
