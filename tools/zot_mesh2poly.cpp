@@ -1,0 +1,639 @@
+// zot_mesh2poly: converts a CAD mesh (OBJ, or STL in ASCII or binary) into
+// the tracker's polyhedron file format. Merges duplicate vertices, merges
+// coplanar neighbouring triangles into convex polygons, scales units, checks
+// closedness and orientation, and verifies the result with the tracker's own
+// polyhedron set-up before anything is written.
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Polyhedron.h"
+#include "memory_handling.h"
+
+namespace {
+
+const char* const kUsage =
+    "usage: zot_mesh2poly [options] INPUT OUTPUT\n"
+    "\n"
+    "Converts a triangle or polygon mesh into a polyhedron file for the tracker.\n"
+    "INPUT is an OBJ file (.obj) or an STL file (.stl, ASCII or binary); OUTPUT is\n"
+    "the polyhedron file to write. Nothing is written unless the whole conversion\n"
+    "succeeds.\n"
+    "\n"
+    "options:\n"
+    "  --scale S            multiply all coordinates by S (applied after --units)\n"
+    "  --units FROM:TO      unit conversion, FROM and TO each one of m, cm, mm, in\n"
+    "                       (e.g. m:mm multiplies by 1000)\n"
+    "  --tolerance T        vertices closer than T (output units) are merged\n"
+    "                       (default: 1e-6 times the bounding-box diagonal)\n"
+    "  --coplanar-angle A   neighbouring faces whose normals differ by less than A\n"
+    "                       degrees are merged into one convex polygon (default 0.01;\n"
+    "                       0 keeps the faces as they are)\n"
+    "  --flat               the mesh is an open surface: boundary edges are allowed\n"
+    "  --flip               reverse the winding of every face\n"
+    "  --drop-degenerate    drop faces of zero area instead of failing on them\n"
+    "  --feature-angle A    crease angle used for the verification report (default 30)\n"
+    "  -q, --quiet          print errors only\n"
+    "  -h, --help           this text\n"
+    "\n"
+    "A closed mesh must have every edge shared by exactly two faces with opposite\n"
+    "directions (consistent winding); faces wound inward are reversed and\n"
+    "reported. Exit status: 0 on success, 1 on bad input, 2 on bad arguments.\n";
+
+struct Mesh {
+  std::vector<double> v;                // 3 per vertex
+  std::vector<std::vector<int>> faces;  // 0-based indices
+};
+
+struct Options {
+  double scale = 1.0;
+  double tolerance = -1.0;  // < 0: relative default
+  double coplanarAngle = 0.01;
+  double featureAngle = 30.0;
+  bool flat = false, flip = false, dropDegenerate = false, quiet = false;
+  std::string input, output;
+};
+
+bool g_quiet = false;
+
+void info(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void info(const char* fmt, ...) {
+  if (g_quiet) return;
+  va_list args;
+  va_start(args, fmt);
+  vprintf(fmt, args);
+  va_end(args);
+}
+
+// Every failure ends here: one clear line on stderr, status 1.
+[[noreturn]] void fail(const std::string& message) {
+  fprintf(stderr, "zot_mesh2poly: error: %s\n", message.c_str());
+  exit(1);
+}
+
+[[noreturn]] void usageError(const std::string& message) {
+  fprintf(stderr, "zot_mesh2poly: %s\n(see zot_mesh2poly --help)\n", message.c_str());
+  exit(2);
+}
+
+double parseNumber(const char* text, const char* option) {
+  char* end = nullptr;
+  errno = 0;
+  const double value = strtod(text, &end);
+  if (end == text || *end != '\0' || errno != 0 || !std::isfinite(value))
+    usageError(std::string("invalid number for ") + option + ": '" + text + "'");
+  return value;
+}
+
+double unitInMetres(const std::string& unit) {
+  if (unit == "m") return 1.0;
+  if (unit == "cm") return 0.01;
+  if (unit == "mm") return 0.001;
+  if (unit == "in") return 0.0254;
+  usageError("unknown unit '" + unit + "' (use m, cm, mm or in)");
+}
+
+Options parseArguments(int argc, char** argv) {
+  Options o;
+  double unitScale = 1.0;
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; i++) {
+    const std::string a = argv[i];
+    auto value = [&](const char* name) -> const char* {
+      if (i + 1 >= argc) usageError(std::string("option ") + name + " needs a value");
+      return argv[++i];
+    };
+    if (a == "-h" || a == "--help") {
+      fputs(kUsage, stdout);
+      exit(0);
+    } else if (a == "--scale") {
+      o.scale = parseNumber(value("--scale"), "--scale");
+      if (o.scale == 0.0) usageError("--scale must not be 0");
+    } else if (a == "--units") {
+      const std::string spec = value("--units");
+      const size_t colon = spec.find(':');
+      if (colon == std::string::npos) usageError("--units takes FROM:TO, e.g. m:mm");
+      unitScale = unitInMetres(spec.substr(0, colon)) / unitInMetres(spec.substr(colon + 1));
+    } else if (a == "--tolerance") {
+      o.tolerance = parseNumber(value("--tolerance"), "--tolerance");
+      if (o.tolerance < 0.0) usageError("--tolerance must not be negative");
+    } else if (a == "--coplanar-angle") {
+      o.coplanarAngle = parseNumber(value("--coplanar-angle"), "--coplanar-angle");
+      if (o.coplanarAngle < 0.0 || o.coplanarAngle >= 90.0)
+        usageError("--coplanar-angle must lie in [0, 90)");
+    } else if (a == "--feature-angle") {
+      o.featureAngle = parseNumber(value("--feature-angle"), "--feature-angle");
+    } else if (a == "--flat") {
+      o.flat = true;
+    } else if (a == "--flip") {
+      o.flip = true;
+    } else if (a == "--drop-degenerate") {
+      o.dropDegenerate = true;
+    } else if (a == "-q" || a == "--quiet") {
+      o.quiet = true;
+    } else if (a.size() > 1 && a[0] == '-') {
+      usageError("unknown option '" + a + "'");
+    } else {
+      positional.push_back(a);
+    }
+  }
+  if (positional.size() != 2) usageError("expected INPUT and OUTPUT");
+  o.input = positional[0];
+  o.output = positional[1];
+  o.scale *= unitScale;
+  return o;
+}
+
+// ================================================================ readers
+bool endsWith(const std::string& s, const char* suffix) {
+  const size_t n = strlen(suffix);
+  if (s.size() < n) return false;
+  for (size_t i = 0; i < n; i++)
+    if (tolower((unsigned char)s[s.size() - n + i]) != suffix[i]) return false;
+  return true;
+}
+
+std::string readWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) fail("cannot open '" + path + "': " + strerror(errno));
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void checkFinite(const double* p, const std::string& where) {
+  for (int k = 0; k < 3; k++)
+    if (!std::isfinite(p[k])) fail("non-finite coordinate in " + where);
+}
+
+// OBJ: "v x y z" and "f i j k ..." with i, i/t, i//n or i/t/n, negative
+// indices counting back from the last vertex; everything else is ignored.
+Mesh readObj(const std::string& path, const std::string& text) {
+  Mesh m;
+  std::istringstream in(text);
+  std::string line;
+  int lineNo = 0;
+  while (std::getline(in, line)) {
+    lineNo++;
+    std::istringstream ls(line);
+    std::string tag;
+    if (!(ls >> tag)) continue;
+    const std::string where = path + ":" + std::to_string(lineNo);
+    if (tag == "v") {
+      std::string x, y, z;
+      if (!(ls >> x >> y >> z)) fail("truncated vertex at " + where);
+      double p[3];
+      const std::string* s[3] = {&x, &y, &z};
+      for (int k = 0; k < 3; k++) {
+        char* end = nullptr;
+        p[k] = strtod(s[k]->c_str(), &end);
+        if (end == s[k]->c_str() || *end != '\0')
+          fail("malformed number '" + *s[k] + "' at " + where);
+      }
+      checkFinite(p, where);
+      m.v.insert(m.v.end(), p, p + 3);
+    } else if (tag == "f") {
+      std::vector<int> face;
+      std::string token;
+      while (ls >> token) {
+        char* end = nullptr;
+        const long idx = strtol(token.c_str(), &end, 10);
+        if (end == token.c_str() || (*end != '\0' && *end != '/'))
+          fail("malformed face index '" + token + "' at " + where);
+        const long nv = (long)m.v.size() / 3;
+        const long zeroBased = idx > 0 ? idx - 1 : nv + idx;
+        if (idx == 0 || zeroBased < 0 || zeroBased >= nv)
+          fail("face index " + token + " refers to no vertex at " + where);
+        face.push_back((int)zeroBased);
+      }
+      if (face.size() < 3) fail("face with fewer than 3 vertices at " + where);
+      m.faces.push_back(face);
+    }
+  }
+  return m;
+}
+
+// STL: binary when the size matches 84 + 50 n for the count in the header,
+// ASCII otherwise ("solid ... facet ... vertex x y z ... endfacet").
+Mesh readStl(const std::string& path, const std::string& data) {
+  Mesh m;
+  if (data.size() >= 84) {
+    uint32_t n = 0;
+    memcpy(&n, data.data() + 80, 4);
+    const bool looksAscii =
+        data.compare(0, 5, "solid") == 0 && data.find("facet", 5) != std::string::npos;
+    if (84 + 50ull * n == data.size() || !looksAscii) {
+      if (84 + 50ull * n != data.size())
+        fail("truncated binary STL '" + path + "': header announces " + std::to_string(n) +
+             " triangles (" + std::to_string(84 + 50ull * n) + " bytes), file has " +
+             std::to_string(data.size()) + " bytes");
+      for (uint32_t t = 0; t < n; t++) {
+        const char* rec = data.data() + 84 + 50ull * t + 12;  // skip the normal
+        std::vector<int> face;
+        for (int c = 0; c < 3; c++) {
+          float f[3];
+          memcpy(f, rec + 12 * c, 12);
+          const double p[3] = {f[0], f[1], f[2]};
+          checkFinite(p, path + " triangle " + std::to_string(t + 1));
+          face.push_back((int)m.v.size() / 3);
+          m.v.insert(m.v.end(), p, p + 3);
+        }
+        m.faces.push_back(face);
+      }
+      return m;
+    }
+  }
+  std::istringstream in(data);
+  std::string word;
+  std::vector<int> face;
+  bool inFacet = false;
+  int facet = 0;
+  while (in >> word) {
+    if (word == "facet") {
+      if (inFacet) fail("facet " + std::to_string(facet) + " of '" + path + "' has no endfacet");
+      inFacet = true;
+      facet++;
+      face.clear();
+    } else if (word == "vertex") {
+      double p[3];
+      if (!(in >> p[0] >> p[1] >> p[2]))
+        fail("truncated vertex in facet " + std::to_string(facet) + " of '" + path + "'");
+      checkFinite(p, path + " facet " + std::to_string(facet));
+      face.push_back((int)m.v.size() / 3);
+      m.v.insert(m.v.end(), p, p + 3);
+    } else if (word == "endfacet") {
+      if (!inFacet || face.size() != 3)
+        fail("facet " + std::to_string(facet) + " of '" + path + "' does not have 3 vertices");
+      m.faces.push_back(face);
+      inFacet = false;
+    }
+  }
+  if (inFacet)
+    fail("truncated ASCII STL '" + path + "': facet " + std::to_string(facet) + " is not closed");
+  if (m.faces.empty()) fail("no triangles found in '" + path + "'");
+  return m;
+}
+
+// ================================================================ geometry
+void sub(const double* a, const double* b, double* c) {
+  for (int k = 0; k < 3; k++) c[k] = a[k] - b[k];
+}
+void cross(const double* a, const double* b, double* c) {
+  c[0] = a[1] * b[2] - a[2] * b[1];
+  c[1] = a[2] * b[0] - a[0] * b[2];
+  c[2] = a[0] * b[1] - a[1] * b[0];
+}
+double dot(const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+double length(const double* a) { return std::sqrt(dot(a, a)); }
+
+// Newell's normal (not normalised): twice the vector area of the polygon.
+void faceNormal(const Mesh& m, const std::vector<int>& f, double* n) {
+  n[0] = n[1] = n[2] = 0.0;
+  for (size_t k = 0; k < f.size(); k++) {
+    const double* u = &m.v[3 * f[k]];
+    const double* w = &m.v[3 * f[(k + 1) % f.size()]];
+    n[0] += (u[1] - w[1]) * (u[2] + w[2]);
+    n[1] += (u[2] - w[2]) * (u[0] + w[0]);
+    n[2] += (u[0] - w[0]) * (u[1] + w[1]);
+  }
+}
+
+double bboxDiagonal(const Mesh& m) {
+  double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+  for (size_t i = 0; i < m.v.size(); i += 3)
+    for (int k = 0; k < 3; k++) {
+      lo[k] = std::min(lo[k], m.v[i + k]);
+      hi[k] = std::max(hi[k], m.v[i + k]);
+    }
+  double d[3];
+  sub(hi, lo, d);
+  return m.v.empty() ? 0.0 : length(d);
+}
+
+// Merges vertices closer than tol through a grid of cells of size tol;
+// faces are remapped and unreferenced vertices dropped. Returns the count merged.
+int mergeVertices(Mesh& m, double tol) {
+  const int n = (int)m.v.size() / 3;
+  std::vector<int> map(n);
+  std::vector<double> kept;
+  std::unordered_map<long long, std::vector<int>> grid;
+  auto key = [](long long x, long long y, long long z) {
+    return (x * 73856093LL) ^ (y * 19349663LL) ^ (z * 83492791LL);
+  };
+  const double cell = tol > 0.0 ? tol : 1.0;
+  for (int i = 0; i < n; i++) {
+    const double* p = &m.v[3 * i];
+    const long long c[3] = {(long long)std::floor(p[0] / cell), (long long)std::floor(p[1] / cell),
+                            (long long)std::floor(p[2] / cell)};
+    int found = -1;
+    for (int dx = -1; dx <= 1 && found < 0; dx++)
+      for (int dy = -1; dy <= 1 && found < 0; dy++)
+        for (int dz = -1; dz <= 1 && found < 0; dz++) {
+          auto it = grid.find(key(c[0] + dx, c[1] + dy, c[2] + dz));
+          if (it == grid.end()) continue;
+          for (int j : it->second) {
+            double d[3];
+            sub(p, &kept[3 * j], d);
+            if (length(d) <= tol) {
+              found = j;
+              break;
+            }
+          }
+        }
+    if (found < 0) {
+      found = (int)kept.size() / 3;
+      kept.insert(kept.end(), p, p + 3);
+      grid[key(c[0], c[1], c[2])].push_back(found);
+    }
+    map[i] = found;
+  }
+  for (auto& f : m.faces)
+    for (int& idx : f) idx = map[idx];
+  const int merged = n - (int)kept.size() / 3;
+  m.v.swap(kept);
+  return merged;
+}
+
+// Removes repeated consecutive indices; faces left with fewer than three
+// vertices, or of zero area, are degenerate.
+void checkDegenerate(Mesh& m, bool drop) {
+  std::vector<std::vector<int>> kept;
+  int dropped = 0;
+  const double diag = bboxDiagonal(m);
+  for (size_t fi = 0; fi < m.faces.size(); fi++) {
+    std::vector<int> f;
+    for (int idx : m.faces[fi])
+      if (f.empty() || f.back() != idx) f.push_back(idx);
+    while (f.size() > 1 && f.front() == f.back()) f.pop_back();
+    double n[3] = {0, 0, 0};
+    if (f.size() >= 3) faceNormal(m, f, n);
+    if (f.size() < 3 || length(n) <= 1e-12 * diag * diag) {
+      if (!drop)
+        fail("face " + std::to_string(fi + 1) +
+             " is degenerate (zero area or repeated vertices after merging); use "
+             "--drop-degenerate to leave such faces out");
+      dropped++;
+      continue;
+    }
+    kept.push_back(f);
+  }
+  if (dropped > 0) info("dropped %d degenerate face(s)\n", dropped);
+  m.faces.swap(kept);
+}
+
+// Edge use: for each undirected edge the faces using it in each direction.
+struct EdgeUse {
+  std::vector<int> forward, backward;  // forward: a -> b with a < b
+};
+std::map<std::pair<int, int>, EdgeUse> edgeUses(const Mesh& m) {
+  std::map<std::pair<int, int>, EdgeUse> uses;
+  for (size_t fi = 0; fi < m.faces.size(); fi++) {
+    const auto& f = m.faces[fi];
+    for (size_t k = 0; k < f.size(); k++) {
+      const int a = f[k], b = f[(k + 1) % f.size()];
+      EdgeUse& u = uses[{std::min(a, b), std::max(a, b)}];
+      (a < b ? u.forward : u.backward).push_back((int)fi);
+    }
+  }
+  return uses;
+}
+
+// The checks the polyhedron set-up makes, with face numbers in the message.
+void checkTopology(const Mesh& m, bool flat) {
+  int boundary = 0;
+  for (const auto& [edge, use] : edgeUses(m)) {
+    const size_t total = use.forward.size() + use.backward.size();
+    const std::string name =
+        "edge (" + std::to_string(edge.first + 1) + ", " + std::to_string(edge.second + 1) + ")";
+    if (total > 2)
+      fail("non-manifold mesh: " + name + " is shared by " + std::to_string(total) + " faces");
+    if (use.forward.size() == 2 || use.backward.size() == 2) {
+      const auto& same = use.forward.size() == 2 ? use.forward : use.backward;
+      fail("inconsistent orientation: faces " + std::to_string(same[0] + 1) + " and " +
+           std::to_string(same[1] + 1) + " run through " + name +
+           " in the same direction (a flipped face?)");
+    }
+    if (total == 1) boundary++;
+  }
+  if (boundary > 0 && !flat)
+    fail("the mesh is not closed: " + std::to_string(boundary) +
+         " edge(s) belong to one face only (use --flat for an open surface)");
+}
+
+double signedVolume(const Mesh& m) {
+  double vol = 0.0;
+  for (const auto& f : m.faces) {
+    const double* a = &m.v[3 * f[0]];
+    for (size_t k = 1; k + 1 < f.size(); k++) {
+      double c[3];
+      cross(&m.v[3 * f[k]], &m.v[3 * f[k + 1]], c);
+      vol += dot(a, c) / 6.0;
+    }
+  }
+  return vol;
+}
+
+// True when the polygon is strictly convex around normal n (no collinear corners).
+bool strictlyConvex(const Mesh& m, const std::vector<int>& f, const double* n) {
+  const double scale = dot(n, n);
+  for (size_t k = 0; k < f.size(); k++) {
+    const double* p0 = &m.v[3 * f[k]];
+    const double* p1 = &m.v[3 * f[(k + 1) % f.size()]];
+    const double* p2 = &m.v[3 * f[(k + 2) % f.size()]];
+    double e0[3], e1[3], c[3];
+    sub(p1, p0, e0);
+    sub(p2, p1, e1);
+    cross(e0, e1, c);
+    if (dot(c, n) <= 1e-9 * length(e0) * length(e1) * std::sqrt(scale)) return false;
+  }
+  return true;
+}
+
+// Greedy merge of neighbouring coplanar faces into strictly convex polygons
+// of at most 100 vertices: each polygon absorbs a neighbour across a shared
+// edge by splicing the neighbour's other vertices into its cycle.
+int mergeCoplanar(Mesh& m, double angleDeg) {
+  if (angleDeg <= 0.0) return 0;
+  const double cosTol = std::cos(angleDeg * M_PI / 180.0);
+  // Vertices may leave the seed's plane by what the angle allows over the model size.
+  const double planeTol = std::sin(angleDeg * M_PI / 180.0) * bboxDiagonal(m) + 1e-12;
+  const int nf = (int)m.faces.size();
+  std::vector<double> normals(3 * nf);
+  for (int f = 0; f < nf; f++) {
+    faceNormal(m, m.faces[f], &normals[3 * f]);
+    const double l = length(&normals[3 * f]);
+    for (int k = 0; k < 3; k++) normals[3 * f + k] /= l;
+  }
+  auto uses = edgeUses(m);
+  std::vector<int> owner(nf, -1);
+  std::vector<std::vector<int>> result;
+  int absorbed = 0;
+  for (int seed = 0; seed < nf; seed++) {
+    if (owner[seed] >= 0) continue;
+    const int id = (int)result.size();
+    std::vector<int> poly = m.faces[seed];
+    owner[seed] = id;
+    const double* n = &normals[3 * seed];
+    const double planeD = dot(n, &m.v[3 * poly[0]]);
+    bool grown = true;
+    while (grown) {
+      grown = false;
+      for (size_t k = 0; k < poly.size() && !grown; k++) {
+        const int a = poly[k], b = poly[(k + 1) % poly.size()];
+        const EdgeUse& u = uses[{std::min(a, b), std::max(a, b)}];
+        if (u.forward.size() + u.backward.size() != 2) continue;
+        const int f0 = u.forward.empty() ? u.backward[0] : u.forward[0];
+        const int f1 = u.backward.empty() ? u.forward[1] : u.backward[0];
+        const int other = owner[f0] == id ? f1 : (owner[f1] == id ? f0 : -1);
+        if (other < 0 || owner[other] >= 0) continue;
+        if (dot(n, &normals[3 * other]) < cosTol) continue;
+        const std::vector<int>& g = m.faces[other];
+        bool onPlane = true;
+        for (int idx : g) onPlane &= std::fabs(dot(n, &m.v[3 * idx]) - planeD) <= planeTol;
+        if (!onPlane) continue;
+        // g runs b -> a; its vertices after a (up to b) go between a and b.
+        size_t pb = 0;
+        while (g[pb] != b) pb++;
+        std::vector<int> chain;
+        for (size_t s = 2; s < g.size(); s++) chain.push_back(g[(pb + s) % g.size()]);
+        if (g[(pb + 1) % g.size()] != a) continue;  // not a simple shared edge
+        std::vector<int> candidate(poly.begin(), poly.begin() + k + 1);
+        candidate.insert(candidate.end(), chain.begin(), chain.end());
+        candidate.insert(candidate.end(), poly.begin() + k + 1, poly.end());
+        std::vector<int> sorted = candidate;
+        std::sort(sorted.begin(), sorted.end());
+        if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) continue;
+        if (candidate.size() > 100 || !strictlyConvex(m, candidate, n)) continue;
+        poly.swap(candidate);
+        owner[other] = id;
+        absorbed++;
+        grown = true;
+      }
+    }
+    result.push_back(poly);
+  }
+  m.faces.swap(result);
+  return absorbed;
+}
+
+// ================================================================ verification and output
+// Builds the mesh as the tracker's set-up does (pool buffers, 0-based face
+// lists) and runs Polyhedron::init on it. Returns init's result and the edge
+// and feature-edge counts.
+int verifyWithPolyhedron(const Mesh& m, bool flat, double featureAngle, int* nEdges,
+                         int* nFeatures) {
+  using namespace ZOTtracker;
+  size_t corners = 0;
+  for (const auto& f : m.faces) corners += f.size();
+  const size_t nv = m.v.size() / 3, nf = m.faces.size();
+  doBigMalloc(nv + corners + 16, 0, 3 * nv + 7 * nf + 3 * nv + 16, 0, 20 * corners + nf + 16,
+              2 * nf + 16, 0);
+  Polyhedron ph;
+  ph.m_nVertices = (int)nv;
+  ph.m_vertices = myMallocDouble(m.v.size());
+  std::copy(m.v.begin(), m.v.end(), ph.m_vertices);
+  ph.m_nFaces = (int)nf;
+  ph.m_faceNormals = myMallocDouble(3 * nf);
+  ph.m_faceFacing = myMallocDouble(nf);
+  ph.m_nVerticesPerFace = myMallocInt(nf);
+  ph.m_faceVertices = myMallocIntPtr(nf);
+  ph.m_faceEdges = myMallocIntPtr(nf);
+  for (size_t f = 0; f < nf; f++) {
+    const int n = (int)m.faces[f].size();
+    ph.m_nVerticesPerFace[f] = n;
+    ph.m_faceVertices[f] = myMallocInt(n);
+    ph.m_faceEdges[f] = myMallocInt(n);
+    std::copy(m.faces[f].begin(), m.faces[f].end(), ph.m_faceVertices[f]);
+  }
+  const int code = ph.init(flat, featureAngle);
+  *nEdges = ph.m_nEdges;
+  *nFeatures = 0;
+  for (int e = 0; code == 0 && e < ph.m_nEdges; e++) *nFeatures += ph.m_edges[5 * e + 4];
+  doBigFree();
+  return code;
+}
+
+// Writes to a temporary file beside the output and renames it into place,
+// so a failure never leaves a partial file.
+void writePolyhedron(const Mesh& m, const std::string& path) {
+  const std::string tmp = path + ".tmp";
+  FILE* f = fopen(tmp.c_str(), "w");
+  if (f == nullptr) fail("cannot write '" + tmp + "': " + strerror(errno));
+  bool ok = fprintf(f, "nv %zu\n", m.v.size() / 3) > 0;
+  for (size_t i = 0; i < m.v.size(); i += 3)
+    ok &= fprintf(f, "v %.9g %.9g %.9g\n", m.v[i], m.v[i + 1], m.v[i + 2]) > 0;
+  ok &= fprintf(f, "nf %zu\n", m.faces.size()) > 0;
+  for (const auto& face : m.faces) {
+    ok &= fprintf(f, "f %zu ", face.size()) > 0;
+    for (size_t k = 0; k < face.size(); k++)
+      ok &= fprintf(f, k + 1 < face.size() ? " %d" : " %d\n", face[k] + 1) > 0;
+  }
+  ok &= fclose(f) == 0;
+  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
+    remove(tmp.c_str());
+    fail("cannot write '" + path + "': " + strerror(errno));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options o = parseArguments(argc, argv);
+  g_quiet = o.quiet;
+
+  const bool isObj = endsWith(o.input, ".obj");
+  if (!isObj && !endsWith(o.input, ".stl"))
+    fail("unknown input format of '" + o.input + "' (expected .obj or .stl)");
+  const std::string data = readWholeFile(o.input);
+  Mesh m = isObj ? readObj(o.input, data) : readStl(o.input, data);
+  if (m.faces.empty()) fail("'" + o.input + "' holds no faces");
+  const size_t facesRead = m.faces.size(), verticesRead = m.v.size() / 3;
+  info("read %zu vertices and %zu faces from %s\n", verticesRead, facesRead, o.input.c_str());
+
+  for (double& c : m.v) c *= o.scale;
+  for (double c : m.v)
+    if (!std::isfinite(c)) fail("coordinates overflow after scaling by " + std::to_string(o.scale));
+  if (o.flip || o.scale < 0.0) {
+    // A negative scale mirrors the mesh, which turns its winding inside out.
+    if (o.flip != (o.scale < 0.0))
+      for (auto& f : m.faces) std::reverse(f.begin(), f.end());
+  }
+
+  const double tol = o.tolerance >= 0.0 ? o.tolerance : 1e-6 * bboxDiagonal(m);
+  const int merged = mergeVertices(m, tol);
+  info("merged %d duplicate vertices (tolerance %g)\n", merged, tol);
+  checkDegenerate(m, o.dropDegenerate);
+  if (m.faces.empty()) fail("no faces left after removing degenerate ones");
+  checkTopology(m, o.flat);
+  if (!o.flat) {
+    const double volume = signedVolume(m);
+    if (volume < 0.0) {
+      for (auto& f : m.faces) std::reverse(f.begin(), f.end());
+      info("the faces were wound inward: reversed all of them so that normals point outward\n");
+    }
+  }
+  const int absorbed = mergeCoplanar(m, o.coplanarAngle);
+  if (absorbed > 0)
+    info("merged coplanar neighbours: %zu faces became %zu convex polygons\n",
+         m.faces.size() + absorbed, m.faces.size());
+  checkTopology(m, o.flat);
+
+  int nEdges = 0, nFeatures = 0;
+  if (verifyWithPolyhedron(m, o.flat, o.featureAngle, &nEdges, &nFeatures) != 0)
+    fail("the tracker's polyhedron set-up refuses the result (see the message above)");
+  writePolyhedron(m, o.output);
+  info("wrote %zu vertices, %zu faces (%d edges, %d of them feature edges at %g degrees) to %s\n",
+       m.v.size() / 3, m.faces.size(), nEdges, nFeatures, o.featureAngle, o.output.c_str());
+  return 0;
+}
