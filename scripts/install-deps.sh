@@ -1,8 +1,9 @@
 #!/bin/sh
 # Installs with apt-get the build, test and benchmark dependencies that are
-# missing; does nothing when all are present.
+# missing; does nothing when all are present. Extra package names given as
+# arguments (e.g. doxygen for `make docs`) are installed the same way.
 set -e
-packages="cmake g++ make pkgconf libopencv-dev libgtest-dev libbenchmark-dev"
+packages="${*:-cmake g++ make pkgconf libopencv-dev libgtest-dev libbenchmark-dev}"
 missing=""
 for p in $packages; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
