@@ -1,4 +1,5 @@
-// Multibody model: capacities, buffers, local frames and sample getters.
+// Multibody model: capacities, buffers, local frames and body getters (the
+// per-camera sample getters live next to their reader, in ContourTracker_LM.cpp).
 #include "Multibody.h"
 
 #include <cstdio>
@@ -154,10 +155,6 @@ int Multibody::changeLocalFrame(int index) {
   return 0;
 }
 
-void Multibody::resetNSamplePointsPerCam() {
-  for (int c = 0; c < m_nCams && c < ZOT_MAX_CAMERAS; c++) m_nSamplePointsPerCam[c] = 0;
-}
-
 int Multibody::getNbodies() const { return m_nBodies; }
 
 int Multibody::getActiveBody(int body) const {
@@ -166,30 +163,6 @@ int Multibody::getActiveBody(int body) const {
     return -1;
   }
   return m_bodyActive[body];
-}
-
-int Multibody::getNSamplePointsPerCam(int cam) const {
-  if (cam < 0 || cam >= m_nCams) {
-    printf("ERROR: wrong camera ID\n");
-    return 0;
-  }
-  return m_nSamplePointsPerCam[cam];
-}
-
-double* Multibody::getSamplePointsPerCam(int cam) const {
-  if (cam < 0 || cam >= m_nCams) {
-    printf("ERROR: wrong camera ID\n");
-    return nullptr;
-  }
-  return m_samplePointsPerCam[cam];
-}
-
-double* Multibody::getSampleTangentDirPerCam(int cam) const {
-  if (cam < 0 || cam >= m_nCams) {
-    printf("ERROR: wrong camera ID\n");
-    return nullptr;
-  }
-  return m_sampleTangentDirPerCam[cam];
 }
 
 }  // namespace ZOTtracker

@@ -1,0 +1,205 @@
+/// @file
+/// Contour-based pose estimation: per-camera edge maps and gradients, the
+/// reprojected model contour with its normals and Jacobians, the matches found
+/// along the normals, and the Gauss-Newton loop that refines the object pose
+/// from the stacked normal residuals.
+///
+/// Pose increments are (wx, wy, wz, tx, ty, tz): a small rotation in degrees
+/// about the object's own axes, then a translation in the model's length unit.
+/// They compose from the right, T <- T * exp(increment).
+///
+/// Every buffer comes from the typed pools in init(); the per-frame calls
+/// (edgeDetect, poseUpdateLoop and the steps below it) allocate nothing and do
+/// no I/O unless a timing, debug or verbose flag asks for it. Failures are the
+/// negative codes of IO.h.
+#pragma once
+
+#include "Multibody.h"
+
+namespace ZOTtracker {
+
+/// Full path of the text file written by ContourTracker::correlateEdges
+/// ("matching_points.dat" in the directory chosen at build time).
+const char* correlateEdgesOutputPath();
+
+class ContourTracker {
+ public:
+  // ---------------------------------------------------------------- set-up
+  /// No cameras and no buffers yet: counts 0, pointers null, cameras disabled.
+  ContourTracker();
+  /// Frees nothing: the pools own every buffer.
+  ~ContourTracker();
+
+  /// Takes all buffers from the pools for nCams cameras (sizes, near and far
+  /// depths in camera order) and maxSamplePoints samples per camera, in this
+  /// order: the five stacked double arrays; per camera its six per-point
+  /// double arrays, edge map (bytes) and two gradient images (shorts); then
+  /// the display image (bytes), the edge detector's int work, pointer stack
+  /// and short work, sized for the largest width and the largest height.
+  /// Enables every camera. nCams outside 0..5, a negative sample capacity or a
+  /// non-positive image size prints one line and reserves nothing (the
+  /// tracker then has no cameras and every estimation returns -5). A second
+  /// call takes fresh buffers.
+  void init(const int* imageWidths, const int* imageHeights, const double* zNear,
+            const double* zFar, int nCams, int maxSamplePoints);
+
+  // ---------------------------------------------------------------- per-frame operations
+  /// Sobel and Canny of images[c] (undistorted grey image of camera c) into
+  /// m_gradX/m_gradY/m_edgeMap for every enabled camera; disabled cameras keep
+  /// their previous maps. Returns 0, or the edge detector's code (-16) at the
+  /// first camera that fails, leaving the later cameras untouched.
+  int edgeDetect(const unsigned char* const* images, int cannyThreshold1, int cannyThreshold2);
+
+  /// Gauss-Newton refinement of pose (object in the reference frame, in/out)
+  /// against the current edge maps. Each iteration samples the visible
+  /// contour (again when the pose moved by resampleRotDeg / resampleTransl
+  /// since the last sampling), matches it along the normals within
+  /// searchRange pixels and maxAngleDeg of the gradient, and applies the
+  /// least-squares increment restricted by dofMask (0 freezes a parameter).
+  /// camTransforms[c] maps the reference frame into camera c, camIntrinsics[c]
+  /// is its K. Converges when the rotation of an increment is below
+  /// convRotDeg and the translation moved by less than convTransl.
+  /// Returns 0 with the refined pose, or restores the entry pose bit for bit
+  /// and returns -2 (fewer matches than minInliers in an iteration or
+  /// minInliersAtEnd at the end; both are counts of matched points), -4 (more
+  /// than maxAbsRotDeg / maxAbsTransl away from the entry pose, or a
+  /// non-finite pose), -5 (no sample point in any camera), -6 (maxIterations
+  /// reached), -7 (SVD failure), -9 (final mean cost above maxFinalCost when
+  /// that is > 0) or the sampler's code. covariance (36 doubles, may be
+  /// null) is zero-filled. timing appends the iteration headers and step
+  /// timings to the diagnostic string; showDebug prints the cost and shows
+  /// "tracking0"/"tracking1" waiting for a key each; verbose prints why the
+  /// loop ends.
+  int poseUpdateLoop(Multibody& model, const unsigned char* const* images, double* pose,
+                     double* covariance, const double* const* camTransforms,
+                     const double* const* camIntrinsics, int maxIterations, double convRotDeg,
+                     double convTransl, double maxAbsRotDeg, double maxAbsTransl,
+                     double facingTolerance, int samplingStep, double minEdgeLength,
+                     double searchRange, double maxAngleDeg, double minInliers,
+                     double minInliersAtEnd, double maxFinalCost, double resampleRotDeg,
+                     double resampleTransl, const double* dofMask, bool timing, bool showDebug,
+                     bool verbose);
+
+  /// Evaluates the cost at pose for every enabled camera: optionally
+  /// re-samples the contour (resample), reprojects it with its Jacobian,
+  /// optionally matches it (match; otherwise the previous matches are kept),
+  /// then stacks r = (matched - projected) . normal per point (searchRange
+  /// for an unmatched point), the Jacobian row d r / d increment and the 0/1
+  /// match weight into m_residuals, m_normalJacobian, m_inlierWeights.
+  /// cost = mean of r^2 / 2 over all points. facingTolerance, minEdgeLength
+  /// and samplingStep go to the contour sampler. Returns 0, -5 (no sample
+  /// point at all; cost untouched) or the sampler's code (verbose prints
+  /// "ERROR: Something wrong with the VLD"). timing reports each step.
+  int computeOverallCostAndJacobian(Multibody& model, double& cost, const double* pose,
+                                    const double* const* camTransforms,
+                                    const double* const* camIntrinsics, double facingTolerance,
+                                    double minEdgeLength, int samplingStep, double searchRange,
+                                    double maxAngleDeg, bool computeJacobian,
+                                    bool translationInObjectFrame, bool resample, bool match,
+                                    bool timing, bool showDebug, bool verbose);
+
+  /// Projects camera cam's samples with P = [K | 0] * T_cam (3 x 4) at pose
+  /// into m_projPoints[cam], their unit normals (projected tangent turned a
+  /// quarter turn; (1, 0) when the tangent projects to nothing) into
+  /// m_normals[cam] and, with computeJacobian, d(u, v)/d increment into
+  /// m_jacU[cam], m_jacV[cam] (rotation columns per degree about the object
+  /// axes; translation in the object frame, or in the reference frame when
+  /// translationInObjectFrame is false). Depth is not checked: points at or
+  /// behind the camera plane give non-finite or mirrored values. Returns 0.
+  int computeReprojectionAndJacobian(const Multibody& model, int cam, const double* pose,
+                                     const double* P, bool computeJacobian,
+                                     bool translationInObjectFrame);
+
+  /// For every projected sample of camera cam: rounds it to a pixel (half
+  /// away from zero); outside the image it is unmatched, else
+  /// measurement_single_line_nn_Canny gives its match. Writes
+  /// m_matchedPoints[cam] ((0, 0) when unmatched) and m_matchFlags[cam]
+  /// (1 or 0). display and verbose are not used. Returns 0.
+  int matchAlongNormals(const Multibody& model, int cam, double searchRange, double maxAngleDeg,
+                        bool display, bool verbose);
+
+  /// Nearest edge pixel of camera cam's edge map along the normal through
+  /// start (x, y), searching both ways up to searchRange pixels on
+  /// 4-connected lines clipped to the image, one pixel per side in turn, the
+  /// side against the normal first. An edge pixel is accepted when
+  /// |normal . gradient| / |gradient| (the gradient's sign does not matter; a
+  /// zero gradient scores 0) is strictly above cos(maxAngleDeg), or above 0
+  /// for maxAngleDeg <= 0. Returns true with found = (x, y), or false (found
+  /// unchanged).
+  bool measurement_single_line_nn_Canny(int cam, const int* start, const double* normal,
+                                        double searchRange, double maxAngleDeg, int* found);
+
+  /// Strongest nearby peak of the directional derivative |n . gradient| on the
+  /// 4-connected line through start reaching searchRange + 2 pixels each way:
+  /// a pixel at least relThreshold * 8 * 255, not below its direct neighbours
+  /// and strictly above the pixels two away, nearest to start along the
+  /// normal (the minus end wins ties). maxAngleDeg has no effect. Returns
+  /// true with found = (x, y); false for lines of 4 pixels or less, for no
+  /// peak, and, with a message, for lines longer than its 100-pixel buffer.
+  bool measurement_single_line_nn_dir_der(int cam, const int* start, const double* normal,
+                                          double searchRange, double relThreshold,
+                                          double maxAngleDeg, int* found);
+
+  /// Solves the stacked system J dx = r over the rows of non-zero weight (a
+  /// switch, not a factor) by the 6 x 6 normal equations, scaled to unit
+  /// diagonal and solved by SVD (singular values below 1e-10 dropped).
+  /// mask (6, null = all free) freezes parameters with a 0 entry; a frozen
+  /// or unobserved parameter gets exactly 0. covariance (36, may be null) is
+  /// zeroed, and with computeCovariance filled with the scaled inverse in its
+  /// cumulative row-scaling form times rss / nUsed (no guard against
+  /// nUsed = 0). Returns 0, or -7 with dx and covariance unchanged.
+  int computePoseUpdate_squareLSE(double* dx, const double* mask, bool computeCovariance,
+                                  double* covariance);
+
+  /// Same system solved by SVD of the compacted nUsed x nFree Jacobian; the
+  /// stacked arrays are overwritten by the compaction. Always prints
+  /// "cond1 " and the ratio of the largest to the smallest singular value.
+  /// The covariance (frozen rows and columns 0) is scaled by rss / (nUsed - 6).
+  /// Returns 0, or -7 with dx and covariance unchanged.
+  int computePoseUpdate_rectangularLSE(double* dx, const double* mask, bool computeCovariance,
+                                       double* covariance);
+
+  /// Offline analysis of edge ambiguity between two images: samples the
+  /// contour at pose, and for every matched point with |residual| < 3 px
+  /// slides its 11-pixel grey profile across the contour in referenceImages
+  /// along the normal (+/- 45 px) in currentImages; local minima of the sum of
+  /// absolute differences below 3 % of its maximum are candidates. Writes one
+  /// line per point with candidates to correlateEdgesOutputPath(), draws them
+  /// and shows each camera in the window "corr", waiting for a key. Note the
+  /// argument order: intrinsics before transforms. A file that cannot be
+  /// opened prints one line; the analysis and display still run.
+  void correlateEdges(Multibody& model, const unsigned char* const* referenceImages,
+                      const unsigned char* const* currentImages, const double* pose,
+                      const double* const* camIntrinsics, const double* const* camTransforms);
+
+  // ---------------------------------------------------------------- data
+  unsigned char* m_edgeMap[ZOT_MAX_CAMERAS];  ///< Canny edges, width x height, non-zero = edge
+  short* m_gradX[ZOT_MAX_CAMERAS];            ///< horizontal Sobel derivative
+  short* m_gradY[ZOT_MAX_CAMERAS];            ///< vertical Sobel derivative
+  double* m_projPoints[ZOT_MAX_CAMERAS];      ///< (u, v) per sample
+  double* m_normals[ZOT_MAX_CAMERAS];         ///< unit (nx, ny) per sample
+  double* m_jacU[ZOT_MAX_CAMERAS];            ///< du / d increment, 6 per sample
+  double* m_jacV[ZOT_MAX_CAMERAS];            ///< dv / d increment, 6 per sample
+  double* m_matchedPoints[ZOT_MAX_CAMERAS];   ///< matched edge pixel (x, y), (0, 0) if none
+  double* m_matchFlags[ZOT_MAX_CAMERAS];      ///< 1 matched, 0 not
+  double* m_residuals;                        ///< stacked normal residuals, all cameras
+  double* m_normalJacobian;                   ///< stacked 1 x 6 rows
+  double* m_inlierWeights;                    ///< stacked match flags
+  double m_cost;                              ///< mean of r^2 / 2 of the last evaluation
+  double* m_rectJacobian;                     ///< rectangular solver: U^T
+  double* m_rectWork;                         ///< rectangular solver: SVD work
+  int m_maxSamplePoints;                      ///< sample capacity per camera
+  int m_imageWidth[ZOT_MAX_CAMERAS];          ///< also the row stride of the camera's buffers
+  int m_imageHeight[ZOT_MAX_CAMERAS];
+  double m_zNear[ZOT_MAX_CAMERAS];
+  double m_zFar[ZOT_MAX_CAMERAS];
+  int m_nCams;
+  unsigned char* m_displayImage;      ///< colour debug image, largest size
+  int* m_cannyIntWork;                ///< (maxWidth + 2) x (maxHeight + 5) ints
+  unsigned char** m_cannyStack;       ///< maxWidth x maxHeight pointers
+  short* m_cannyShortWork;            ///< maxWidth x 2 x maxHeight shorts
+  int m_nTotalPoints;                 ///< stacked points of the last evaluation
+  int m_camEnabled[ZOT_MAX_CAMERAS];  ///< 1 when the camera takes part
+};
+
+}  // namespace ZOTtracker
