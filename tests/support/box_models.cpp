@@ -17,62 +17,6 @@ PoolScope::PoolScope(size_t doubles, size_t ints, size_t bytes) {
 
 PoolScope::~PoolScope() { doBigFree(); }
 
-Mesh boxMesh(const double centre[3], const double halfSize[3]) {
-  Mesh m;
-  for (int i = 0; i < 8; i++) {
-    for (int a = 0; a < 3; a++) {
-      const double s = ((i >> a) & 1) ? 1.0 : -1.0;
-      m.vertices.push_back(centre[a] + s * halfSize[a]);
-    }
-  }
-  // Outward winding (counter-clockwise seen from outside).
-  const int faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
-                           {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
-  for (const auto& f : faces) {
-    m.faceSizes.push_back(4);
-    m.faceIndices.insert(m.faceIndices.end(), f, f + 4);
-  }
-  return m;
-}
-
-Mesh plateMesh(double half) {
-  Mesh m;
-  m.vertices = {-half, -half, 0.0, half, -half, 0.0, half, half, 0.0, -half, half, 0.0};
-  m.faceSizes = {4};
-  m.faceIndices = {0, 1, 2, 3};
-  return m;
-}
-
-Mesh sphereMesh(int nLat, int nLon, double radius) {
-  Mesh m;
-  m.vertices = {0.0, 0.0, radius};
-  for (int i = 1; i < nLat; i++) {
-    const double theta = ZOT_PI * i / nLat;
-    for (int j = 0; j < nLon; j++) {
-      const double phi = 2.0 * ZOT_PI * j / nLon;
-      m.vertices.push_back(radius * std::sin(theta) * std::cos(phi));
-      m.vertices.push_back(radius * std::sin(theta) * std::sin(phi));
-      m.vertices.push_back(radius * std::cos(theta));
-    }
-  }
-  m.vertices.insert(m.vertices.end(), {0.0, 0.0, -radius});
-  const int south = 1 + (nLat - 1) * nLon;
-  auto ring = [nLon](int i, int j) { return 1 + (i - 1) * nLon + (j % nLon); };
-  auto tri = [&m](int a, int b, int c) {
-    m.faceSizes.push_back(3);
-    m.faceIndices.insert(m.faceIndices.end(), {a, b, c});
-  };
-  for (int j = 0; j < nLon; j++) tri(0, ring(1, j), ring(1, j + 1));
-  for (int i = 1; i < nLat - 1; i++) {
-    for (int j = 0; j < nLon; j++) {
-      tri(ring(i, j), ring(i + 1, j), ring(i + 1, j + 1));
-      tri(ring(i, j), ring(i + 1, j + 1), ring(i, j + 1));
-    }
-  }
-  for (int j = 0; j < nLon; j++) tri(south, ring(nLat - 1, j + 1), ring(nLat - 1, j));
-  return m;
-}
-
 int buildPolyhedron(Polyhedron& ph, const Mesh& mesh, bool flat, double featureAngleDeg) {
   ph.m_nVertices = (int)mesh.vertices.size() / 3;
   ph.m_vertices = myMallocDouble(mesh.vertices.size());

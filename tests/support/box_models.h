@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Multibody.h"
+#include "sim_mesh.h"
 
 namespace zot_test {
 
@@ -18,21 +19,11 @@ struct PoolScope {
   ~PoolScope();
 };
 
-// A polygon mesh with 0-based face lists.
-struct Mesh {
-  std::vector<double> vertices;  // 3 per vertex
-  std::vector<int> faceSizes;    // vertices per face
-  std::vector<int> faceIndices;  // all face lists, one after the other
-};
-
-// Axis-aligned box, 8 vertices and 6 quadrilaterals wound outward.
-// Vertex i has x = +h when bit 0 is set, y when bit 1, z when bit 2.
-Mesh boxMesh(const double centre[3], const double halfSize[3]);
-// Square of side 2*half in the plane z = 0, normal +z, as one face.
-Mesh plateMesh(double half);
-// Closed triangle mesh of a sphere: nLat rings, nLon segments, poles as
-// triangle fans; 2 * nLon * (nLat - 1) triangles.
-Mesh sphereMesh(int nLat, int nLon, double radius);
+// Meshes come from the simulation library.
+using zot_sim::boxMesh;
+using zot_sim::Mesh;
+using zot_sim::plateMesh;
+using zot_sim::sphereMesh;
 
 // Copies the mesh into pool buffers (vertices, normals, facing values, face
 // lists and face-edge lists) and runs Polyhedron::init. Returns its result.

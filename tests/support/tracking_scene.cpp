@@ -70,16 +70,16 @@ void TrackingScene::poseInCamera(const double* poseRef, int cam, double* T) cons
 void TrackingScene::render(const double* poseRef, const std::vector<unsigned char>& faceGreys,
                            unsigned char background) {
   for (size_t c = 0; c < m_cams.size(); c++) {
-    RenderCamera rc;
+    zot_sim::RenderCamera rc;
     rc.width = m_cams[c].width;
     rc.height = m_cams[c].height;
     for (int i = 0; i < 9; i++) rc.K[i] = m_cams[c].K[i];
-    RenderObject object;
+    zot_sim::RenderObject object;
     object.mesh = &m_mesh;
     poseInCamera(poseRef, (int)c, object.pose);
     object.faceGrey = faceGreys;
     std::fill(m_images[c].begin(), m_images[c].end(), background);
-    renderScene(m_images[c].data(), rc, {object}, 3);
+    zot_sim::renderScene(m_images[c].data(), rc, {object}, 3);
   }
 }
 

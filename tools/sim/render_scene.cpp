@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "synthetic_images.h"
+#include "lens.h"
 
-namespace zot_test {
+namespace zot_sim {
 
 namespace {
 
@@ -24,7 +24,7 @@ struct PreparedObject {
 PreparedObject prepare(const RenderObject& o) {
   PreparedObject p;
   p.object = &o;
-  const zot_test::Mesh& m = *o.mesh;
+  const Mesh& m = *o.mesh;
   int start = 0;
   for (int size : m.faceSizes) {
     Face f{start, size, {0, 0, 0}, 0, 2};
@@ -54,7 +54,7 @@ PreparedObject prepare(const RenderObject& o) {
 }
 
 // Crossing-number test in the plane that drops the face's dominant axis.
-bool insideFace(const zot_test::Mesh& m, const Face& f, const double* X) {
+bool insideFace(const Mesh& m, const Face& f, const double* X) {
   const int a = f.axis == 0 ? 1 : 0, b = f.axis == 2 ? 1 : 2;
   bool inside = false;
   for (int k = 0, j = f.size - 1; k < f.size; j = k++) {
@@ -157,7 +157,7 @@ void renderScene(unsigned char* img, const RenderCamera& cam,
   }
 }
 
-std::vector<unsigned char> lambertGreys(const zot_test::Mesh& mesh, const double* pose,
+std::vector<unsigned char> lambertGreys(const Mesh& mesh, const double* pose,
                                         const double* lightDir, double ambient, double diffuse) {
   RenderObject o;
   o.mesh = &mesh;
@@ -173,9 +173,10 @@ std::vector<unsigned char> lambertGreys(const zot_test::Mesh& mesh, const double
     for (int i = 0; i < 3; i++)
       nc[i] = (pose[4 * i] * f.n[0] + pose[4 * i + 1] * f.n[1] + pose[4 * i + 2] * f.n[2]) / nn;
     const double lambert = std::max(0.0, nc[0] * l[0] + nc[1] * l[1] + nc[2] * l[2]);
-    greys.push_back(clampToByte(ambient + diffuse * lambert));
+    const double grey = std::round(ambient + diffuse * lambert);
+    greys.push_back((unsigned char)std::min(255.0, std::max(0.0, grey)));
   }
   return greys;
 }
 
-}  // namespace zot_test
+}  // namespace zot_sim

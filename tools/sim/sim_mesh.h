@@ -1,0 +1,29 @@
+/// @file
+/// Polygon meshes for simulation: the shapes that synthetic sequences,
+/// tests and benchmarks render and track (boxes, plates, spheres, tori).
+#pragma once
+
+#include <vector>
+
+namespace zot_sim {
+
+/// A polygon mesh with 0-based face lists.
+struct Mesh {
+  std::vector<double> vertices;  /// 3 per vertex
+  std::vector<int> faceSizes;    /// vertices per face
+  std::vector<int> faceIndices;  /// all face lists, one after the other
+};
+
+/// Axis-aligned box, 8 vertices and 6 quadrilaterals wound outward.
+/// Vertex i has x = +h when bit 0 is set, y when bit 1, z when bit 2.
+Mesh boxMesh(const double centre[3], const double halfSize[3]);
+/// Square of side 2*half in the plane z = 0, normal +z, as one face.
+Mesh plateMesh(double half);
+/// Closed triangle mesh of a sphere: nLat rings, nLon segments, poles as
+/// triangle fans; 2 * nLon * (nLat - 1) triangles.
+Mesh sphereMesh(int nLat, int nLon, double radius);
+/// Closed triangle mesh of a torus around the z axis: nU segments around
+/// the axis, nV around the tube; 2 * nU * nV triangles.
+Mesh torusMesh(int nU, int nV, double majorRadius, double minorRadius);
+
+}  // namespace zot_sim
