@@ -18,7 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Polyhedron.h"
+#include "FileParser.h"
+#include "GenericObjectTracker.h"
 #include "memory_handling.h"
 
 namespace {
@@ -121,10 +122,10 @@ Options parseArguments(int argc, char** argv) {
       o.scale = parseNumber(value("--scale"), "--scale");
       if (o.scale == 0.0) usageError("--scale must not be 0");
     } else if (a == "--units") {
-      const std::string spec = value("--units");
-      const size_t colon = spec.find(':');
+      const std::string units = value("--units");
+      const size_t colon = units.find(':');
       if (colon == std::string::npos) usageError("--units takes FROM:TO, e.g. m:mm");
-      unitScale = unitInMetres(spec.substr(0, colon)) / unitInMetres(spec.substr(colon + 1));
+      unitScale = unitInMetres(units.substr(0, colon)) / unitInMetres(units.substr(colon + 1));
     } else if (a == "--tolerance") {
       o.tolerance = parseNumber(value("--tolerance"), "--tolerance");
       if (o.tolerance < 0.0) usageError("--tolerance must not be negative");
@@ -528,48 +529,10 @@ int mergeCoplanar(Mesh& m, double angleDeg) {
 }
 
 // ================================================================ verification and output
-// Builds the mesh as the tracker's set-up does (pool buffers, 0-based face
-// lists) and runs Polyhedron::init on it. Returns init's result and the edge
-// and feature-edge counts.
-int verifyWithPolyhedron(const Mesh& m, bool flat, double featureAngle, int* nEdges,
-                         int* nFeatures) {
-  using namespace ZOTtracker;
-  size_t corners = 0;
-  for (const auto& f : m.faces) corners += f.size();
-  const size_t nv = m.v.size() / 3, nf = m.faces.size();
-  doBigMalloc(nv + corners + 16, 0, 3 * nv + 7 * nf + 3 * nv + 16, 0, 20 * corners + nf + 16,
-              2 * nf + 16, 0);
-  Polyhedron ph;
-  ph.m_nVertices = (int)nv;
-  ph.m_vertices = myMallocDouble(m.v.size());
-  std::copy(m.v.begin(), m.v.end(), ph.m_vertices);
-  ph.m_nFaces = (int)nf;
-  ph.m_faceNormals = myMallocDouble(3 * nf);
-  ph.m_faceFacing = myMallocDouble(nf);
-  ph.m_nVerticesPerFace = myMallocInt(nf);
-  ph.m_faceVertices = myMallocIntPtr(nf);
-  ph.m_faceEdges = myMallocIntPtr(nf);
-  for (size_t f = 0; f < nf; f++) {
-    const int n = (int)m.faces[f].size();
-    ph.m_nVerticesPerFace[f] = n;
-    ph.m_faceVertices[f] = myMallocInt(n);
-    ph.m_faceEdges[f] = myMallocInt(n);
-    std::copy(m.faces[f].begin(), m.faces[f].end(), ph.m_faceVertices[f]);
-  }
-  const int code = ph.init(flat, featureAngle);
-  *nEdges = ph.m_nEdges;
-  *nFeatures = 0;
-  for (int e = 0; code == 0 && e < ph.m_nEdges; e++) *nFeatures += ph.m_edges[5 * e + 4];
-  doBigFree();
-  return code;
-}
-
-// Writes to a temporary file beside the output and renames it into place,
-// so a failure never leaves a partial file.
+// Writes the polyhedron file (to a temporary path first, see main).
 void writePolyhedron(const Mesh& m, const std::string& path) {
-  const std::string tmp = path + ".tmp";
-  FILE* f = fopen(tmp.c_str(), "w");
-  if (f == nullptr) fail("cannot write '" + tmp + "': " + strerror(errno));
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) fail("cannot write '" + path + "': " + strerror(errno));
   bool ok = fprintf(f, "nv %zu\n", m.v.size() / 3) > 0;
   for (size_t i = 0; i < m.v.size(); i += 3)
     ok &= fprintf(f, "v %.9g %.9g %.9g\n", m.v[i], m.v[i + 1], m.v[i + 2]) > 0;
@@ -580,10 +543,43 @@ void writePolyhedron(const Mesh& m, const std::string& path) {
       ok &= fprintf(f, k + 1 < face.size() ? " %d" : " %d\n", face[k] + 1) > 0;
   }
   ok &= fclose(f) == 0;
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-    remove(tmp.c_str());
+  if (!ok) {
+    remove(path.c_str());
     fail("cannot write '" + path + "': " + strerror(errno));
   }
+}
+
+// Reads the written file back with the tracker's parser and sets the
+// polyhedron up from those values exactly as the tracker's set-up does.
+// Returns the set-up's result (the parser's code if the file does not read)
+// and the number of edges and feature edges.
+int verifyWithPolyhedron(const std::string& path, const Mesh& m, bool flat, double featureAngle,
+                         int* nEdges, int* nFeatures) {
+  using namespace ZOTtracker;
+  size_t corners = 0;
+  for (const auto& f : m.faces) corners += f.size();
+  const size_t nv = m.v.size() / 3, nf = m.faces.size();
+  // nv, the coordinates, nf, and per face its size and indices.
+  std::vector<double> values(2 + 3 * nv + nf + corners);
+  int count = 0;
+  FileParser parser;
+  const int parsed = parser.parsePolyhedron(path.c_str(), count, values.data(), (int)values.size());
+  if (parsed != 0) return parsed;
+  doBigMalloc(nv + corners + 16, 0, 3 * nv + 7 * nf + 3 * nv + 16, 0, 20 * corners + nf + 16,
+              2 * nf + 16, 0);
+  Polyhedron ph;
+  int cursor = 0;
+  int code =
+      GenericObjectTracker::setupPolyhedron(cursor, values.data(), ph, flat, featureAngle, count);
+  if (code == 0 && cursor != count) {
+    printf("ERROR: the polyhedron file holds %d values, the set-up read %d\n", count, cursor);
+    code = -1;
+  }
+  *nEdges = ph.m_nEdges;
+  *nFeatures = 0;
+  for (int e = 0; code == 0 && e < ph.m_nEdges; e++) *nFeatures += ph.m_edges[5 * e + 4];
+  doBigFree();
+  return code;
 }
 
 }  // namespace
@@ -629,10 +625,20 @@ int main(int argc, char** argv) {
          m.faces.size() + absorbed, m.faces.size());
   checkTopology(m, o.flat);
 
+  // Written beside the output and renamed into place only once the tracker's
+  // own parser and set-up accept it, so a failure never leaves a file.
+  const std::string tmp = o.output + ".tmp";
+  writePolyhedron(m, tmp);
   int nEdges = 0, nFeatures = 0;
-  if (verifyWithPolyhedron(m, o.flat, o.featureAngle, &nEdges, &nFeatures) != 0)
+  if (verifyWithPolyhedron(tmp, m, o.flat, o.featureAngle, &nEdges, &nFeatures) != 0) {
+    remove(tmp.c_str());
     fail("the tracker's polyhedron set-up refuses the result (see the message above)");
-  writePolyhedron(m, o.output);
+  }
+  if (rename(tmp.c_str(), o.output.c_str()) != 0) {
+    const std::string reason = strerror(errno);
+    remove(tmp.c_str());
+    fail("cannot write '" + o.output + "': " + reason);
+  }
   info("wrote %zu vertices, %zu faces (%d edges, %d of them feature edges at %g degrees) to %s\n",
        m.v.size() / 3, m.faces.size(), nEdges, nFeatures, o.featureAngle, o.output.c_str());
   return 0;

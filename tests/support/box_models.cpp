@@ -3,6 +3,7 @@
 
 #include <cmath>
 
+#include "GenericObjectTracker.h"
 #include "Imgproc.h"
 #include "Math.h"
 #include "memory_handling.h"
@@ -18,24 +19,11 @@ PoolScope::PoolScope(size_t doubles, size_t ints, size_t bytes) {
 PoolScope::~PoolScope() { doBigFree(); }
 
 int buildPolyhedron(Polyhedron& ph, const Mesh& mesh, bool flat, double featureAngleDeg) {
-  ph.m_nVertices = (int)mesh.vertices.size() / 3;
-  ph.m_vertices = myMallocDouble(mesh.vertices.size());
-  for (size_t i = 0; i < mesh.vertices.size(); i++) ph.m_vertices[i] = mesh.vertices[i];
-  ph.m_nFaces = (int)mesh.faceSizes.size();
-  ph.m_faceNormals = myMallocDouble(3 * mesh.faceSizes.size());
-  ph.m_faceFacing = myMallocDouble(mesh.faceSizes.size());
-  ph.m_nVerticesPerFace = myMallocInt(mesh.faceSizes.size());
-  ph.m_faceVertices = myMallocIntPtr(mesh.faceSizes.size());
-  ph.m_faceEdges = myMallocIntPtr(mesh.faceSizes.size());
-  size_t next = 0;
-  for (size_t f = 0; f < mesh.faceSizes.size(); f++) {
-    const int n = mesh.faceSizes[f];
-    ph.m_nVerticesPerFace[f] = n;
-    ph.m_faceVertices[f] = myMallocInt(n);
-    ph.m_faceEdges[f] = myMallocInt(n);
-    for (int j = 0; j < n; j++) ph.m_faceVertices[f][j] = mesh.faceIndices[next++];
-  }
-  return ph.init(flat, featureAngleDeg);
+  std::vector<double> values;
+  zot_sim::appendPolyhedronValues(mesh, values);
+  int cursor = 0;
+  return GenericObjectTracker::setupPolyhedron(cursor, values.data(), ph, flat, featureAngleDeg,
+                                               (int)values.size());
 }
 
 int addPolyhedronBody(Multibody& mb, const Mesh& mesh, bool flat, double featureAngleDeg) {

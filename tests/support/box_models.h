@@ -25,8 +25,8 @@ using zot_sim::Mesh;
 using zot_sim::plateMesh;
 using zot_sim::sphereMesh;
 
-// Copies the mesh into pool buffers (vertices, normals, facing values, face
-// lists and face-edge lists) and runs Polyhedron::init. Returns its result.
+// Sets the mesh up as the tracker does from a setup array (pool buffers and
+// Polyhedron::init). Returns the set-up's result.
 int buildPolyhedron(ZOTtracker::Polyhedron& ph, const Mesh& mesh, bool flat,
                     double featureAngleDeg);
 

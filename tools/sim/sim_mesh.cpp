@@ -89,4 +89,15 @@ Mesh torusMesh(int nU, int nV, double majorRadius, double minorRadius) {
   return m;
 }
 
+void appendPolyhedronValues(const Mesh& mesh, std::vector<double>& values) {
+  values.push_back((double)(mesh.vertices.size() / 3));
+  values.insert(values.end(), mesh.vertices.begin(), mesh.vertices.end());
+  values.push_back((double)mesh.faceSizes.size());
+  size_t next = 0;
+  for (int size : mesh.faceSizes) {
+    values.push_back(size);
+    for (int k = 0; k < size; k++) values.push_back(mesh.faceIndices[next++] + 1);
+  }
+}
+
 }  // namespace zot_sim

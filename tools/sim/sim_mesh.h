@@ -26,4 +26,9 @@ Mesh sphereMesh(int nLat, int nLon, double radius);
 /// the axis, nV around the tube; 2 * nU * nV triangles.
 Mesh torusMesh(int nU, int nV, double majorRadius, double minorRadius);
 
+/// Appends the mesh as the polyhedron part of a setup array, as the
+/// polyhedron file gives it: nVertices, x y z per vertex, nFaces, then per
+/// face its vertex count and its 1-based vertex indices.
+void appendPolyhedronValues(const Mesh& mesh, std::vector<double>& values);
+
 }  // namespace zot_sim

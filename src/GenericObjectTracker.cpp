@@ -1,0 +1,317 @@
+// The tracker front: construction, the per-frame pose estimation with its
+// image steps, and the result overlay.
+#include "GenericObjectTracker.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "Drawing.h"
+#include "IO.h"
+#include "Imgproc.h"
+#include "Math.h"
+
+namespace ZOTtracker {
+
+namespace {
+
+// Prediction by the Kalman filter; the alternative keeps the last measured
+// world pose as the prediction, with zero velocity and identity covariance.
+// A build-time switch, not a host option.
+constexpr bool kUseKalmanPredictor = true;
+
+// The overlay samples densely, whatever the tracking settings: one sample per
+// pixel of every visible edge.
+constexpr double kDrawFacingTolerance = 1.0;
+constexpr double kDrawMinEdgeLength = 1.0;
+constexpr int kDrawSamplingStep = 1;
+
+}  // namespace
+
+// ================================================================ set-up
+
+GenericObjectTracker::TrackingParameters::TrackingParameters()
+    : m_maxNSamplePointsPerCam(100),
+      m_facingTolerance(1.0),
+      m_samplingStep(2),
+      m_minEdgeLength(1.0),
+      m_searchRange(20),
+      m_cannyLowThreshold(50),
+      m_cannyHighThreshold(100),
+      m_maxAngleDeg(20.0),
+      m_maxIterations(10),
+      m_convergenceRot(0.0),
+      m_convergenceTransl(0.0),
+      m_maxAbsRot(50.0),
+      m_maxAbsTransl(50.0),
+      m_minInliersLoop(0.5),
+      m_minInliersFinal(0.5),
+      m_maxFinalCost(1.0),
+      m_resampleRot(0.0),
+      m_resampleTransl(0.0),
+      m_kfAccNoiseRot(100.0),
+      m_kfAccNoiseTransl(100.0),
+      m_measStdRot(1.0),
+      m_measStdTransl(1.0),
+      m_kfInitialCov(1000.0) {}
+
+GenericObjectTracker::GenericObjectTracker() : m_nCameras(0), m_doEdgeDetection(true) {
+  // Per-camera members mean nothing before the set-up; null and zero them so
+  // that a premature call fails cleanly instead of following garbage.
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
+    m_imageWidth[c] = 0;
+    m_imageHeight[c] = 0;
+    m_zNear[c] = 0.0;
+    m_zFar[c] = 0.0;
+    m_K[c] = nullptr;
+    m_distCoeffs[c] = nullptr;
+    m_toolToCamera[c] = nullptr;
+    m_undistMapX[c] = nullptr;
+    m_undistMapY[c] = nullptr;
+    m_undistTable1[c] = nullptr;
+    m_undistTable2[c] = nullptr;
+    m_undistTable3[c] = nullptr;
+    m_undistTable4[c] = nullptr;
+    m_undistTable5[c] = nullptr;
+    m_undistort[c] = 0;
+    m_undistortedImage[c] = nullptr;
+  }
+}
+
+// The members go in reverse order (the model, then the contour tracker);
+// the pools keep everything until doBigFree.
+GenericObjectTracker::~GenericObjectTracker() {}
+
+// ================================================================ per-frame operations
+
+namespace {
+
+// First enabled camera without an image, or -1.
+int firstMissingImage(const unsigned char* const* images, const ContourTracker& tracker,
+                      int nCameras) {
+  for (int c = 0; c < nCameras && c < ZOT_MAX_CAMERAS; c++) {
+    if (tracker.m_camEnabled[c] && (images == nullptr || images[c] == nullptr)) return c;
+  }
+  return -1;
+}
+
+}  // namespace
+
+int GenericObjectTracker::poseEstimation(const unsigned char* const* images, double time,
+                                         const double* toolPose, const double* initPose,
+                                         const double* initVelocity, double initTime, double* pose,
+                                         double* velocity, double* covariance,
+                                         const double* dofMask, bool initialise, bool timing,
+                                         bool display, bool verbose) {
+  // Input that would make a later step fail halfway is refused before
+  // anything changes.
+  if (m_contourTracker.m_nCams == 0) {
+    printf("ERROR: poseEstimation: the tracker has no camera set up\n");
+    return ZOT_ERR_INTERNAL;
+  }
+  if (toolPose == nullptr) {
+    printf("ERROR: poseEstimation: no tool pose\n");
+    return ZOT_ERR_INTERNAL;
+  }
+  if (initialise && (initPose == nullptr || initVelocity == nullptr)) {
+    printf("ERROR: poseEstimation: a new track needs the initial pose and velocity\n");
+    return ZOT_ERR_INTERNAL;
+  }
+  const int missing = firstMissingImage(images, m_contourTracker, m_nCameras);
+  if (missing >= 0) {
+    printf("ERROR: poseEstimation: no image for camera %d\n", missing);
+    return ZOT_ERR_INTERNAL;
+  }
+
+  double toolInv[16];
+  inverseTransform(toolPose, toolInv);
+
+  KalmanFilter& kf = m_kalmanFilter;
+  if (initialise) {
+    double worldPose[16];
+    matrixProduct444(toolPose, initPose, worldPose);
+    if (kUseKalmanPredictor) {
+      const int code = kf.init(worldPose, initVelocity, initTime);
+      if (code != 0) {
+        printf("ERROR: poseEstimation: invalid initial pose, velocity or time (%g)\n", initTime);
+        return code;
+      }
+    } else {
+      matrixCopy(worldPose, kf.m_Test, 4, 4);
+    }
+  }
+  const double* predictedWorld = kf.m_Test;
+  if (kUseKalmanPredictor) {
+    const int code = kf.predict(time);
+    if (code != 0) return code;
+    predictedWorld = kf.m_Tpred;
+  }
+
+  int64_t start = timing ? getTickCount() : 0;
+  undistortAllImages(images);
+  if (timing) showElapsed("Undistortion (2x)", start, getTickCount());
+
+  if (m_doEdgeDetection) {
+    start = timing ? getTickCount() : 0;
+    const int code = edgeDetectAllImages();
+    if (code != 0) return code;
+    if (timing) showElapsed("Edge detection (2x)", start, getTickCount());
+  }
+
+  double refined[16], loopCovariance[36];
+  matrixProduct444(toolInv, predictedWorld, refined);
+  start = timing ? getTickCount() : 0;
+  const int loopCode = poseUpdateLoop(refined, loopCovariance, dofMask, timing, display, verbose);
+  if (timing) showElapsed("Total Gauss-Newton loop (pose estimation)", start, getTickCount());
+  if (loopCode != 0) return loopCode;
+
+  // Measurement covariance: rotation (degrees) first, then translation.
+  const double varRot = m_trackingParams.m_measStdRot * m_trackingParams.m_measStdRot;
+  const double varTransl = m_trackingParams.m_measStdTransl * m_trackingParams.m_measStdTransl;
+  double R[36];
+  matrixIdentity(R, 6);
+  for (int i = 0; i < 3; i++) R[7 * i] = varRot;
+  for (int i = 3; i < 6; i++) R[7 * i] = varTransl;
+
+  double measuredWorld[16];
+  matrixProduct444(toolPose, refined, measuredWorld);
+  if (kUseKalmanPredictor) {
+    const int code = kf.correct(measuredWorld, R, time);
+    if (code != 0) return code;
+  } else {
+    matrixCopy(measuredWorld, kf.m_Test, 4, 4);
+  }
+
+  // The Gauss-Newton result goes out, not the filtered pose.
+  if (pose != nullptr) matrixCopy(refined, pose, 4, 4);
+  if (kUseKalmanPredictor) {
+    if (velocity != nullptr) kf.getVelocity(velocity);
+    if (covariance != nullptr) kf.getPoseCovariance(covariance);
+  } else {
+    if (velocity != nullptr) matrixZero(velocity, 6, 1);
+    if (covariance != nullptr) matrixIdentity(covariance, 6);
+  }
+  return 0;
+}
+
+int GenericObjectTracker::poseUpdateLoop(double* pose, double* covariance, const double* dofMask,
+                                         bool timing, bool display, bool verbose) {
+  const TrackingParameters& p = m_trackingParams;
+  return m_contourTracker.poseUpdateLoop(
+      m_multibody, m_undistortedImage, pose, covariance, m_toolToCamera, m_K, p.m_maxIterations,
+      p.m_convergenceRot, p.m_convergenceTransl, p.m_maxAbsRot, p.m_maxAbsTransl,
+      p.m_facingTolerance, p.m_samplingStep, p.m_minEdgeLength, (double)p.m_searchRange,
+      p.m_maxAngleDeg, p.m_minInliersLoop, p.m_minInliersFinal, p.m_maxFinalCost, p.m_resampleRot,
+      p.m_resampleTransl, dofMask, timing, display, verbose);
+}
+
+void GenericObjectTracker::initAllUndistortMaps() {
+  for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
+    if (m_undistort[c] != 1) continue;
+    initUndistortRectifyMap(m_K[c], m_distCoeffs[c], nullptr, nullptr, m_imageWidth[c],
+                            m_imageHeight[c], m_undistMapX[c], m_undistMapY[c]);
+    initUndistortionTables(m_undistMapX[c], m_undistMapY[c], m_undistTable1[c], m_undistTable2[c],
+                           m_undistTable3[c], m_undistTable4[c], m_undistTable5[c], m_imageWidth[c],
+                           m_imageHeight[c]);
+  }
+}
+
+void GenericObjectTracker::undistortCameraImage(const unsigned char* source,
+                                                unsigned char* destination, int camera) {
+  if (camera < 0 || camera >= m_nCameras || camera >= ZOT_MAX_CAMERAS) {
+    printf("undistortImage: INCORRECT CAMERA NUMBER!\n");
+    return;
+  }
+  undistortImageFromTables(source, destination, m_undistTable1[camera], m_undistTable2[camera],
+                           m_undistTable3[camera], m_undistTable4[camera], m_undistTable5[camera],
+                           m_imageWidth[camera], m_imageHeight[camera]);
+}
+
+int GenericObjectTracker::undistortAllImages(const unsigned char* const* images) {
+  const int missing = firstMissingImage(images, m_contourTracker, m_nCameras);
+  if (missing >= 0) {
+    printf("ERROR: undistortAllImages: no image for camera %d\n", missing);
+    return ZOT_ERR_INTERNAL;
+  }
+  for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
+    if (!m_contourTracker.m_camEnabled[c] || m_undistortedImage[c] == nullptr) continue;
+    if (m_undistort[c] == 1)
+      undistortCameraImage(images[c], m_undistortedImage[c], c);
+    else
+      imageCopy(images[c], m_undistortedImage[c], m_imageWidth[c], m_imageHeight[c]);
+  }
+  return 0;
+}
+
+int GenericObjectTracker::edgeDetectAllImages() {
+  return m_contourTracker.edgeDetect(m_undistortedImage, m_trackingParams.m_cannyLowThreshold,
+                                     m_trackingParams.m_cannyHighThreshold);
+}
+
+// ================================================================ result overlay
+
+void GenericObjectTracker::drawResult(const double* pose, unsigned char* image, int cameraIndex,
+                                      bool drawFrame, double frameLength, const double* framePose) {
+  if (cameraIndex < 0 || cameraIndex >= m_nCameras || cameraIndex >= ZOT_MAX_CAMERAS) {
+    printf("ERROR: invalid camera index!\n");
+    return;
+  }
+  if (pose == nullptr || image == nullptr) {
+    printf("ERROR: drawResult needs a pose and an output image\n");
+    return;
+  }
+  const int c = cameraIndex;
+  const int width = m_imageWidth[c], height = m_imageHeight[c];
+  if (m_contourTracker.m_camEnabled[c] == 0) {
+    memset(image, 0, 3 * (size_t)width * (size_t)height);
+    return;
+  }
+  const unsigned char* grey = m_undistortedImage[c];
+  merge(grey, grey, grey, image, width, height);
+
+  // Object in this camera's frame.
+  double T[16];
+  matrixProduct444(m_toolToCamera[c], pose, T);
+  m_multibody.sampleContour_Zbuffer(c, T, m_K[c], width, height, m_zNear[c], m_zFar[c],
+                                    kDrawFacingTolerance, kDrawMinEdgeLength, kDrawSamplingStep,
+                                    nullptr, nullptr, nullptr, nullptr, true, false, false, false);
+  const int np = m_multibody.getNSamplePointsPerCam(c);
+
+  // P = [K | 0] * T, split into its left 3 x 3 block M and last column p.
+  const double* K = m_K[c];
+  const double K0[12] = {K[0], K[1], K[2], 0.0, K[3], K[4], K[5], 0.0, K[6], K[7], K[8], 0.0};
+  double P[12];
+  matrixProduct344(K0, T, P);
+  const double M[9] = {P[0], P[1], P[2], P[4], P[5], P[6], P[8], P[9], P[10]};
+  const double p[3] = {P[3], P[7], P[11]};
+
+  printf("--np points--%d \n", np);
+  const double* samples = m_multibody.getSamplePointsPerCam(c);
+  for (int k = 0; k < np; k++) {
+    double x[3];
+    matrixProduct331(M, samples + 3 * k, x);
+    x[0] += p[0];
+    x[1] += p[1];
+    x[2] += p[2];
+    // Points behind the camera are projected like the others; non-finite
+    // coordinates round far outside the image.
+    const int u = roundToPixel(x[0] / x[2]);
+    const int v = roundToPixel(x[1] / x[2]);
+    if (u < 0 || u >= width || v < 0 || v >= height) continue;
+    unsigned char* pixel = image + 3 * ((size_t)v * width + u);
+    pixel[0] = 0;    // blue
+    pixel[1] = 0;    // green
+    pixel[2] = 255;  // red
+  }
+
+  if (drawFrame) {
+    double Tf[16];
+    if (framePose != nullptr)
+      matrixProduct444(T, framePose, Tf);
+    else
+      matrixCopy(T, Tf, 4, 4);
+    drawCartesianFrame(K, Tf, frameLength, image, width, height, true);
+  }
+}
+
+}  // namespace ZOTtracker
