@@ -1,0 +1,162 @@
+// Whole frames: GenericObjectTracker::poseEstimation on a rendered 640 x 480
+// sequence of the demo's chamfered box (cluttered table, noise, blur, lens
+// distortion), mono and stereo, configured from data/ with the demo's
+// tracking parameters. Each benchmark iteration tracks the next frame of
+// the sequence (the track restarts at the first frame after the last), so
+// the times are those of a real track: prediction, undistortion, edges and
+// the Gauss-Newton loop with its re-sampling. The sampling step is set so
+// that each camera sees about 150 contour samples (step 8), and, as a second
+// variant, to the demo's step 4 (about twice as many).
+//
+// Counters: the median per-frame milliseconds of undistortion, edge
+// detection and the Gauss-Newton loop as the tracker reports them in its
+// diagnostic string, the mean contour samples per camera, and the frames
+// that failed (0 expected).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FileParser.h"
+#include "GenericObjectTracker.h"
+#include "IO.h"
+#include "frame_timing.h"
+#include "memory_handling.h"
+#include "scene_config.h"
+#include "sequence.h"
+
+using namespace ZOTtracker;
+
+namespace {
+
+constexpr int kFrames = 24;
+
+std::string dataDir() {
+  const std::string here = __FILE__;
+  return here.substr(0, here.rfind('/')) + "/../data";
+}
+
+// A configured tracker and its rendered sequence; one per camera file and
+// sampling step, built on first use and kept for the process.
+struct Setup {
+  std::vector<double> array;
+  std::vector<std::vector<std::vector<unsigned char>>> images;  // frame, camera
+  std::vector<zot_sim::Pose> tool, truth;
+  std::vector<double> times;
+  bool ok = false;
+};
+
+Setup& setupFor(const std::string& cameraFile, int samplingStep) {
+  static std::map<std::string, Setup> setups;
+  const std::string key = cameraFile + "/" + std::to_string(samplingStep);
+  Setup& s = setups[key];
+  if (s.ok) return s;
+  const std::string data = dataDir();
+  s.array.resize(zot_sim::kSetupArrayCapacity);
+  int count = 0;
+  FileParser parser;
+  if (parser.parseAllFiles(data.c_str(), cameraFile.c_str(), "tracker_demo.txt",
+                           "model_chamfered_box.txt", count, s.array.data(),
+                           zot_sim::kSetupArrayCapacity) != 0)
+    return s;
+  s.array.resize(count);
+  std::vector<zot_sim::CameraConfig> cameras;
+  zot_sim::ModelConfig model;
+  std::string error;
+  int cursor = 0;
+  if (!zot_sim::decodeCameraSection(s.array.data(), count, cursor, cameras, error)) return s;
+  s.array[cursor + 2] = samplingStep;  // third tracking parameter
+  std::vector<double> tracking;
+  if (!zot_sim::decodeSetupArray(s.array.data(), count, cameras, tracking, model, error)) return s;
+
+  zot_sim::SequenceSpec plan;
+  plan.frames = kFrames;
+  const zot_sim::SequenceRenderer renderer(cameras, model, plan);
+  s.images.resize(kFrames);
+  s.tool.resize(kFrames);
+  s.truth.resize(kFrames);
+  for (int i = 0; i < kFrames; i++) {
+    s.times.push_back(renderer.time(i));
+    renderer.poses(i, s.tool[i].data(), nullptr, s.truth[i].data());
+  }
+  std::vector<std::thread> workers;
+  const int jobs = 2;
+  for (int j = 0; j < jobs; j++) {
+    workers.emplace_back([&, j] {
+      for (int i = j; i < kFrames; i += jobs) renderer.render(i, s.images[i]);
+    });
+  }
+  for (std::thread& t : workers) t.join();
+  s.ok = true;
+  return s;
+}
+
+void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, int samplingStep) {
+  Setup& s = setupFor(cameraFile, samplingStep);
+  if (!s.ok) {
+    state.SkipWithError("cannot read the configuration in data/ or render the sequence");
+    return;
+  }
+  size_t pools[7];
+  zot_sim::poolSizesForSetup(s.array.data(), (int)s.array.size(), pools);
+  doBigMalloc(pools[0], pools[1], pools[2], pools[3], pools[4], pools[5], pools[6]);
+  {
+    std::unique_ptr<GenericObjectTracker> tracker(new GenericObjectTracker());
+    if (tracker->setupFromGlobalArray((int)s.array.size(), s.array.data()) != 0) {
+      state.SkipWithError("the tracker refuses the configuration");
+    } else {
+      const int nCams = tracker->m_nCameras;
+      const double zero[6] = {0, 0, 0, 0, 0, 0}, dof[6] = {1, 1, 1, 1, 1, 1};
+      double pose[16], velocity[6], covariance[36];
+      std::vector<double> undistortion, edges, gaussNewton;
+      double samples = 0.0;
+      int frame = 0, failures = 0, tracked = 0;
+      for (auto _ : state) {
+        const unsigned char* images[ZOT_MAX_CAMERAS];
+        for (int c = 0; c < nCams; c++) images[c] = s.images[frame][c].data();
+        m_global_output_string_counter = 0;
+        const int rc = tracker->poseEstimation(images, s.times[frame], s.tool[frame].data(),
+                                               s.truth[0].data(), zero, s.times[0], pose, velocity,
+                                               covariance, dof, frame == 0, true, false, false);
+        state.PauseTiming();
+        zot_sim::FrameTiming t;
+        zot_sim::parseFrameTiming(m_global_output_string, m_global_output_string_counter, &t);
+        undistortion.push_back(t.undistortion);
+        edges.push_back(t.edges);
+        gaussNewton.push_back(t.gaussNewton);
+        for (int c = 0; c < nCams; c++) samples += tracker->m_multibody.m_nSamplePointsPerCam[c];
+        tracked++;
+        if (rc != 0) failures++;
+        frame = (frame + 1) % kFrames;
+        state.ResumeTiming();
+      }
+      state.counters["undistortion_ms"] = zot_sim::quantile(undistortion, 0.5);
+      state.counters["edges_ms"] = zot_sim::quantile(edges, 0.5);
+      state.counters["gauss_newton_ms"] = zot_sim::quantile(gaussNewton, 0.5);
+      state.counters["samples_per_cam"] = tracked > 0 ? samples / tracked / nCams : 0.0;
+      state.counters["failed_frames"] = failures;
+    }
+  }
+  doBigFree();
+}
+
+BENCHMARK_CAPTURE(BM_PoseEstimation, mono_150_samples, "camera_mono.txt", 8)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5 * kFrames);
+BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_150_samples, "camera_stereo.txt", 8)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5 * kFrames);
+BENCHMARK_CAPTURE(BM_PoseEstimation, mono_demo_step, "camera_mono.txt", 4)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5 * kFrames);
+BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_demo_step, "camera_stereo.txt", 4)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5 * kFrames);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,570 @@
+// Configuration and sequence files for the host programs. Camera and model
+// files go through the library's own parser (the inline loaders of the
+// header) so that the simulation sees exactly the numbers the tracker will
+// see; nothing here calls the library itself.
+#include "scene_config.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace zot_sim {
+
+namespace {
+
+std::string joinPath(const std::string& directory, const std::string& name) {
+  return directory.empty() ? name : directory + "/" + name;
+}
+
+// Cursor-checked reader of the setup array.
+struct ArrayReader {
+  const double* a;
+  int n;
+  int& cursor;
+  std::string& error;
+  bool take(double& v) {
+    if (cursor >= n) {
+      error = "setup array ends early (at value " + std::to_string(cursor) + ")";
+      return false;
+    }
+    v = a[cursor++];
+    return true;
+  }
+  bool takeInt(int& v, int lowest, int highest, const char* what) {
+    double d;
+    if (!take(d)) return false;
+    if (!(d >= lowest && d < highest + 1.0)) {
+      error = std::string("impossible ") + what + " " + std::to_string(d);
+      return false;
+    }
+    v = (int)d;
+    return true;
+  }
+  bool takeRows(Pose& T) {  // first three rows of a 4 x 4 transform
+    T = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    for (int k = 0; k < 12; k++) {
+      if (!take(T[k])) return false;
+    }
+    return true;
+  }
+};
+
+// Splits a line into numbers; false when a token is not a number.
+bool numbersOfLine(const std::string& line, std::vector<double>& out) {
+  out.clear();
+  std::string text = line;
+  for (char& c : text) {
+    if (c == ',' || c == ';' || c == '\t' || c == '\r') c = ' ';
+  }
+  std::istringstream in(text);
+  std::string token;
+  while (in >> token) {
+    char* end = nullptr;
+    const double v = std::strtod(token.c_str(), &end);
+    if (end == token.c_str() || *end != '\0') return false;
+    out.push_back(v);
+  }
+  return true;
+}
+
+bool isSkipped(const std::string& line) {
+  const size_t first = line.find_first_not_of(" \t\r");
+  return first == std::string::npos || line[first] == '#';
+}
+
+void writeRows(FILE* f, const double* T) {
+  for (int k = 0; k < 12; k++) fprintf(f, "%.12g%s", T[k], k < 11 ? " " : "\n");
+}
+
+std::string stemOf(const std::string& fileName) {
+  const size_t dot = fileName.rfind('.');
+  return dot == std::string::npos ? fileName : fileName.substr(0, dot);
+}
+
+}  // namespace
+
+// ================================================================ configuration
+bool decodeCameraSection(const double* array, int count, int& cursor,
+                         std::vector<CameraConfig>& cameras, std::string& error) {
+  ArrayReader r{array, count, cursor, error};
+  int nCameras;
+  if (!r.takeInt(nCameras, 1, 5, "number of cameras")) return false;
+  cameras.assign(nCameras, CameraConfig());
+  for (CameraConfig& c : cameras) {
+    double v[2];
+    if (!r.take(v[0]) || !r.take(v[1])) return false;
+    c.width = (int)v[0];
+    c.height = (int)v[1];
+    if (c.width < 2 || c.height < 2 || c.width > 20000 || c.height > 20000) {
+      error = "impossible image size " + std::to_string(c.width) + " x " + std::to_string(c.height);
+      return false;
+    }
+    if (!r.take(c.zNear) || !r.take(c.zFar) || !r.take(c.fx) || !r.take(c.fy) || !r.take(c.cx) ||
+        !r.take(c.cy) || !r.take(c.skew))
+      return false;
+    for (double& d : c.dist) {
+      if (!r.take(d)) return false;
+    }
+    if (!r.takeRows(c.toolFromCamera)) return false;
+    int nMasks;
+    if (!r.takeInt(nMasks, 0, 50, "number of mask polygons")) return false;
+    for (int m = 0; m < nMasks; m++) {
+      int nVertices;
+      if (!r.takeInt(nVertices, 0, 10, "number of mask vertices")) return false;
+      std::vector<double> uv(2 * nVertices);
+      for (double& x : uv) {
+        if (!r.take(x)) return false;
+      }
+      c.masks.push_back(uv);
+    }
+  }
+  return true;
+}
+
+bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig& model,
+                        std::string& error) {
+  ArrayReader r{array, count, cursor, error};
+  model = ModelConfig();
+  int nFrames, nBodies;
+  if (!r.takeInt(nFrames, 0, 100, "number of local frames")) return false;
+  model.localFrames.resize(nFrames);
+  for (Pose& T : model.localFrames) {
+    if (!r.takeRows(T)) return false;
+  }
+  if (!r.takeInt(nBodies, 1, 50, "number of bodies")) return false;
+  const int big = 10000000;
+  for (int b = 0; b < nBodies; b++) {
+    BodyConfig body;
+    if (!r.takeInt(body.type, 0, 2, "body type")) return false;
+    int nVertices;
+    double v;
+    if (body.type == 0) {
+      if (!r.take(v)) return false;
+      body.flat = v != 0.0;
+      if (!r.take(body.featureAngle)) return false;
+    } else if (body.type == 1) {
+      int support[2];
+      if (!r.takeInt(support[0], -1, big, "support body") ||
+          !r.takeInt(support[1], -1, big, "support face"))
+        return false;
+      body.supportBody = support[0] - 1;
+      body.supportFace = support[1] - 1;
+    } else {
+      for (double& x : body.cylinder) {
+        if (!r.take(x)) return false;
+      }
+      model.bodies.push_back(body);
+      continue;
+    }
+    if (!r.takeInt(nVertices, 0, big, "number of vertices")) return false;
+    body.mesh.vertices.resize(3 * nVertices);
+    for (double& x : body.mesh.vertices) {
+      if (!r.take(x)) return false;
+    }
+    int nItems;
+    if (!r.takeInt(nItems, 0, big, body.type == 0 ? "number of faces" : "number of edges"))
+      return false;
+    for (int i = 0; i < nItems; i++) {
+      int k = 2;
+      if (body.type == 0) {
+        if (!r.takeInt(k, 3, 100, "number of face vertices")) return false;
+        body.mesh.faceSizes.push_back(k);
+      }
+      for (int j = 0; j < k; j++) {
+        int index;
+        if (!r.takeInt(index, 1, nVertices, "vertex index")) return false;
+        (body.type == 0 ? body.mesh.faceIndices : body.segments).push_back(index - 1);
+      }
+    }
+    model.bodies.push_back(body);
+  }
+  return true;
+}
+
+bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>& cameras,
+                      std::vector<double>& trackingParameters, ModelConfig& model,
+                      std::string& error) {
+  int cursor = 0;
+  if (!decodeCameraSection(array, count, cursor, cameras, error)) return false;
+  if (cursor + 23 > count) {
+    error = "setup array ends inside the tracking parameters";
+    return false;
+  }
+  trackingParameters.assign(array + cursor, array + cursor + 23);
+  cursor += 23;
+  if (!decodeModelSection(array, count, cursor, model, error)) return false;
+  if (cursor != count) {
+    error = "setup array holds " + std::to_string(count) + " values, its layout " +
+            std::to_string(cursor);
+    return false;
+  }
+  return true;
+}
+
+bool poolSizesForSetup(const double* array, int count, size_t* sizes) {
+  std::vector<CameraConfig> cameras;
+  std::string error;
+  int cursor = 0;
+  if (!decodeCameraSection(array, count, cursor, cameras, error) || cursor >= count) return false;
+  size_t px = 0;
+  for (const CameraConfig& c : cameras) px = std::max(px, (size_t)c.width * c.height);
+  const size_t n = cameras.size();
+  const size_t samples = (size_t)std::max(0.0, std::min(1e7, array[cursor]));
+  const size_t model = (size_t)(count - cursor);  // tracker and model values
+  // Measured use of a 640 x 480 configuration is about (2n + 7) px bytes,
+  // px byte pointers, (3n + 1) px doubles, (5n + 2) px ints and (2n + 2) px
+  // shorts; the margins cover the sample buffers and the model topology.
+  sizes[0] = (2 * n + 8) * px + 100 * model + 100000;
+  sizes[1] = px + 10000;
+  sizes[2] = (3 * n + 2) * px + 200 * n * samples + 100 * model + 100000;
+  sizes[3] = 10000;
+  sizes[4] = (5 * n + 3) * px + 100 * n * samples + 100 * model + 100000;
+  sizes[5] = 20 * model + 10000;
+  sizes[6] = (2 * n + 3) * px + 10000;
+  return true;
+}
+
+bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
+                     const std::string& headerComment, std::string& error) {
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (!headerComment.empty()) fprintf(f, "# %s\n", headerComment.c_str());
+  fprintf(f, "# number of cameras\n%d\n", (int)cameras.size());
+  for (size_t i = 0; i < cameras.size(); i++) {
+    const CameraConfig& c = cameras[i];
+    fprintf(f, "# ---- cam %d ----\n# image width, height [pixels]\n%d %d\n", (int)i, c.width,
+            c.height);
+    fprintf(f, "# near and far clipping depth\n%.12g %.12g\n", c.zNear, c.zFar);
+    fprintf(f, "# fx fy cx cy skew [pixels]\n%.12g %.12g %.12g %.12g %.12g\n", c.fx, c.fy, c.cx,
+            c.cy, c.skew);
+    fprintf(f, "# distortion k1 k2 p1 p2 k3\n%.12g %.12g %.12g %.12g %.12g\n", c.dist[0], c.dist[1],
+            c.dist[2], c.dist[3], c.dist[4]);
+    fprintf(f, "# camera pose in the tool frame: first three rows of the 4x4 transform\n");
+    writeRows(f, c.toolFromCamera.data());
+    fprintf(f, "# number of mask polygons\n%d\n", (int)c.masks.size());
+    for (const std::vector<double>& m : c.masks) {
+      fprintf(f, "%d", (int)m.size() / 2);
+      for (size_t k = 0; k + 1 < m.size(); k += 2) fprintf(f, "  %.12g %.12g", m[k], m[k + 1]);
+      fprintf(f, "\n");
+    }
+  }
+  const bool ok = fclose(f) == 0;
+  if (!ok) error = "cannot write " + path;
+  return ok;
+}
+
+bool writeModelFile(const std::string& directory, const std::string& fileName,
+                    const ModelConfig& model, std::string& error) {
+  const std::string path = joinPath(directory, fileName);
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  bool ok = true;
+  fprintf(f, "# number of local frames\n%d\n", (int)model.localFrames.size());
+  for (const Pose& T : model.localFrames) writeRows(f, T.data());
+  fprintf(f, "# number of bodies\n%d\n", (int)model.bodies.size());
+  for (size_t b = 0; b < model.bodies.size() && ok; b++) {
+    const BodyConfig& body = model.bodies[b];
+    const std::string bodyFile = stemOf(fileName) + "_body" + std::to_string(b + 1) +
+                                 (body.type == 0 ? "_polyhedron.txt" : "_polyline.txt");
+    if (body.type == 2) {
+      fprintf(f, "C body %d: cylinder\n%.12g\n", (int)b + 1, body.cylinder[0]);
+      for (int k = 0; k < 4; k++)
+        fprintf(f, "%.12g %.12g %.12g\n", body.cylinder[1 + 3 * k], body.cylinder[2 + 3 * k],
+                body.cylinder[3 + 3 * k]);
+      continue;
+    }
+    const std::vector<double>& v = body.mesh.vertices;
+    FILE* g = fopen(joinPath(directory, bodyFile).c_str(), "w");
+    if (g == nullptr) {
+      error = "cannot write " + joinPath(directory, bodyFile) + ": " + strerror(errno);
+      ok = false;
+      break;
+    }
+    fprintf(g, "nv %d\n", (int)v.size() / 3);
+    for (size_t k = 0; k + 2 < v.size(); k += 3)
+      fprintf(g, "v %.12g %.12g %.12g\n", v[k], v[k + 1], v[k + 2]);
+    if (body.type == 0) {
+      fprintf(g, "nf %d\n", (int)body.mesh.faceSizes.size());
+      size_t start = 0;
+      for (int size : body.mesh.faceSizes) {
+        fprintf(g, "f %d", size);
+        for (int j = 0; j < size; j++) fprintf(g, " %d", body.mesh.faceIndices[start + j] + 1);
+        fprintf(g, "\n");
+        start += size;
+      }
+      fprintf(f, "P body %d: polyhedron\n%d\n%.12g\n%s\n# (spare line after the file name)\n",
+              (int)b + 1, body.flat ? 1 : 0, body.featureAngle, bodyFile.c_str());
+    } else {
+      fprintf(g, "ne %d\n", (int)body.segments.size() / 2);
+      for (size_t k = 0; k + 1 < body.segments.size(); k += 2)
+        fprintf(g, "e %d %d\n", body.segments[k] + 1, body.segments[k + 1] + 1);
+      fprintf(f, "L body %d: polyline\n%d %d\n%s\n", (int)b + 1, body.supportBody + 1,
+              body.supportFace + 1, bodyFile.c_str());
+    }
+    ok = fclose(g) == 0;
+    if (!ok) error = "cannot write " + joinPath(directory, bodyFile);
+  }
+  if (fclose(f) != 0 && ok) {
+    error = "cannot write " + path;
+    ok = false;
+  }
+  return ok;
+}
+
+bool copyFile(const std::string& from, const std::string& to, std::string& error) {
+  std::ifstream in(from, std::ios::binary);
+  if (!in) {
+    error = "cannot read " + from;
+    return false;
+  }
+  std::ofstream out(to, std::ios::binary);
+  out << in.rdbuf();
+  if (!out) {
+    error = "cannot write " + to;
+    return false;
+  }
+  return true;
+}
+
+double modelSize(const ModelConfig& model, double* centre, double* diagonal) {
+  double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+  for (const BodyConfig& b : model.bodies) {
+    const std::vector<double>& v = b.mesh.vertices;
+    for (size_t k = 0; k + 2 < v.size(); k += 3) {
+      for (int a = 0; a < 3; a++) {
+        lo[a] = std::min(lo[a], v[k + a]);
+        hi[a] = std::max(hi[a], v[k + a]);
+      }
+    }
+  }
+  if (!(lo[0] <= hi[0])) {
+    if (centre != nullptr) centre[0] = centre[1] = centre[2] = 0.0;
+    if (diagonal != nullptr) *diagonal = 0.0;
+    return 0.0;
+  }
+  if (centre != nullptr) {
+    for (int a = 0; a < 3; a++) centre[a] = 0.5 * (lo[a] + hi[a]);
+  }
+  if (diagonal != nullptr) {
+    const double d[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
+    *diagonal = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+  }
+  return std::max(hi[0] - lo[0], std::max(hi[1] - lo[1], hi[2] - lo[2]));
+}
+
+// ================================================================ sequence files
+bool parsePose(const std::string& text, Pose& pose, std::string& error) {
+  std::vector<double> v;
+  if (!numbersOfLine(text, v)) {
+    error = "not a list of numbers: \"" + text + "\"";
+    return false;
+  }
+  for (double x : v) {
+    if (!std::isfinite(x)) {
+      error = "pose with a non-finite number";
+      return false;
+    }
+  }
+  if (v.size() == 16 || v.size() == 12) {
+    Pose T = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    std::copy(v.begin(), v.end(), T.begin());
+    if (v.size() == 16 && (T[12] != 0.0 || T[13] != 0.0 || T[14] != 0.0 || T[15] != 1.0)) {
+      error = "the last row of a pose must be 0 0 0 1";
+      return false;
+    }
+    // A rotation that is far from orthonormal is a unit or layout mistake.
+    for (int i = 0; i < 3; i++) {
+      for (int j = 0; j < 3; j++) {
+        double d = 0.0;
+        for (int k = 0; k < 3; k++) d += T[4 * k + i] * T[4 * k + j];
+        if (std::fabs(d - (i == j ? 1.0 : 0.0)) > 1e-3) {
+          error = "the rotation part of the pose is not orthonormal";
+          return false;
+        }
+      }
+    }
+    pose = T;
+    return true;
+  }
+  if (v.size() == 6) {
+    // translation, then rotation vector in degrees (Rodrigues)
+    const double deg = 3.141592653589793 / 180.0;
+    const double r[3] = {v[3] * deg, v[4] * deg, v[5] * deg};
+    const double angle = std::sqrt(r[0] * r[0] + r[1] * r[1] + r[2] * r[2]);
+    const double a[3] = {angle > 0 ? r[0] / angle : 1.0, angle > 0 ? r[1] / angle : 0.0,
+                         angle > 0 ? r[2] / angle : 0.0};
+    const double c = std::cos(angle), s = std::sin(angle);
+    const double cross[9] = {0.0, -a[2], a[1], a[2], 0.0, -a[0], -a[1], a[0], 0.0};
+    pose = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    for (int i = 0; i < 3; i++) {
+      for (int j = 0; j < 3; j++)
+        pose[4 * i + j] = (i == j ? c : 0.0) + (1.0 - c) * a[i] * a[j] + s * cross[3 * i + j];
+      pose[4 * i + 3] = v[i];
+    }
+    return true;
+  }
+  error = "a pose needs 16, 12 or 6 numbers, found " + std::to_string(v.size());
+  return false;
+}
+
+bool readPoseFile(const std::string& path, std::vector<Pose>& poses, std::string& error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open " + path;
+    return false;
+  }
+  poses.clear();
+  std::string line;
+  int lineNo = 0;
+  while (std::getline(in, line)) {
+    lineNo++;
+    if (isSkipped(line)) continue;
+    Pose T;
+    if (!parsePose(line, T, error)) {
+      error = path + ":" + std::to_string(lineNo) + ": " + error;
+      return false;
+    }
+    poses.push_back(T);
+  }
+  return true;
+}
+
+bool writePoseFile(const std::string& path, const std::vector<Pose>& poses,
+                   const std::string& comment, std::string& error) {
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
+  for (const Pose& T : poses) {
+    for (int k = 0; k < 16; k++) fprintf(f, "%.17g%s", T[k], k < 15 ? " " : "\n");
+  }
+  const bool ok = fclose(f) == 0;
+  if (!ok) error = "cannot write " + path;
+  return ok;
+}
+
+bool readNumberFile(const std::string& path, std::vector<double>& values, std::string& error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open " + path;
+    return false;
+  }
+  values.clear();
+  std::string line;
+  int lineNo = 0;
+  std::vector<double> v;
+  while (std::getline(in, line)) {
+    lineNo++;
+    if (isSkipped(line)) continue;
+    if (!numbersOfLine(line, v) || v.size() != 1 || !std::isfinite(v[0])) {
+      error = path + ":" + std::to_string(lineNo) + ": expected one number per line";
+      return false;
+    }
+    values.push_back(v[0]);
+  }
+  return true;
+}
+
+bool writeNumberFile(const std::string& path, const std::vector<double>& values,
+                     const std::string& comment, std::string& error) {
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
+  for (double v : values) fprintf(f, "%.17g\n", v);
+  const bool ok = fclose(f) == 0;
+  if (!ok) error = "cannot write " + path;
+  return ok;
+}
+
+bool readSetupHeader(const std::string& path, std::vector<double>& values, std::string& error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open " + path;
+    return false;
+  }
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  const std::string text = buffer.str();
+  const char* const counterKey = "setup_global_array_counter =";
+  const size_t key = text.find(counterKey);
+  const size_t open = text.find('{');
+  const size_t close = text.find('}', open == std::string::npos ? 0 : open);
+  if (key == std::string::npos || open == std::string::npos || close == std::string::npos) {
+    error = path + ": not a setup-array header (no counter or no braces)";
+    return false;
+  }
+  const long count = std::strtol(text.c_str() + key + strlen(counterKey), nullptr, 10);
+  values.clear();
+  const char* p = text.c_str() + open + 1;
+  const char* const end = text.c_str() + close;
+  while (p < end) {
+    while (p < end && (*p == ' ' || *p == ',' || *p == '\n' || *p == '\r' || *p == '\t')) p++;
+    if (p >= end) break;
+    char* next = nullptr;
+    const double v = std::strtod(p, &next);
+    if (next == p || next > end) {
+      error = path + ": unexpected text in the value list";
+      return false;
+    }
+    values.push_back(v);
+    p = next;
+  }
+  if ((long)values.size() != count || count <= 0) {
+    error = path + ": " + std::to_string(values.size()) + " values, but the counter says " +
+            std::to_string(count);
+    return false;
+  }
+  return true;
+}
+
+// ================================================================ pose errors
+void poseError(const double* estimate, const double* reference, double* translationError,
+               double* rotationErrorDeg) {
+  const double dx = estimate[3] - reference[3], dy = estimate[7] - reference[7],
+               dz = estimate[11] - reference[11];
+  *translationError = std::sqrt(dx * dx + dy * dy + dz * dz);
+  // trace(R_e^T R_r) = sum of the element-wise products
+  double trace = 0.0;
+  for (int i = 0; i < 3; i++) {
+    for (int j = 0; j < 3; j++) trace += estimate[4 * i + j] * reference[4 * i + j];
+  }
+  const double c = std::max(-1.0, std::min(1.0, 0.5 * (trace - 1.0)));
+  *rotationErrorDeg = std::acos(c) * 57.29577951308232;
+}
+
+bool makeDirectories(const std::string& path) {
+  if (path.empty()) return false;
+  for (size_t pos = 1; pos <= path.size(); pos++) {
+    if (pos == path.size() || path[pos] == '/') {
+      const std::string part = path.substr(0, pos);
+      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+  }
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool pathExists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+}  // namespace zot_sim

@@ -1,0 +1,173 @@
+/// @file
+/// Configuration and sequence files as the host programs exchange them:
+/// camera and model files read through the library's own parser and decoded
+/// from the setup array into plain structures, written back as text; pose,
+/// time-stamp and setup-header files; pose errors against a reference.
+///
+/// Pose files hold one pose per line: 16 numbers (the 4 x 4 transform, row
+/// by row), 12 (its first three rows) or 6 (translation, then the rotation
+/// vector in degrees). Numbers are separated by blanks, commas or
+/// semicolons; empty lines and lines starting with '#' are skipped.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "../../include/FileParser.h"
+#include "sim_mesh.h"
+
+namespace zot_sim {
+
+using Pose = std::array<double, 16>;
+
+/// Values the configuration loaders make room for: meshes of several ten
+/// thousand faces.
+constexpr int kSetupArrayCapacity = 4000000;
+
+// ================================================================ configuration
+/// One camera of a camera file.
+struct CameraConfig {
+  int width = 0, height = 0;
+  double zNear = 0.0, zFar = 0.0;
+  double fx = 0.0, fy = 0.0, cx = 0.0, cy = 0.0, skew = 0.0;
+  double dist[5] = {0, 0, 0, 0, 0};        ///< k1, k2, p1, p2, k3
+  Pose toolFromCamera{};                   ///< the calibration: camera pose in the tool frame
+  std::vector<std::vector<double>> masks;  ///< per mask polygon its u, v pairs
+};
+
+/// One body of a model file (the fields of its type are used).
+struct BodyConfig {
+  int type = 0;                            ///< 0 polyhedron, 1 polyline, 2 cylinder
+  bool flat = false;                       ///< polyhedron: open surface
+  double featureAngle = 0.0;               ///< polyhedron: crease angle, degrees
+  Mesh mesh;                               ///< polyhedron faces (0-based); polyline vertices only
+  std::vector<int> segments;               ///< polyline: 0-based vertex pairs
+  int supportBody = -1, supportFace = -1;  ///< polyline: 0-based, -1 for none
+  double cylinder[13] = {};  ///< cylinder: radius, then the four 3-vectors in file order
+};
+
+/// A model file: local frames and bodies.
+struct ModelConfig {
+  std::vector<Pose> localFrames;
+  std::vector<BodyConfig> bodies;
+};
+
+/// Decoders of the setup array sections; `cursor` moves past the section.
+/// Return false, with a reason in `error`, when the values run out or a count
+/// is impossible.
+bool decodeCameraSection(const double* array, int count, int& cursor,
+                         std::vector<CameraConfig>& cameras, std::string& error);
+bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig& model,
+                        std::string& error);
+
+/// Decodes a whole setup array: cameras, the 23 tracking parameters and the
+/// model. False with a reason when it is inconsistent.
+bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>& cameras,
+                      std::vector<double>& trackingParameters, ModelConfig& model,
+                      std::string& error);
+
+/// Pool sizes (elements for doBigMalloc, in its order Uchar, UcharPtr,
+/// Double, Float, Int, IntPtr, Short) that comfortably hold a tracker set
+/// up from this setup array: the per-camera images, maps and tables, the
+/// sample buffers and the model. False when the camera section is unusable.
+bool poolSizesForSetup(const double* array, int count, size_t* sizes);
+
+/// Reads `directory`/`fileName` with FileParser::parseCameraFile and decodes
+/// the cameras. Returns 0, or the parser's negative code (with its message
+/// on standard output) and a one-line reason in `error`. Inline, like the
+/// model loader, so that the simulation library itself does not call the
+/// tracker library: each program binds them to the tracker it links.
+inline int loadCameraFile(const std::string& directory, const std::string& fileName,
+                          std::vector<CameraConfig>& cameras, std::string& error) {
+  std::vector<double> array(kSetupArrayCapacity);
+  int count = 0;
+  ZOTtracker::FileParser parser;
+  const int rc = parser.parseCameraFile(directory.c_str(), fileName.c_str(), count, array.data(),
+                                        kSetupArrayCapacity);
+  if (rc != 0) {
+    error = "cannot read the camera file " + directory + "/" + fileName;
+    return rc;
+  }
+  int cursor = 0;
+  if (!decodeCameraSection(array.data(), count, cursor, cameras, error)) {
+    error = directory + "/" + fileName + ": " + error;
+    return -10;
+  }
+  return 0;
+}
+
+/// Reads a model file (and the body files it names) with
+/// FileParser::parseModelFile and decodes it. Returns 0 or a negative code.
+inline int loadModelFile(const std::string& directory, const std::string& fileName,
+                         ModelConfig& model, std::string& error) {
+  std::vector<double> array(kSetupArrayCapacity);
+  int count = 0;
+  ZOTtracker::FileParser parser;
+  const int rc = parser.parseModelFile(directory.c_str(), fileName.c_str(), count, array.data(),
+                                       kSetupArrayCapacity);
+  if (rc != 0) {
+    error = "cannot read the model file " + directory + "/" + fileName;
+    return rc;
+  }
+  int cursor = 0;
+  if (!decodeModelSection(array.data(), count, cursor, model, error)) {
+    error = directory + "/" + fileName + ": " + error;
+    return -12;
+  }
+  return 0;
+}
+
+/// Writes a commented camera file that parses back to `cameras`. Returns
+/// false with a reason when the file cannot be written.
+bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
+                     const std::string& headerComment, std::string& error);
+/// Writes the model file `directory`/`fileName` and one geometry file per
+/// polyhedron or polyline body, named "<stem>_body<i>_polyhedron.txt" or
+/// "..._polyline.txt" after the model file's stem. Returns false on failure.
+bool writeModelFile(const std::string& directory, const std::string& fileName,
+                    const ModelConfig& model, std::string& error);
+
+/// Copies a file byte for byte. Returns false with a reason on failure.
+bool copyFile(const std::string& from, const std::string& to, std::string& error);
+
+/// Largest extent of the axis-aligned bounding box of all polyhedron and
+/// polyline vertices (0 without vertices); `centre` and `diagonal` (either
+/// may be null) get the box centre and the length of its diagonal.
+double modelSize(const ModelConfig& model, double* centre, double* diagonal = nullptr);
+
+// ================================================================ sequence files
+/// Parses one pose from text (16, 12 or 6 numbers, see the file comment);
+/// `pose` is written only on success.
+bool parsePose(const std::string& text, Pose& pose, std::string& error);
+/// Reads every pose of a pose file.
+bool readPoseFile(const std::string& path, std::vector<Pose>& poses, std::string& error);
+/// Writes one pose per line as 16 numbers with full precision, after an
+/// optional comment line.
+bool writePoseFile(const std::string& path, const std::vector<Pose>& poses,
+                   const std::string& comment, std::string& error);
+/// Reads one number per line (time stamps); same comment rules.
+bool readNumberFile(const std::string& path, std::vector<double>& values, std::string& error);
+/// Writes one number per line with full precision after an optional comment.
+bool writeNumberFile(const std::string& path, const std::vector<double>& values,
+                     const std::string& comment, std::string& error);
+/// Reads the values of a setup-array header written by
+/// FileParser::createGlobalArrayHeaderFile: the count after
+/// "setup_global_array_counter =" and the numbers inside the braces. Fails
+/// when the file is missing, malformed, or holds a number of values other
+/// than the count.
+bool readSetupHeader(const std::string& path, std::vector<double>& values, std::string& error);
+
+// ================================================================ pose errors
+/// Distance between the translations and angle (degrees) of the relative
+/// rotation R_estimate^T * R_reference.
+void poseError(const double* estimate, const double* reference, double* translationError,
+               double* rotationErrorDeg);
+
+/// Creates a directory and its missing parents; true when it exists afterwards.
+bool makeDirectories(const std::string& path);
+/// True when a file or directory exists.
+bool pathExists(const std::string& path);
+
+}  // namespace zot_sim

@@ -1,0 +1,659 @@
+// Synthetic tracking sequences: trajectories, table texture, per-camera
+// rendering with distortion, blur and noise.
+#include "sequence.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <random>
+#include <set>
+
+#include "lens.h"
+
+namespace zot_sim {
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+constexpr double kDeg = kPi / 180.0;
+
+// ---------------------------------------------------------------- small pose algebra
+void identity(double* T) {
+  for (int k = 0; k < 16; k++) T[k] = (k % 5 == 0) ? 1.0 : 0.0;
+}
+
+void product(const double* A, const double* B, double* C) {
+  for (int i = 0; i < 4; i++) {
+    for (int j = 0; j < 4; j++) {
+      double s = 0.0;
+      for (int k = 0; k < 4; k++) s += A[4 * i + k] * B[4 * k + j];
+      C[4 * i + j] = s;
+    }
+  }
+}
+
+void inverse(const double* T, double* U) {
+  identity(U);
+  for (int i = 0; i < 3; i++) {
+    for (int j = 0; j < 3; j++) U[4 * i + j] = T[4 * j + i];
+  }
+  for (int i = 0; i < 3; i++) {
+    U[4 * i + 3] = -(U[4 * i] * T[3] + U[4 * i + 1] * T[7] + U[4 * i + 2] * T[11]);
+  }
+}
+
+// Rotation by angle (degrees) about axis 0, 1 or 2.
+void rotation(int axis, double deg, double* T) {
+  identity(T);
+  const double c = std::cos(deg * kDeg), s = std::sin(deg * kDeg);
+  const int a = (axis + 1) % 3, b = (axis + 2) % 3;
+  T[4 * a + a] = c;
+  T[4 * a + b] = -s;
+  T[4 * b + a] = s;
+  T[4 * b + b] = c;
+}
+
+void translation(double x, double y, double z, double* T) {
+  identity(T);
+  T[3] = x;
+  T[7] = y;
+  T[11] = z;
+}
+
+void chain(double* T, const double* B) {  // T <- T * B
+  double C[16];
+  product(T, B, C);
+  std::copy(C, C + 16, T);
+}
+
+void normalise3(double* v) {
+  const double n = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+  if (n > 0.0) {
+    for (int k = 0; k < 3; k++) v[k] /= n;
+  }
+}
+
+void cross3(const double* a, const double* b, double* c) {
+  c[0] = a[1] * b[2] - a[2] * b[1];
+  c[1] = a[2] * b[0] - a[0] * b[2];
+  c[2] = a[0] * b[1] - a[1] * b[0];
+}
+
+// Tool pose looking from eye at target, image "down" towards the table,
+// then turned by roll about the viewing axis.
+void lookAt(const double* eye, const double* target, double rollDeg, double* T) {
+  double z[3] = {target[0] - eye[0], target[1] - eye[1], target[2] - eye[2]};
+  normalise3(z);
+  const double down[3] = {0.0, 0.0, -1.0};
+  double x[3], y[3];
+  cross3(down, z, x);
+  if (x[0] * x[0] + x[1] * x[1] + x[2] * x[2] < 1e-12) {
+    x[0] = 1.0;  // straight down: any horizontal x
+    x[1] = x[2] = 0.0;
+  }
+  normalise3(x);
+  cross3(z, x, y);
+  identity(T);
+  for (int i = 0; i < 3; i++) {
+    T[4 * i] = x[i];
+    T[4 * i + 1] = y[i];
+    T[4 * i + 2] = z[i];
+    T[4 * i + 3] = eye[i];
+  }
+  double roll[16];
+  rotation(2, rollDeg, roll);
+  chain(T, roll);
+}
+
+// 0 at rest, rising smoothly to 1 over the first second of motion.
+double envelope(double t) {
+  const double x = std::min(1.0, std::max(0.0, t));
+  return x * x * (3.0 - 2.0 * x);
+}
+
+double wave(double t, double period, double phase) {
+  return std::sin(2.0 * kPi * t / period + phase);
+}
+
+// ---------------------------------------------------------------- table clutter
+struct Shape {
+  int kind;  // 0 rectangle, 1 disc, 2 ring
+  double cx, cy, a, b, angle;
+  unsigned char grey;
+  bool inside(double x, double y) const {
+    const double dx = x - cx, dy = y - cy;
+    const double c = std::cos(angle), s = std::sin(angle);
+    const double u = c * dx + s * dy, v = -s * dx + c * dy;
+    if (kind == 0) return std::fabs(u) <= a && std::fabs(v) <= b;
+    const double r2 = u * u + v * v;
+    if (kind == 1) return r2 <= a * a;
+    return r2 <= a * a && r2 >= b * b;
+  }
+  double radius() const { return kind == 0 ? std::sqrt(a * a + b * b) : a; }
+};
+
+unsigned char toByte(double v) {
+  if (!(v > 0.0)) return 0;
+  if (v >= 255.0) return 255;
+  return (unsigned char)(v + 0.5);
+}
+
+bool insidePolygon(const std::vector<double>& uv, double x, double y) {
+  bool inside = false;
+  const size_t n = uv.size() / 2;
+  for (size_t k = 0, j = n - 1; k < n; j = k++) {
+    const double xk = uv[2 * k], yk = uv[2 * k + 1], xj = uv[2 * j], yj = uv[2 * j + 1];
+    if ((yk > y) != (yj > y) && x < (xj - xk) * (y - yk) / (yj - yk) + xk) inside = !inside;
+  }
+  return inside;
+}
+
+// Newell normal of a polygon given by vertex indices into v.
+void polygonNormal(const std::vector<double>& v, const int* idx, int n, double* normal) {
+  normal[0] = normal[1] = normal[2] = 0.0;
+  for (int k = 0; k < n; k++) {
+    const double* a = &v[3 * idx[k]];
+    const double* b = &v[3 * idx[(k + 1) % n]];
+    normal[0] += (a[1] - b[1]) * (a[2] + b[2]);
+    normal[1] += (a[2] - b[2]) * (a[0] + b[0]);
+    normal[2] += (a[0] - b[0]) * (a[1] + b[1]);
+  }
+  normalise3(normal);
+}
+
+// Four tones, 55 grey levels apart; the shading adds at most 15 on top.
+constexpr double kTones[4] = {240.0, 185.0, 130.0, 75.0};
+
+// Base grey per face: coplanar neighbours form one surface and share a
+// tone; neighbouring surfaces get different tones (greedy colouring, most
+// connected surface first), so every model edge shows in the image whatever
+// the lighting.
+std::vector<double> faceTones(const Mesh& m) {
+  const int nFaces = (int)m.faceSizes.size();
+  std::vector<int> start(nFaces + 1, 0);
+  for (int f = 0; f < nFaces; f++) start[f + 1] = start[f] + m.faceSizes[f];
+  std::vector<double> normals(3 * nFaces);
+  for (int f = 0; f < nFaces; f++)
+    polygonNormal(m.vertices, &m.faceIndices[start[f]], m.faceSizes[f], &normals[3 * f]);
+  std::map<std::pair<int, int>, std::vector<int>> edgeFaces;
+  for (int f = 0; f < nFaces; f++) {
+    for (int k = 0; k < m.faceSizes[f]; k++) {
+      const int a = m.faceIndices[start[f] + k];
+      const int b = m.faceIndices[start[f] + (k + 1) % m.faceSizes[f]];
+      edgeFaces[{std::min(a, b), std::max(a, b)}].push_back(f);
+    }
+  }
+  std::vector<int> surface(nFaces);
+  for (int f = 0; f < nFaces; f++) surface[f] = f;
+  auto find = [&](int f) {
+    while (surface[f] != f) f = surface[f] = surface[surface[f]];
+    return f;
+  };
+  for (const auto& e : edgeFaces) {
+    if (e.second.size() != 2) continue;
+    const double* n0 = &normals[3 * e.second[0]];
+    const double* n1 = &normals[3 * e.second[1]];
+    if (n0[0] * n1[0] + n0[1] * n1[1] + n0[2] * n1[2] > 0.9998)  // within about 1 degree
+      surface[find(e.second[0])] = find(e.second[1]);
+  }
+  std::map<int, std::set<int>> neighbours;
+  for (const auto& e : edgeFaces) {
+    for (int f : e.second) {
+      for (int g : e.second) {
+        if (find(f) != find(g)) neighbours[find(f)].insert(find(g));
+      }
+    }
+  }
+  std::vector<int> order;
+  for (int f = 0; f < nFaces; f++) {
+    if (find(f) == f) order.push_back(f);
+  }
+  std::stable_sort(order.begin(), order.end(),
+                   [&](int a, int b) { return neighbours[a].size() > neighbours[b].size(); });
+  std::map<int, int> tone;
+  for (int s : order) {
+    int uses[4] = {0, 0, 0, 0};
+    for (int n : neighbours[s]) {
+      if (tone.count(n)) uses[tone[n]]++;
+    }
+    int best = 0;
+    for (int t = 1; t < 4; t++) {
+      if (uses[t] < uses[best]) best = t;
+    }
+    tone[s] = best;
+  }
+  std::vector<double> tones(nFaces);
+  for (int f = 0; f < nFaces; f++) tones[f] = kTones[tone[find(f)]];
+  return tones;
+}
+
+}  // namespace
+
+bool parseMotion(const std::string& text, Motion& motion) {
+  if (text == "none")
+    motion = Motion::None;
+  else if (text == "object")
+    motion = Motion::Object;
+  else if (text == "tool")
+    motion = Motion::Tool;
+  else if (text == "both")
+    motion = Motion::Both;
+  else
+    return false;
+  return true;
+}
+
+// ================================================================ set-up
+SequenceRenderer::SequenceRenderer(const std::vector<CameraConfig>& cameras,
+                                   const ModelConfig& model, const SequenceSpec& plan)
+    : m_cameras(cameras), m_plan(plan) {
+  double diagonal = 0.0;
+  m_size = modelSize(model, m_centre, &diagonal);
+  if (!(m_size > 0.0)) m_size = diagonal = 1.0;
+  // The object's diagonal spans about 38 % of the first camera's image width.
+  const CameraConfig& first = m_cameras.front();
+  m_distance =
+      plan.viewDistance > 0.0 ? plan.viewDistance : diagonal * first.fx / (0.38 * first.width);
+  m_tableZ = -0.9 * m_size;
+
+  for (size_t c = 0; c < m_cameras.size(); c++) {
+    const CameraConfig& cam = m_cameras[c];
+    RenderCamera rc;
+    rc.width = cam.width;
+    rc.height = cam.height;
+    const double K[9] = {cam.fx, 0.0, cam.cx, 0.0, cam.fy, cam.cy, 0.0, 0.0, 1.0};
+    std::copy(K, K + 9, rc.K);
+    std::copy(cam.dist, cam.dist + 5, rc.dist);
+    m_renderCameras.push_back(rc);
+    if (cam.skew != 0.0) {
+      m_warnings.push_back("cam " + std::to_string(c) + ": skew is not rendered");
+    }
+    Pose camFromTool;
+    inverse(cam.toolFromCamera.data(), camFromTool.data());
+    m_cameraFromTool.push_back(camFromTool);
+    // Undistorted normalised ray through every pixel centre.
+    std::vector<float> rays(2 * (size_t)cam.width * cam.height);
+    for (int y = 0; y < cam.height; y++) {
+      for (int x = 0; x < cam.width; x++) {
+        double xn, yn;
+        undistortNormalized(cam.dist, (x - cam.cx) / cam.fx, (y - cam.cy) / cam.fy, &xn, &yn);
+        rays[2 * ((size_t)y * cam.width + x)] = (float)xn;
+        rays[2 * ((size_t)y * cam.width + x) + 1] = (float)yn;
+      }
+    }
+    m_rays.push_back(std::move(rays));
+  }
+  for (size_t b = 0; b < model.bodies.size(); b++) {
+    const BodyConfig& body = model.bodies[b];
+    if (body.type == 0) {
+      m_meshes.push_back(body.mesh);
+      m_faceTones.push_back(faceTones(body.mesh));
+    }
+    if (body.type == 2) {
+      m_warnings.push_back("body " + std::to_string(b + 1) + ": cylinders are not rendered");
+    }
+  }
+  buildPaints(model);
+  buildTable();
+}
+
+// Polylines are painted markings: each closed loop becomes a thin coplanar
+// polygon just above its face, each open chain a narrow strip along it.
+void SequenceRenderer::buildPaints(const ModelConfig& model) {
+  const double lift = 1e-4 * m_size, halfWidth = 0.006 * m_size;
+  for (size_t b = 0; b < model.bodies.size(); b++) {
+    const BodyConfig& body = model.bodies[b];
+    if (body.type != 1) continue;
+    const std::vector<double>& v = body.mesh.vertices;
+    // Normal of the supporting face, when there is one.
+    double faceNormal[3] = {0.0, 0.0, 0.0}, tone = 45.0;
+    bool supported = false;
+    if (body.supportBody >= 0 && body.supportBody < (int)model.bodies.size() &&
+        model.bodies[body.supportBody].type == 0) {
+      const Mesh& support = model.bodies[body.supportBody].mesh;
+      int start = 0;
+      for (int f = 0; f < (int)support.faceSizes.size(); f++) {
+        if (f == body.supportFace) {
+          polygonNormal(support.vertices, &support.faceIndices[start], support.faceSizes[f],
+                        faceNormal);
+          supported = true;
+          // Dark ink on a bright face, bright ink on a dark one.
+          const double faceTone = faceTones(support)[f];
+          tone = faceTone >= 150.0 ? faceTone - 120.0 : faceTone + 100.0;
+        }
+        start += support.faceSizes[f];
+      }
+    }
+    // Loops: every vertex in a component has exactly two segments.
+    std::map<int, std::vector<int>> neighbours;
+    for (size_t k = 0; k + 1 < body.segments.size(); k += 2) {
+      neighbours[body.segments[k]].push_back(body.segments[k + 1]);
+      neighbours[body.segments[k + 1]].push_back(body.segments[k]);
+    }
+    std::map<int, bool> visited;
+    std::vector<std::pair<int, int>> openSegments;
+    for (const auto& entry : neighbours) {
+      if (visited[entry.first]) continue;
+      std::vector<int> component, stack = {entry.first};
+      bool loop = true;
+      while (!stack.empty()) {
+        const int p = stack.back();
+        stack.pop_back();
+        if (visited[p]) continue;
+        visited[p] = true;
+        component.push_back(p);
+        if (neighbours[p].size() != 2) loop = false;
+        for (int q : neighbours[p]) {
+          if (!visited[q]) stack.push_back(q);
+        }
+      }
+      if (loop && component.size() >= 3) {
+        std::vector<int> order = {component.front()};
+        int previous = -1, current = component.front();
+        while (true) {
+          const std::vector<int>& nb = neighbours[current];
+          const int next = nb[0] != previous ? nb[0] : nb[1];
+          if (next == order.front()) break;
+          order.push_back(next);
+          previous = current;
+          current = next;
+        }
+        double n[3];
+        polygonNormal(v, order.data(), (int)order.size(), n);
+        if (supported && n[0] * faceNormal[0] + n[1] * faceNormal[1] + n[2] * faceNormal[2] < 0) {
+          std::reverse(order.begin(), order.end());
+          for (double& c : n) c = -c;
+        }
+        Paint paint;
+        paint.tone = tone;
+        for (int idx : order) {
+          for (int a = 0; a < 3; a++) paint.mesh.vertices.push_back(v[3 * idx + a] + lift * n[a]);
+        }
+        paint.mesh.faceSizes.push_back((int)order.size());
+        for (int k = 0; k < (int)order.size(); k++) paint.mesh.faceIndices.push_back(k);
+        m_paints.push_back(paint);
+      } else {
+        for (size_t k = 0; k + 1 < body.segments.size(); k += 2) {
+          const int a = body.segments[k], c = body.segments[k + 1];
+          if (std::find(component.begin(), component.end(), a) != component.end())
+            openSegments.push_back({a, c});
+        }
+      }
+    }
+    if (!openSegments.empty() && !supported) {
+      m_warnings.push_back("body " + std::to_string(b + 1) +
+                           ": open polyline without a supporting face is not rendered");
+      continue;
+    }
+    for (const auto& seg : openSegments) {
+      const double* p = &v[3 * seg.first];
+      const double* q = &v[3 * seg.second];
+      double d[3] = {q[0] - p[0], q[1] - p[1], q[2] - p[2]}, side[3];
+      normalise3(d);
+      cross3(faceNormal, d, side);
+      Paint paint;
+      paint.tone = tone;
+      const double corners[4][2] = {{0, -1}, {0, 1}, {1, 1}, {1, -1}};
+      for (const auto& corner : corners) {
+        const double* base = corner[0] == 0 ? p : q;
+        for (int a = 0; a < 3; a++)
+          paint.mesh.vertices.push_back(base[a] + corner[1] * halfWidth * side[a] +
+                                        lift * faceNormal[a]);
+      }
+      paint.mesh.faceSizes = {4};
+      paint.mesh.faceIndices = {3, 2, 1, 0};
+      double n[3];
+      polygonNormal(paint.mesh.vertices, paint.mesh.faceIndices.data(), 4, n);
+      if (n[0] * faceNormal[0] + n[1] * faceNormal[1] + n[2] * faceNormal[2] < 0)
+        paint.mesh.faceIndices = {0, 1, 2, 3};
+      m_paints.push_back(paint);
+    }
+  }
+}
+
+// The table: a square texture around the object, with random shapes in
+// many greys (cluttered) or a faint gradient (plain).
+void SequenceRenderer::buildTable() {
+  m_textureSide = 2048;
+  const double half = 4.0 * m_distance;
+  m_texelSize = 2.0 * half / m_textureSide;
+  m_texture.assign((size_t)m_textureSide * m_textureSide, 0);
+  for (int j = 0; j < m_textureSide; j++) {
+    for (int i = 0; i < m_textureSide; i++) {
+      const double x = (i - m_textureSide / 2) * m_texelSize;
+      m_texture[(size_t)j * m_textureSide + i] = toByte(30.0 + 8.0 * x / half);
+    }
+  }
+  if (!m_plan.clutter) return;
+  std::mt19937_64 rng(m_plan.seed * 7919 + 17);
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  std::vector<Shape> shapes;
+  const double spread = 2.5 * m_distance, S = m_size;
+  for (int k = 0; k < 260; k++) {
+    Shape s;
+    const double r = unit(rng);
+    s.kind = r < 0.55 ? 0 : (r < 0.85 ? 1 : 2);
+    s.cx = (2.0 * unit(rng) - 1.0) * spread;
+    s.cy = (2.0 * unit(rng) - 1.0) * spread;
+    s.angle = unit(rng) * kPi;
+    s.grey = (unsigned char)(15 + 165 * unit(rng));
+    if (s.kind == 0 && unit(rng) < 0.3) {  // cables and strips
+      s.a = S * (0.6 + 1.6 * unit(rng));
+      s.b = S * (0.01 + 0.03 * unit(rng));
+    } else if (s.kind == 0) {
+      s.a = S * (0.08 + 0.5 * unit(rng));
+      s.b = S * (0.08 + 0.4 * unit(rng));
+    } else {
+      s.a = S * (0.05 + 0.35 * unit(rng));
+      s.b = s.a * (0.4 + 0.4 * unit(rng));
+    }
+    shapes.push_back(s);
+  }
+  // Painter's order with 2 x 2 samples per texel at shape borders.
+  for (const Shape& s : shapes) {
+    const double r = s.radius();
+    const int i0 = std::max(0, (int)((s.cx - r) / m_texelSize) + m_textureSide / 2 - 1);
+    const int i1 =
+        std::min(m_textureSide - 1, (int)((s.cx + r) / m_texelSize) + m_textureSide / 2 + 1);
+    const int j0 = std::max(0, (int)((s.cy - r) / m_texelSize) + m_textureSide / 2 - 1);
+    const int j1 =
+        std::min(m_textureSide - 1, (int)((s.cy + r) / m_texelSize) + m_textureSide / 2 + 1);
+    for (int j = j0; j <= j1; j++) {
+      for (int i = i0; i <= i1; i++) {
+        int hits = 0;
+        for (int sub = 0; sub < 4; sub++) {
+          const double x = (i - m_textureSide / 2 + 0.25 + 0.5 * (sub & 1)) * m_texelSize;
+          const double y = (j - m_textureSide / 2 + 0.25 + 0.5 * (sub >> 1)) * m_texelSize;
+          if (s.inside(x, y)) hits++;
+        }
+        if (hits == 0) continue;
+        unsigned char& t = m_texture[(size_t)j * m_textureSide + i];
+        t = toByte((hits * s.grey + (4 - hits) * t) / 4.0);
+      }
+    }
+  }
+}
+
+unsigned char SequenceRenderer::tableGrey(double x, double y) const {
+  const double u = x / m_texelSize + m_textureSide / 2 - 0.5;
+  const double v = y / m_texelSize + m_textureSide / 2 - 0.5;
+  if (!(u >= 0.0 && v >= 0.0 && u < m_textureSide - 1 && v < m_textureSide - 1)) return 30;
+  const int i = (int)u, j = (int)v;
+  const double a = u - i, b = v - j;
+  const unsigned char* t = &m_texture[(size_t)j * m_textureSide + i];
+  return toByte((1 - b) * ((1 - a) * t[0] + a * t[1]) +
+                b * ((1 - a) * t[m_textureSide] + a * t[m_textureSide + 1]));
+}
+
+// ================================================================ per frame
+double SequenceRenderer::time(int frame) const { return frame / m_plan.fps; }
+
+void SequenceRenderer::poses(int frame, double* toolWorld, double* objectWorld,
+                             double* objectInTool) const {
+  const double t = time(frame) * m_plan.speed;
+  const double e = envelope(t);
+  const bool objectMoves = m_plan.motion == Motion::Object || m_plan.motion == Motion::Both;
+  const bool toolMoves = m_plan.motion == Motion::Tool || m_plan.motion == Motion::Both;
+  const double S = m_size;
+  double To[16], step[16];
+  const double eo = objectMoves ? e : 0.0, et = toolMoves ? e : 0.0;
+  translation(eo * 0.18 * S * wave(t, 5.0, 0.0), eo * 0.12 * S * wave(t, 7.0, 1.0),
+              eo * 0.06 * S * wave(t, 4.0, 2.0), To);
+  rotation(2, eo * 25.0 * wave(t, 6.0, 0.5), step);
+  chain(To, step);
+  rotation(0, eo * 10.0 * wave(t, 4.5, 1.5), step);
+  chain(To, step);
+  rotation(1, eo * 12.0 * wave(t, 5.5, 2.5), step);
+  chain(To, step);
+  translation(-m_centre[0], -m_centre[1], -m_centre[2], step);
+  chain(To, step);
+
+  const double az = (m_plan.azimuthDeg + et * 20.0 * wave(t, 6.5, 0.3)) * kDeg;
+  const double el = (m_plan.elevationDeg + et * 8.0 * wave(t, 5.0, 1.2)) * kDeg;
+  const double d = m_distance * (1.0 + et * 0.1 * wave(t, 4.0, 2.2));
+  const double eye[3] = {d * std::cos(el) * std::sin(az), -d * std::cos(el) * std::cos(az),
+                         d * std::sin(el)};
+  const double target[3] = {0.0, 0.0, 0.0};
+  double Tt[16];
+  lookAt(eye, target, et * 8.0 * wave(t, 7.0, 0.7), Tt);
+
+  if (toolWorld != nullptr) std::copy(Tt, Tt + 16, toolWorld);
+  if (objectWorld != nullptr) std::copy(To, To + 16, objectWorld);
+  if (objectInTool != nullptr) {
+    double inv[16];
+    inverse(Tt, inv);
+    product(inv, To, objectInTool);
+  }
+}
+
+void SequenceRenderer::render(int frame, std::vector<std::vector<unsigned char>>& images) const {
+  double toolWorld[16], objectWorld[16];
+  poses(frame, toolWorld, objectWorld, nullptr);
+  images.resize(m_cameras.size());
+  for (size_t c = 0; c < m_cameras.size(); c++) {
+    renderCamera((int)c, frame, toolWorld, objectWorld, images[c]);
+  }
+}
+
+void SequenceRenderer::renderCamera(int cam, int frame, const double* toolWorld,
+                                    const double* objectWorld,
+                                    std::vector<unsigned char>& image) const {
+  const CameraConfig& c = m_cameras[cam];
+  const int w = c.width, h = c.height;
+  image.assign((size_t)w * h, 0);
+  // Camera in the world and the object in the camera.
+  double worldFromCam[16], camFromWorld[16], objectInCam[16];
+  product(toolWorld, c.toolFromCamera.data(), worldFromCam);
+  inverse(worldFromCam, camFromWorld);
+  product(camFromWorld, objectWorld, objectInCam);
+
+  // Table: intersect each pixel's ray with the plane z = tableZ.
+  const double* R = worldFromCam;
+  const double origin[3] = {R[3], R[7], R[11]};
+  const std::vector<float>& rays = m_rays[cam];
+  for (int y = 0; y < h; y++) {
+    for (int x = 0; x < w; x++) {
+      const size_t k = (size_t)y * w + x;
+      const double xn = rays[2 * k], yn = rays[2 * k + 1];
+      const double dz = R[8] * xn + R[9] * yn + R[10];
+      const double s = (m_tableZ - origin[2]) / dz;
+      if (!(s > 0.0)) {
+        image[k] = 25;  // above the horizon
+        continue;
+      }
+      const double dx = R[0] * xn + R[1] * yn + R[2], dy = R[4] * xn + R[5] * yn + R[6];
+      image[k] = tableGrey(origin[0] + s * dx, origin[1] + s * dy);
+    }
+  }
+
+  // Object: the faces' tones plus a little Lambertian shading from a light
+  // at the camera and a key light fixed in the world.
+  double key[3] = {-0.5, -0.3, 0.81};
+  normalise3(key);
+  double keyCam[3];
+  for (int i = 0; i < 3; i++) {
+    keyCam[i] = camFromWorld[4 * i] * key[0] + camFromWorld[4 * i + 1] * key[1] +
+                camFromWorld[4 * i + 2] * key[2];
+  }
+  const double headlight[3] = {0.0, 0.0, -1.0};
+  std::vector<RenderObject> objects;
+  auto shade = [&](const Mesh& mesh, const std::vector<double>& tones) {
+    RenderObject o;
+    o.mesh = &mesh;
+    std::copy(objectInCam, objectInCam + 16, o.pose);
+    const std::vector<unsigned char> a = lambertGreys(mesh, objectInCam, headlight, 0.0, 9.0);
+    const std::vector<unsigned char> b = lambertGreys(mesh, objectInCam, keyCam, 0.0, 6.0);
+    for (size_t f = 0; f < a.size(); f++) o.faceGrey.push_back(toByte(tones[f] + a[f] + b[f]));
+    return o;
+  };
+  for (const Paint& p : m_paints) objects.push_back(shade(p.mesh, {p.tone}));
+  for (size_t m = 0; m < m_meshes.size(); m++)
+    objects.push_back(shade(m_meshes[m], m_faceTones[m]));
+  if (!objects.empty())
+    renderScene(image.data(), m_renderCameras[cam], objects, std::max(1, m_plan.supersampling));
+
+  // Mask polygons: something dark and near (a gripper finger) in front of
+  // everything, fixed in the image.
+  for (const std::vector<double>& m : c.masks) {
+    if (m.size() < 6) continue;
+    double x0 = w, y0 = h, x1 = 0, y1 = 0;
+    for (size_t k = 0; k + 1 < m.size(); k += 2) {
+      x0 = std::min(x0, m[k]);
+      x1 = std::max(x1, m[k]);
+      y0 = std::min(y0, m[k + 1]);
+      y1 = std::max(y1, m[k + 1]);
+    }
+    for (int y = std::max(0, (int)y0 - 1); y <= std::min(h - 1, (int)y1 + 1); y++) {
+      for (int x = std::max(0, (int)x0 - 1); x <= std::min(w - 1, (int)x1 + 1); x++) {
+        int hits = 0;
+        for (int sub = 0; sub < 4; sub++) {
+          if (insidePolygon(m, x - 0.25 + 0.5 * (sub & 1), y - 0.25 + 0.5 * (sub >> 1))) hits++;
+        }
+        unsigned char& p = image[(size_t)y * w + x];
+        p = toByte((hits * 35.0 + (4 - hits) * p) / 4.0);
+      }
+    }
+  }
+
+  gaussianBlur(image.data(), w, h, m_plan.blur);
+  if (m_plan.noise > 0.0) {
+    std::mt19937_64 rng(m_plan.seed * 1000003ULL + (uint64_t)frame * 31ULL + (uint64_t)cam);
+    std::normal_distribution<double> noise(0.0, m_plan.noise);
+    for (unsigned char& p : image) p = toByte(p + noise(rng));
+  }
+}
+
+void gaussianBlur(unsigned char* image, int width, int height, double sigma) {
+  if (!(sigma > 0.0) || width <= 0 || height <= 0) return;
+  const int radius = std::max(1, (int)std::ceil(3.0 * sigma));
+  std::vector<double> kernel(2 * radius + 1);
+  double sum = 0.0;
+  for (int k = -radius; k <= radius; k++) {
+    kernel[k + radius] = std::exp(-0.5 * k * k / (sigma * sigma));
+    sum += kernel[k + radius];
+  }
+  for (double& k : kernel) k /= sum;
+  std::vector<double> tmp((size_t)width * height);
+  for (int y = 0; y < height; y++) {  // horizontal, borders clamped
+    for (int x = 0; x < width; x++) {
+      double s = 0.0;
+      for (int k = -radius; k <= radius; k++) {
+        const int xx = std::min(width - 1, std::max(0, x + k));
+        s += kernel[k + radius] * image[(size_t)y * width + xx];
+      }
+      tmp[(size_t)y * width + x] = s;
+    }
+  }
+  for (int y = 0; y < height; y++) {  // vertical
+    for (int x = 0; x < width; x++) {
+      double s = 0.0;
+      for (int k = -radius; k <= radius; k++) {
+        const int yy = std::min(height - 1, std::max(0, y + k));
+        s += kernel[k + radius] * tmp[(size_t)yy * width + x];
+      }
+      image[(size_t)y * width + x] = toByte(s);
+    }
+  }
+}
+
+}  // namespace zot_sim
