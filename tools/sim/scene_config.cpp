@@ -15,6 +15,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "Math.h"
+
 namespace zot_sim {
 
 namespace {
@@ -400,20 +402,11 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
     return true;
   }
   if (v.size() == 6) {
-    // translation, then rotation vector in degrees (Rodrigues)
-    const double deg = 3.141592653589793 / 180.0;
-    const double r[3] = {v[3] * deg, v[4] * deg, v[5] * deg};
-    const double angle = std::sqrt(r[0] * r[0] + r[1] * r[1] + r[2] * r[2]);
-    const double a[3] = {angle > 0 ? r[0] / angle : 1.0, angle > 0 ? r[1] / angle : 0.0,
-                         angle > 0 ? r[2] / angle : 0.0};
-    const double c = std::cos(angle), s = std::sin(angle);
-    const double cross[9] = {0.0, -a[2], a[1], a[2], 0.0, -a[0], -a[1], a[0], 0.0};
-    pose = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-    for (int i = 0; i < 3; i++) {
-      for (int j = 0; j < 3; j++)
-        pose[4 * i + j] = (i == j ? c : 0.0) + (1.0 - c) * a[i] * a[j] + s * cross[3 * i + j];
-      pose[4 * i + 3] = v[i];
-    }
+    // translation, then rotation vector in degrees
+    const double aa[6] = {v[3], v[4], v[5], v[0], v[1], v[2]};
+    double T[16];
+    ZOTtracker::TfromAngleAxis(aa, T);
+    std::copy(T, T + 16, pose.begin());
     return true;
   }
   error = "a pose needs 16, 12 or 6 numbers, found " + std::to_string(v.size());
