@@ -33,6 +33,12 @@ int poseIncrementFromT(const double* T, double* increment, bool angleAxis);
 /// statePred[0..5] = 0. None of the outputs may alias an input.
 void predictPoseAndState(const double* F, const double* T, const double* state, bool angleAxis,
                          double* Tpred, double* statePred);
+/// True for a usable start of a track: finite pose (16) and velocity (6), a
+/// finite time that is not negative (negative marks "not initialised").
+bool validTrackStart(const double* pose, const double* velocity, double time);
+/// True when a track was started (lastTime >= 0) and time is finite and not
+/// earlier than lastTime; the negated comparison also turns away NaN.
+bool validTimeStep(double lastTime, double time);
 
 class KalmanFilter {
  public:

@@ -42,6 +42,15 @@ void predictPoseAndState(const double* F, const double* T, const double* state, 
   for (int i = 0; i < 6; i++) statePred[i] = 0.0;
 }
 
+bool validTrackStart(const double* pose, const double* velocity, double time) {
+  return isFiniteArray(pose, 16) && isFiniteArray(velocity, 6) && std::isfinite(time) &&
+         time >= 0.0;
+}
+
+bool validTimeStep(double lastTime, double time) {
+  return lastTime >= 0.0 && time - lastTime >= 0.0 && std::isfinite(time);
+}
+
 // ================================================================ set-up
 KalmanFilter::KalmanFilter() {
   matrixZero(m_A, 12, 12);
@@ -88,8 +97,7 @@ int KalmanFilter::setParams(double rotationalNoise, double translationalNoise,
 }
 
 int KalmanFilter::init(const double* pose, const double* velocity, double time) {
-  if (!isFiniteArray(pose, 16) || !isFiniteArray(velocity, 6) || !std::isfinite(time) || time < 0.0)
-    return -1;
+  if (!validTrackStart(pose, velocity, time)) return -1;
   matrixCopy(pose, m_Test, 4, 4);
   for (int i = 0; i < 6; i++) {
     m_stateEst[i] = 0.0;
@@ -104,8 +112,7 @@ int KalmanFilter::init(const double* pose, const double* velocity, double time) 
 // ================================================================ per-frame operations
 int KalmanFilter::predict(double time) {
   const double dt = time - m_lastTime;
-  // The negated test also turns away a NaN time stamp.
-  if (m_lastTime < 0.0 || !(dt >= 0.0) || !std::isfinite(time)) return -1;
+  if (!validTimeStep(m_lastTime, time)) return -1;
 
   constantVelocityTransition(dt, m_A);
   matrixTranspose(m_A, m_AT, 12, 12);
@@ -133,8 +140,7 @@ int KalmanFilter::predict(double time) {
 }
 
 int KalmanFilter::correct(const double* measuredPose, const double* R, double time) {
-  const double dt = time - m_lastTime;
-  if (m_lastTime < 0.0 || !(dt >= 0.0) || !std::isfinite(time)) return -1;
+  if (!validTimeStep(m_lastTime, time)) return -1;
   if (!isFiniteArray(measuredPose, 16) || !isFiniteArray(R, 36)) return -1;
 
   // The predicted increment is zero, so the increment from the predicted to

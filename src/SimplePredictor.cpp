@@ -20,8 +20,7 @@ SimplePredictor::SimplePredictor() {
 }
 
 int SimplePredictor::init(const double* pose, const double* velocity, double time) {
-  if (!isFiniteArray(pose, 16) || !isFiniteArray(velocity, 6) || !std::isfinite(time) || time < 0.0)
-    return -1;
+  if (!validTrackStart(pose, velocity, time)) return -1;
   matrixCopy(pose, m_Test, 4, 4);
   for (int i = 0; i < 6; i++) {
     m_stateEst[i] = 0.0;
@@ -34,8 +33,7 @@ int SimplePredictor::init(const double* pose, const double* velocity, double tim
 // ================================================================ per-frame operations
 int SimplePredictor::predict(double time) {
   const double dt = time - m_lastTime;
-  // The negated test also turns away a NaN time stamp.
-  if (m_lastTime < 0.0 || !(dt >= 0.0) || !std::isfinite(time)) return -1;
+  if (!validTimeStep(m_lastTime, time)) return -1;
   constantVelocityTransition(dt, m_A);
   predictPoseAndState(m_A, m_Test, m_stateEst, m_useAngleAxis, m_Tpred, m_statePred);
   return 0;
@@ -43,7 +41,7 @@ int SimplePredictor::predict(double time) {
 
 int SimplePredictor::correct(const double* measuredPose, double time) {
   const double dt = time - m_lastTime;
-  if (m_lastTime < 0.0 || !(dt >= 0.0) || !std::isfinite(time)) return -1;
+  if (!validTimeStep(m_lastTime, time)) return -1;
   if (!isFiniteArray(measuredPose, 16)) return -1;
 
   if (dt > 0.0) {

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "FileParser.h"
 #include "Math.h"
 
 namespace zot_sim {
@@ -233,6 +234,56 @@ bool poolSizesForSetup(const double* array, int count, size_t* sizes) {
   return true;
 }
 
+namespace {
+
+// Parses one configuration file into a setup array with `parse` (a FileParser
+// member), then decodes it with `decode`; failureCode is the file's parser code.
+template <typename Parse, typename Decode>
+int loadSection(const std::string& directory, const std::string& fileName, const char* what,
+                int failureCode, Parse parse, Decode decode, std::string& error) {
+  std::vector<double> array(kSetupArrayCapacity);
+  int count = 0;
+  ZOTtracker::FileParser parser;
+  const int rc = (parser.*parse)(directory.c_str(), fileName.c_str(), count, array.data(),
+                                 kSetupArrayCapacity);
+  if (rc != 0) {
+    error = std::string("cannot read the ") + what + " file " + directory + "/" + fileName;
+    return rc;
+  }
+  int cursor = 0;
+  if (!decode(array.data(), count, cursor, error)) {
+    error = directory + "/" + fileName + ": " + error;
+    return failureCode;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int loadCameraFile(const std::string& directory, const std::string& fileName,
+                   std::vector<CameraConfig>& cameras, std::string& error) {
+  using Parse = int (ZOTtracker::FileParser::*)(const char*, const char*, int&, double*, int);
+  return loadSection(
+      directory, fileName, "camera", -10,
+      static_cast<Parse>(&ZOTtracker::FileParser::parseCameraFile),
+      [&cameras](const double* a, int n, int& cursor, std::string& err) {
+        return decodeCameraSection(a, n, cursor, cameras, err);
+      },
+      error);
+}
+
+int loadModelFile(const std::string& directory, const std::string& fileName, ModelConfig& model,
+                  std::string& error) {
+  using Parse = int (ZOTtracker::FileParser::*)(const char*, const char*, int&, double*, int);
+  return loadSection(
+      directory, fileName, "model", -12,
+      static_cast<Parse>(&ZOTtracker::FileParser::parseModelFile),
+      [&model](const double* a, int n, int& cursor, std::string& err) {
+        return decodeModelSection(a, n, cursor, model, err);
+      },
+      error);
+}
+
 bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
                      const std::string& headerComment, std::string& error) {
   FILE* f = fopen(path.c_str(), "w");
@@ -413,78 +464,85 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
   return false;
 }
 
-bool readPoseFile(const std::string& path, std::vector<Pose>& poses, std::string& error) {
+namespace {
+
+// Calls item(line, error) for every line of `path` that is not skipped as a
+// comment or blank; a false from item stops with "<path>:<line>: <error>".
+template <typename Item>
+bool forEachItemLine(const std::string& path, std::string& error, Item item) {
   std::ifstream in(path);
   if (!in) {
     error = "cannot open " + path;
     return false;
   }
-  poses.clear();
   std::string line;
   int lineNo = 0;
   while (std::getline(in, line)) {
     lineNo++;
     if (isSkipped(line)) continue;
-    Pose T;
-    if (!parsePose(line, T, error)) {
+    if (!item(line, error)) {
       error = path + ":" + std::to_string(lineNo) + ": " + error;
       return false;
     }
-    poses.push_back(T);
   }
   return true;
+}
+
+// Writes an optional "# comment" line, then writeBody(file); reports a file
+// that cannot be opened or closed.
+template <typename Body>
+bool writeCommentedFile(const std::string& path, const std::string& comment, std::string& error,
+                        Body writeBody) {
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
+  writeBody(f);
+  const bool ok = fclose(f) == 0;
+  if (!ok) error = "cannot write " + path;
+  return ok;
+}
+
+}  // namespace
+
+bool readPoseFile(const std::string& path, std::vector<Pose>& poses, std::string& error) {
+  poses.clear();
+  return forEachItemLine(path, error, [&poses](const std::string& line, std::string& err) {
+    Pose T;
+    if (!parsePose(line, T, err)) return false;
+    poses.push_back(T);
+    return true;
+  });
 }
 
 bool writePoseFile(const std::string& path, const std::vector<Pose>& poses,
                    const std::string& comment, std::string& error) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
-  for (const Pose& T : poses) {
-    for (int k = 0; k < 16; k++) fprintf(f, "%.17g%s", T[k], k < 15 ? " " : "\n");
-  }
-  const bool ok = fclose(f) == 0;
-  if (!ok) error = "cannot write " + path;
-  return ok;
+  return writeCommentedFile(path, comment, error, [&poses](FILE* f) {
+    for (const Pose& T : poses)
+      for (int k = 0; k < 16; k++) fprintf(f, "%.17g%s", T[k], k < 15 ? " " : "\n");
+  });
 }
 
 bool readNumberFile(const std::string& path, std::vector<double>& values, std::string& error) {
-  std::ifstream in(path);
-  if (!in) {
-    error = "cannot open " + path;
-    return false;
-  }
   values.clear();
-  std::string line;
-  int lineNo = 0;
   std::vector<double> v;
-  while (std::getline(in, line)) {
-    lineNo++;
-    if (isSkipped(line)) continue;
+  return forEachItemLine(path, error, [&](const std::string& line, std::string& err) {
     if (!numbersOfLine(line, v) || v.size() != 1 || !std::isfinite(v[0])) {
-      error = path + ":" + std::to_string(lineNo) + ": expected one number per line";
+      err = "expected one number per line";
       return false;
     }
     values.push_back(v[0]);
-  }
-  return true;
+    return true;
+  });
 }
 
 bool writeNumberFile(const std::string& path, const std::vector<double>& values,
                      const std::string& comment, std::string& error) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
-  for (double v : values) fprintf(f, "%.17g\n", v);
-  const bool ok = fclose(f) == 0;
-  if (!ok) error = "cannot write " + path;
-  return ok;
+  return writeCommentedFile(path, comment, error, [&values](FILE* f) {
+    for (double v : values) fprintf(f, "%.17g\n", v);
+  });
 }
 
 bool readSetupHeader(const std::string& path, std::vector<double>& values, std::string& error) {

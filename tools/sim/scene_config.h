@@ -15,7 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "../../include/FileParser.h"
 #include "sim_mesh.h"
 
 namespace zot_sim {
@@ -76,48 +75,14 @@ bool poolSizesForSetup(const double* array, int count, size_t* sizes);
 
 /// Reads `directory`/`fileName` with FileParser::parseCameraFile and decodes
 /// the cameras. Returns 0, or the parser's negative code (with its message
-/// on standard output) and a one-line reason in `error`. Inline, like the
-/// model loader, so that the simulation library itself does not call the
-/// tracker library: each program binds them to the tracker it links.
-inline int loadCameraFile(const std::string& directory, const std::string& fileName,
-                          std::vector<CameraConfig>& cameras, std::string& error) {
-  std::vector<double> array(kSetupArrayCapacity);
-  int count = 0;
-  ZOTtracker::FileParser parser;
-  const int rc = parser.parseCameraFile(directory.c_str(), fileName.c_str(), count, array.data(),
-                                        kSetupArrayCapacity);
-  if (rc != 0) {
-    error = "cannot read the camera file " + directory + "/" + fileName;
-    return rc;
-  }
-  int cursor = 0;
-  if (!decodeCameraSection(array.data(), count, cursor, cameras, error)) {
-    error = directory + "/" + fileName + ": " + error;
-    return -10;
-  }
-  return 0;
-}
+/// on standard output) and a one-line reason in `error`.
+int loadCameraFile(const std::string& directory, const std::string& fileName,
+                   std::vector<CameraConfig>& cameras, std::string& error);
 
 /// Reads a model file (and the body files it names) with
 /// FileParser::parseModelFile and decodes it. Returns 0 or a negative code.
-inline int loadModelFile(const std::string& directory, const std::string& fileName,
-                         ModelConfig& model, std::string& error) {
-  std::vector<double> array(kSetupArrayCapacity);
-  int count = 0;
-  ZOTtracker::FileParser parser;
-  const int rc = parser.parseModelFile(directory.c_str(), fileName.c_str(), count, array.data(),
-                                       kSetupArrayCapacity);
-  if (rc != 0) {
-    error = "cannot read the model file " + directory + "/" + fileName;
-    return rc;
-  }
-  int cursor = 0;
-  if (!decodeModelSection(array.data(), count, cursor, model, error)) {
-    error = directory + "/" + fileName + ": " + error;
-    return -12;
-  }
-  return 0;
-}
+int loadModelFile(const std::string& directory, const std::string& fileName, ModelConfig& model,
+                  std::string& error);
 
 /// Writes a commented camera file that parses back to `cameras`. Returns
 /// false with a reason when the file cannot be written.
