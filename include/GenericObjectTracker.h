@@ -53,6 +53,15 @@ constexpr int ZOT_MAX_FACE_VERTICES = 100;
 /// Largest image width or height the set-up accepts, in pixels.
 constexpr int ZOT_MAX_IMAGE_SIDE = 16384;
 
+/// Wall-clock time of the stages of the last poseEstimation call, in
+/// milliseconds (monotonic clock). Stages the call did not reach are 0.
+struct FrameStageTimes {
+  double undistortionMs;  ///< undistortion (or copy) of every enabled camera
+  double edgesMs;         ///< Sobel and Canny of every enabled camera
+  double poseUpdateMs;    ///< the Gauss-Newton loop, contour sampling included
+  double totalMs;         ///< the whole call, prediction and filter update included
+};
+
 class GenericObjectTracker {
  public:
   /// Tracking thresholds, filled with the defaults by the constructor and
@@ -162,6 +171,10 @@ class GenericObjectTracker {
                      double* pose, double* velocity, double* covariance, const double* dofMask,
                      bool initialise, bool timing, bool display, bool verbose);
 
+  /// Stage times of the last poseEstimation call (all 0 before the first),
+  /// measured whether or not `timing` was set.
+  const FrameStageTimes& lastFrameTimes() const { return m_lastFrameTimes; }
+
   /// Gauss-Newton refinement of pose (object in the tool frame, in/out) on
   /// the current edge maps with the tracking parameters; covariance (36) is
   /// zero-filled. Returns the loop's code; on failure pose is restored.
@@ -218,8 +231,16 @@ class GenericObjectTracker {
   Multibody m_multibody;
   TrackingParameters m_trackingParams;
   bool m_doEdgeDetection;  ///< false: reuse the previous frame's edge maps
+  FrameStageTimes m_lastFrameTimes;  ///< see lastFrameTimes()
   KalmanFilter m_kalmanFilter;
   SimplePredictor m_simplePredictor;  ///< kept for hosts; poseEstimation uses the Kalman filter
+
+ private:
+  /// poseEstimation without the call's own timing (same arguments, result).
+  int estimateFrame(const unsigned char* const* images, double time, const double* toolPose,
+                    const double* initPose, const double* initVelocity, double initTime,
+                    double* pose, double* velocity, double* covariance, const double* dofMask,
+                    bool initialise, bool timing, bool display, bool verbose);
 };
 
 }  // namespace ZOTtracker

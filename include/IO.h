@@ -32,8 +32,10 @@ constexpr int ZOT_ERR_POLYLINE_PARSER = -14;
 constexpr int ZOT_ERR_POINT_AT_INFINITY = -15;
 constexpr int ZOT_ERR_CANNY = -16;
 
-/// Prints the fixed message of a code in -16..-1 ("FAILURE: ..."), or
-/// "UNKNOWN ERROR CODE!" for any other value, and a line end, to stdout.
+/// The fixed message of a code in -16..-1 ("FAILURE: ..."), or "UNKNOWN
+/// ERROR CODE!" for any other value: a static string, never null.
+const char* errorMessage(int code);
+/// Prints errorMessage(code) and a line end to stdout.
 void printError(int code);
 
 // ---------------------------------------------------------------- diagnostic string

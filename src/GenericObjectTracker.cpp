@@ -26,6 +26,8 @@ constexpr double kDrawFacingTolerance = 1.0;
 constexpr double kDrawMinEdgeLength = 1.0;
 constexpr int kDrawSamplingStep = 1;
 
+double ticksToMs(int64_t ticks) { return (double)ticks / getTickFrequency() / 1000.0; }
+
 }  // namespace
 
 // ================================================================ set-up
@@ -55,7 +57,8 @@ GenericObjectTracker::TrackingParameters::TrackingParameters()
       m_measStdTransl(1.0),
       m_kfInitialCov(1000.0) {}
 
-GenericObjectTracker::GenericObjectTracker() : m_nCameras(0), m_doEdgeDetection(true) {
+GenericObjectTracker::GenericObjectTracker()
+    : m_nCameras(0), m_doEdgeDetection(true), m_lastFrameTimes{0.0, 0.0, 0.0, 0.0} {
   // Per-camera members mean nothing before the set-up; null and zero them so
   // that a premature call fails cleanly instead of following garbage.
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
@@ -103,6 +106,21 @@ int GenericObjectTracker::poseEstimation(const unsigned char* const* images, dou
                                          double* velocity, double* covariance,
                                          const double* dofMask, bool initialise, bool timing,
                                          bool display, bool verbose) {
+  const int64_t callStart = getTickCount();
+  m_lastFrameTimes = FrameStageTimes{0.0, 0.0, 0.0, 0.0};
+  const int code = estimateFrame(images, time, toolPose, initPose, initVelocity, initTime, pose,
+                                 velocity, covariance, dofMask, initialise, timing, display,
+                                 verbose);
+  m_lastFrameTimes.totalMs = ticksToMs(getTickCount() - callStart);
+  return code;
+}
+
+int GenericObjectTracker::estimateFrame(const unsigned char* const* images, double time,
+                                        const double* toolPose, const double* initPose,
+                                        const double* initVelocity, double initTime, double* pose,
+                                        double* velocity, double* covariance,
+                                        const double* dofMask, bool initialise, bool timing,
+                                        bool display, bool verbose) {
   // Input that would make a later step fail halfway is refused before
   // anything changes.
   if (m_contourTracker.m_nCams == 0) {
@@ -147,22 +165,28 @@ int GenericObjectTracker::poseEstimation(const unsigned char* const* images, dou
     predictedWorld = kf.m_Tpred;
   }
 
-  int64_t start = timing ? getTickCount() : 0;
+  int64_t start = getTickCount();
   undistortAllImages(images);
-  if (timing) showElapsed("Undistortion (2x)", start, getTickCount());
+  int64_t end = getTickCount();
+  m_lastFrameTimes.undistortionMs = ticksToMs(end - start);
+  if (timing) showElapsed("Undistortion (2x)", start, end);
 
   if (m_doEdgeDetection) {
-    start = timing ? getTickCount() : 0;
+    start = getTickCount();
     const int code = edgeDetectAllImages();
+    end = getTickCount();
+    m_lastFrameTimes.edgesMs = ticksToMs(end - start);
     if (code != 0) return code;
-    if (timing) showElapsed("Edge detection (2x)", start, getTickCount());
+    if (timing) showElapsed("Edge detection (2x)", start, end);
   }
 
   double refined[16], loopCovariance[36];
   matrixProduct444(toolInv, predictedWorld, refined);
-  start = timing ? getTickCount() : 0;
+  start = getTickCount();
   const int loopCode = poseUpdateLoop(refined, loopCovariance, dofMask, timing, display, verbose);
-  if (timing) showElapsed("Total Gauss-Newton loop (pose estimation)", start, getTickCount());
+  end = getTickCount();
+  m_lastFrameTimes.poseUpdateMs = ticksToMs(end - start);
+  if (timing) showElapsed("Total Gauss-Newton loop (pose estimation)", start, end);
   if (loopCode != 0) return loopCode;
 
   // Measurement covariance: rotation (degrees) first, then translation.

@@ -16,7 +16,7 @@ char m_global_output_string[GLOBAL_OUTPUT_STRING_SIZE] = {0};
 uint32_t m_global_output_string_counter = 0;
 
 // ================================================================ error codes
-void printError(int code) {
+const char* errorMessage(int code) {
   static const char* const kMessages[16] = {
       "FAILURE: Internal failure",
       "FAILURE: Too many outliers",
@@ -35,12 +35,11 @@ void printError(int code) {
       "FAILURE: projected point at infinity",
       "FAILURE: Canny edge detection",
   };
-  if (code <= -1 && code >= -16) {
-    printf("%s\n", kMessages[-code - 1]);
-  } else {
-    printf("UNKNOWN ERROR CODE!\n");
-  }
+  if (code <= -1 && code >= -16) return kMessages[-code - 1];
+  return "UNKNOWN ERROR CODE!";
 }
+
+void printError(int code) { printf("%s\n", errorMessage(code)); }
 
 // ================================================================ diagnostic string
 void globalStrcat(const char* text, int length) {
