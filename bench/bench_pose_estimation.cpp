@@ -24,6 +24,7 @@
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "IO.h"
+#include "PoolSizes.h"
 #include "frame_timing.h"
 #include "memory_handling.h"
 #include "scene_config.h"
@@ -101,9 +102,9 @@ void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, int samp
     state.SkipWithError("cannot read the configuration in data/ or render the sequence");
     return;
   }
-  size_t pools[7];
-  zot_sim::poolSizesForSetup(s.array.data(), (int)s.array.size(), pools);
-  doBigMalloc(pools[0], pools[1], pools[2], pools[3], pools[4], pools[5], pools[6]);
+  size_t pools[ZOT_N_POOLS];
+  computePoolSizes((int)s.array.size(), s.array.data(), ZOT_POOL_MARGIN, pools);
+  reservePools(pools);
   {
     std::unique_ptr<GenericObjectTracker> tracker(new GenericObjectTracker());
     if (tracker->setupFromGlobalArray((int)s.array.size(), s.array.data()) != 0) {

@@ -1,0 +1,179 @@
+// The host-facing layer: pool sizes computed from a configuration (exact to
+// the element).
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FileParser.h"
+#include "GenericObjectTracker.h"
+#include "Math.h"
+#include "PoolSizes.h"
+#include "memory_handling.h"
+
+using namespace ZOTtracker;
+
+namespace {
+
+std::vector<double> parseData(const char* camera, const char* tracker, const char* model) {
+  std::vector<double> a(200000);
+  int count = 0;
+  FileParser parser;
+  EXPECT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, camera, tracker, model, count, a.data(),
+                                 (int)a.size()),
+            0);
+  a.resize((size_t)count);
+  return a;
+}
+
+// What the sample files do not cover: two cameras of different sizes (the
+// shared buffers take the larger width and the larger height separately),
+// one with distortion and a mask polygon, a local frame, and a flat square,
+// a cylinder and a polyline standing on the square.
+std::vector<double> mixedConfiguration() {
+  std::vector<double> a = {2};
+  const double pose[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  a.insert(a.end(), {320, 200, 50, 1500, 300, 300, 159.5, 99.5, 0, 0, 0, 0, 0, 0});
+  a.insert(a.end(), pose, pose + 12);
+  a.insert(a.end(), {0, 180, 260, 50, 1500, 250, 250, 89.5, 129.5, 0, -0.2, 0.05, 0, 0, 0});
+  a.insert(a.end(), pose, pose + 12);
+  a.insert(a.end(), {1, 3, 0, 259, 40, 259, 0, 200});
+  const std::vector<double> tracker = parseData("camera_mono.txt", "tracker_demo.txt",
+                                                "model_l_bracket.txt");
+  // The tracker section follows the 1 + 27 values of the mono camera.
+  a.insert(a.end(), tracker.begin() + 28, tracker.begin() + 51);
+  a.insert(a.end(), {1, 1, 0, 0, 5, 0, 1, 0, 5, 0, 0, 1, 0});
+  a.insert(a.end(), {3, 0, 1, 0, 4, -50, -50, 0, 50, -50, 0, 50, 50, 0, -50, 50, 0, 1, 4, 1, 2,
+                     3, 4});
+  a.insert(a.end(), {2, 10, 0, 0, 0, 0, 0, 30, 0, 0, -1, 0, 0, 1});
+  a.insert(a.end(), {1, 1, 1, 3, -20, 0, 0, 0, 20, 0, 20, 0, 0, 2, 1, 2, 2, 3});
+  return a;
+}
+
+struct Configuration {
+  const char* name;
+  std::vector<double> array;
+};
+
+std::vector<Configuration> configurations() {
+  return {{"stereo chamfered box",
+           parseData("camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt")},
+          {"mono L bracket", parseData("camera_mono.txt", "tracker.txt", "model_l_bracket.txt")},
+          {"mixed bodies and cameras", mixedConfiguration()}};
+}
+
+// Grey images with a bright block in the middle of a dark field, so that
+// every frame finds edges and samples the model.
+std::vector<std::vector<unsigned char>> blockImages(const GenericObjectTracker& t) {
+  std::vector<std::vector<unsigned char>> images;
+  for (int c = 0; c < t.m_nCameras; c++) {
+    const int w = t.m_imageWidth[c], h = t.m_imageHeight[c];
+    std::vector<unsigned char> image((size_t)w * h, 30);
+    for (int y = h / 3; y < 2 * h / 3; y++)
+      for (int x = w / 3; x < 2 * w / 3; x++) image[(size_t)y * w + x] = 220;
+    images.push_back(image);
+  }
+  return images;
+}
+
+// The object 400 length units in front of camera 0, as a pose in the tool frame.
+void poseBeforeCamera(const GenericObjectTracker& t, double* objInTool) {
+  double inCamera[16], cameraInTool[16];
+  matrixIdentity(inCamera, 4);
+  inCamera[11] = 400.0;
+  inverseTransform(t.m_toolToCamera[0], cameraInTool);
+  matrixProduct444(cameraInTool, inCamera, objInTool);
+}
+
+// Sets a tracker up in the reserved pools and runs `frames` frames through
+// the designed API; returns the set-up's code.
+int setUpAndTrack(const std::vector<double>& a, int frames) {
+  auto t = std::make_unique<GenericObjectTracker>();
+  if (t->setupFromGlobalArray((int)a.size(), a.data()) != 0) return -1;
+  std::vector<std::vector<unsigned char>> images = blockImages(*t);
+  const unsigned char* ptrs[ZOT_MAX_CAMERAS] = {};
+  for (size_t c = 0; c < images.size(); c++) ptrs[c] = images[c].data();
+  double start[16], tool[16], pose[16], velocity[6], covariance[36];
+  const double zero[6] = {0, 0, 0, 0, 0, 0};
+  poseBeforeCamera(*t, start);
+  matrixIdentity(tool, 4);
+  for (int f = 0; f < frames; f++)
+    t->poseEstimation(ptrs, f / 30.0, tool, start, zero, 0.0, pose, velocity, covariance, nullptr,
+                      f == 0, false, false, false);
+  return 0;
+}
+
+uint64_t used(int pool) {
+  const uint64_t current[ZOT_N_POOLS] = {m_currentAllocUchar, m_currentAllocUcharPtr,
+                                         m_currentAllocDouble, m_currentAllocFloat,
+                                         m_currentAllocInt,   m_currentAllocIntPtr,
+                                         m_currentAllocShort};
+  return current[pool];
+}
+
+}  // namespace
+
+// Set-up and ten frames fill pools of exactly the computed sizes to the last
+// element of every pool; 1 % less in any pool that is used ends the process
+// with that pool's exhaustion message.
+TEST(PoolSizes, ExactForEveryPoolAndOnePercentLessExhaustsIt) {
+  for (const Configuration& config : configurations()) {
+    SCOPED_TRACE(config.name);
+    const std::vector<double>& a = config.array;
+    size_t sizes[ZOT_N_POOLS];
+    ASSERT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), 0);
+    reservePools(sizes);
+    EXPECT_EQ(setUpAndTrack(a, 10), 0);
+    for (int p = 0; p < ZOT_N_POOLS; p++) EXPECT_EQ(used(p), sizes[p]) << ZOT_POOL_NAMES[p];
+    doBigFree();
+
+    for (int p = 0; p < ZOT_N_POOLS; p++) {
+      if (sizes[p] == 0) continue;
+      size_t fewer[ZOT_N_POOLS];
+      memcpy(fewer, sizes, sizeof fewer);
+      fewer[p] -= sizes[p] / 100 > 0 ? sizes[p] / 100 : 1;
+      EXPECT_EXIT(
+          {
+            dup2(STDERR_FILENO, STDOUT_FILENO);  // the message goes to standard output
+            reservePools(fewer);
+            setUpAndTrack(a, 1);
+            exit(0);
+          },
+          testing::ExitedWithCode(255),
+          std::string("EXIT: not enough memory for ") + ZOT_POOL_NAMES[p] + "\n")
+          << ZOT_POOL_NAMES[p];
+    }
+  }
+}
+
+// An array that the set-up would refuse for its layout gets no sizes: one
+// value more or less, a count beyond a capacity, an unknown body type.
+TEST(PoolSizes, RefusesArraysTheSetUpRefuses) {
+  const std::vector<double> good = mixedConfiguration();
+  std::vector<std::vector<double>> bad(4, good);
+  bad[0].pop_back();
+  bad[1].push_back(0.0);
+  bad[2][0] = ZOT_MAX_CAMERAS + 1;
+  bad[3][bad[3].size() - 18] = 7;  // the polyline's body type
+  size_t sizes[ZOT_N_POOLS] = {1, 2, 3, 4, 5, 6, 7};
+  for (const std::vector<double>& a : bad) {
+    EXPECT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), -1);
+    EXPECT_EQ(sizes[6], 7u);  // untouched
+  }
+  // A margin rounds up and keeps every pool reserved.
+  size_t exact[ZOT_N_POOLS], padded[ZOT_N_POOLS];
+  ASSERT_EQ(computePoolSizes((int)good.size(), good.data(), 0.0, exact), 0);
+  ASSERT_EQ(computePoolSizes((int)good.size(), good.data(), 0.1, padded), 0);
+  for (int p = 0; p < ZOT_N_POOLS; p++) {
+    EXPECT_GE((double)padded[p], 1.1 * (double)exact[p]) << ZOT_POOL_NAMES[p];
+    EXPECT_LE((double)padded[p], 1.1 * (double)exact[p] + 1.0) << ZOT_POOL_NAMES[p];
+    EXPECT_GE(padded[p], 1u);
+  }
+}
