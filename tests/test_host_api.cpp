@@ -1,5 +1,5 @@
 // The host-facing layer: pool sizes computed from a configuration (exact to
-// the element).
+// the element) and the session that owns configuration, pools and tracker.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -14,9 +14,13 @@
 
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
+#include "IO.h"
 #include "Math.h"
 #include "PoolSizes.h"
+#include "TrackerSession.h"
 #include "memory_handling.h"
+#include "scene_config.h"
+#include "sequence.h"
 
 using namespace ZOTtracker;
 
@@ -176,4 +180,137 @@ TEST(PoolSizes, RefusesArraysTheSetUpRefuses) {
     EXPECT_LE((double)padded[p], 1.1 * (double)exact[p] + 1.0) << ZOT_POOL_NAMES[p];
     EXPECT_GE(padded[p], 1u);
   }
+}
+
+// The session gives, frame by frame, exactly what the designed API gives for
+// the same configuration and a rendered sequence (object and tool moving),
+// and tracks it.
+TEST(TrackerSession, TracksAsTheDesignedApiDoes) {
+  const std::vector<double> a =
+      parseData("camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt");
+  std::vector<zot_sim::CameraConfig> cameras;
+  std::vector<double> parameters;
+  zot_sim::ModelConfig model;
+  std::string error;
+  ASSERT_TRUE(zot_sim::decodeSetupArray(a.data(), (int)a.size(), cameras, parameters, model,
+                                        error))
+      << error;
+  zot_sim::SequenceSpec plan;
+  plan.clutter = false;
+  const zot_sim::SequenceRenderer sequence(cameras, model, plan);
+  constexpr int kFrames = 4;
+  std::vector<std::vector<unsigned char>> images[kFrames];
+  double tools[kFrames][16];
+  for (int f = 0; f < kFrames; f++) {
+    sequence.render(f, images[f]);
+    sequence.poses(f, tools[f], nullptr, nullptr);
+  }
+  double start[16];
+  sequence.poses(0, nullptr, nullptr, start);
+
+  double expected[kFrames][16 + 6 + 36];
+  int expectedCodes[kFrames];
+  {
+    size_t sizes[ZOT_N_POOLS];
+    ASSERT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), 0);
+    reservePools(sizes);
+    auto t = std::make_unique<GenericObjectTracker>();
+    ASSERT_EQ(t->setupFromGlobalArray((int)a.size(), a.data()), 0);
+    const double zero[6] = {0, 0, 0, 0, 0, 0}, dof[6] = {1, 1, 1, 1, 1, 1};
+    for (int f = 0; f < kFrames; f++) {
+      const unsigned char* ptrs[2] = {images[f][0].data(), images[f][1].data()};
+      double* out = expected[f];
+      expectedCodes[f] =
+          t->poseEstimation(ptrs, sequence.time(f), tools[f], start, zero, sequence.time(f), out,
+                            out + 16, out + 22, dof, f == 0, false, false, false);
+    }
+    t.reset();
+    doBigFree();
+  }
+
+  TrackerSession session(ZOT_DATA_DIR, "camera_stereo.txt", "tracker_demo.txt",
+                         "model_chamfered_box.txt");
+  ASSERT_TRUE(session.ok()) << session.message();
+  EXPECT_EQ(session.setupArray(), a);
+  EXPECT_EQ(session.track(nullptr, 0.0).code, -1);  // no track started yet
+  ASSERT_EQ(session.start(start), 0);
+  for (int f = 0; f < kFrames; f++) {
+    const unsigned char* ptrs[2] = {images[f][0].data(), images[f][1].data()};
+    const TrackResult r = session.track(ptrs, sequence.time(f), tools[f]);
+    ASSERT_EQ(r.code, 0) << r.message;
+    ASSERT_EQ(expectedCodes[f], 0);
+    EXPECT_EQ(memcmp(r.pose, expected[f], 16 * sizeof(double)), 0);
+    EXPECT_EQ(memcmp(r.velocity, expected[f] + 16, 6 * sizeof(double)), 0);
+    EXPECT_EQ(memcmp(r.covariance, expected[f] + 22, 36 * sizeof(double)), 0);
+    EXPECT_GT(r.matchedSamples, r.samples / 2);
+  }
+  std::vector<unsigned char> overlay(3 * 640 * 480, 0);
+  EXPECT_EQ(session.draw(overlay.data(), 1, 30.0), 0);
+  EXPECT_EQ(*std::max_element(overlay.begin(), overlay.end()), 255);  // the contour in red
+  EXPECT_EQ(session.draw(overlay.data(), 2), -1);
+}
+
+// Every way a session can fail leaves it refused with a code and a message,
+// and leaves the process as it was: no pools kept, the next session works.
+TEST(TrackerSession, FailuresAreCodesWithMessagesAndLeaveNothingBehind) {
+  const std::vector<double> a = mixedConfiguration();
+  std::vector<double> wrongCount = a;
+  wrongCount.push_back(1.0);
+  std::vector<double> badTopology = a;
+  badTopology[badTopology.size() - 33] = 9;  // a corner of the square that does not exist
+  struct Case {
+    const char* what;
+    std::unique_ptr<TrackerSession> (*make)(const std::vector<double>&, const std::vector<double>&);
+    int code;
+    const char* messagePart;
+  };
+  const Case cases[] = {
+      {"missing file",
+       [](const std::vector<double>&, const std::vector<double>&) {
+         return std::make_unique<TrackerSession>(ZOT_DATA_DIR, "no_such_camera.txt", "tracker.txt",
+                                                 "model_l_bracket.txt");
+       },
+       -10, "FAILURE: Camera parser"},
+      {"layout",
+       [](const std::vector<double>& w, const std::vector<double>&) {
+         return std::make_unique<TrackerSession>((int)w.size(), w.data());
+       },
+       -1, "does not describe a tracker"},
+      {"set-up",
+       [](const std::vector<double>&, const std::vector<double>& b) {
+         return std::make_unique<TrackerSession>((int)b.size(), b.data());
+       },
+       -1, "could not be set up"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::unique_ptr<TrackerSession> s = c.make(wrongCount, badTopology);
+    EXPECT_FALSE(s->ok());
+    EXPECT_EQ(s->code(), c.code);
+    EXPECT_NE(std::string(s->message()).find(c.messagePart), std::string::npos) << s->message();
+    EXPECT_EQ(s->track(nullptr, 0.0).code, c.code);
+    EXPECT_EQ(s->tracker(), nullptr);
+    EXPECT_EQ(m_bigArrayDouble, nullptr);  // the pools went back
+  }
+
+  // Pools the host reserved too small are refused before anything is taken.
+  doBigMalloc(10, 10, 10, 10, 10, 10, 10);
+  {
+    TrackerSession small((int)a.size(), a.data());
+    EXPECT_EQ(small.code(), -1);
+    EXPECT_NE(std::string(small.message()).find("too small"), std::string::npos);
+    EXPECT_EQ(m_currentAllocUchar + m_currentAllocDouble, 0u);
+  }
+  doBigFree();
+
+  // One session at a time; the first is not disturbed by the second.
+  TrackerSession first((int)a.size(), a.data());
+  ASSERT_TRUE(first.ok()) << first.message();
+  {
+    TrackerSession second((int)a.size(), a.data());
+    EXPECT_EQ(second.code(), -1);
+    EXPECT_NE(std::string(second.message()).find("only one"), std::string::npos);
+  }
+  EXPECT_TRUE(first.ok());
+  EXPECT_NE(m_bigArrayDouble, nullptr);
 }
