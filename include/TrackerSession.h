@@ -102,9 +102,9 @@ class TrackerSession {
   /// then translation, 0 freezes a parameter. All 1 at construction.
   void setDofMask(const double* mask);
 
-  int nCameras() const;                 ///< 0 when not ready
-  int imageWidth(int camera) const;     ///< 0 for a bad index
-  int imageHeight(int camera) const;    ///< 0 for a bad index
+  int nCameras() const;                                  ///< 0 when not ready
+  int imageWidth(int camera) const;                      ///< 0 for a bad index
+  int imageHeight(int camera) const;                     ///< 0 for a bad index
   const double* lastPose() const { return m_lastPose; }  ///< see draw()
   /// The setup array the session was set up from (empty when parsing failed).
   const std::vector<double>& setupArray() const { return m_setup; }
@@ -120,10 +120,10 @@ class TrackerSession {
   std::vector<double> m_setup;
   int m_code = -1;
   std::string m_message;
-  bool m_ownsPools = false;    ///< reserved here, released by the destructor
-  bool m_counted = false;      ///< this is the process's one session
-  bool m_started = false;      ///< a start pose exists
-  bool m_initialise = false;   ///< the next frame starts the track
+  bool m_ownsPools = false;   ///< reserved here, released by the destructor
+  bool m_counted = false;     ///< this is the process's one session
+  bool m_started = false;     ///< a start pose exists
+  bool m_initialise = false;  ///< the next frame starts the track
   double m_startVelocity[6] = {};
   double m_lastPose[16] = {};
   double m_dofMask[6] = {1.0, 1.0, 1.0, 1.0, 1.0, 1.0};

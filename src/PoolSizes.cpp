@@ -158,9 +158,9 @@ int computePoolSizes(int count, const double* array, double margin, size_t sizes
     const size_t px = (size_t)width * (size_t)height;
     s[kDouble] += 9 + 5 + 16 + 2 * px;
     s[kInt] += 5 * px;
-    s[kUchar] += px;          // undistorted image
-    s[kUchar] += px;          // edge map (contour tracker)
-    s[kShort] += 2 * px;      // Sobel x and y (contour tracker)
+    s[kUchar] += px;      // undistorted image
+    s[kUchar] += px;      // edge map (contour tracker)
+    s[kShort] += 2 * px;  // Sobel x and y (contour tracker)
     maxWidth = std::max(maxWidth, (size_t)width);
     maxHeight = std::max(maxHeight, (size_t)height);
   }

@@ -52,8 +52,9 @@ bool reachedPoseUpdate(int code) {
 TrackerSession::TrackerSession(const char* directory, const char* cameraFile,
                                const char* trackerFile, const char* modelFile) {
   if (g_session != nullptr) {
-    fail(-1, "another TrackerSession exists in this process; only one at a time may own the "
-             "memory pools");
+    fail(-1,
+         "another TrackerSession exists in this process; only one at a time may own the "
+         "memory pools");
     return;
   }
   g_session = this;
@@ -78,8 +79,9 @@ TrackerSession::TrackerSession(const char* directory, const char* cameraFile,
 
 TrackerSession::TrackerSession(int count, const double* setupArray) {
   if (g_session != nullptr) {
-    fail(-1, "another TrackerSession exists in this process; only one at a time may own the "
-             "memory pools");
+    fail(-1,
+         "another TrackerSession exists in this process; only one at a time may own the "
+         "memory pools");
     return;
   }
   g_session = this;
@@ -179,8 +181,7 @@ TrackResult TrackerSession::track(const unsigned char* const* images, double tim
   }
   GenericObjectTracker& t = *m_tracker;
   r.code = t.poseEstimation(images, time, toolPose, m_lastPose, m_startVelocity, time, r.pose,
-                            r.velocity, r.covariance, m_dofMask, m_initialise, false, false,
-                            false);
+                            r.velocity, r.covariance, m_dofMask, m_initialise, false, false, false);
   r.message = errorMessage(r.code);
   r.times = t.lastFrameTimes();
   m_initialise = false;  // a failed first frame still started the track

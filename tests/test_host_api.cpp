@@ -1,7 +1,6 @@
 // The host-facing layer: pool sizes computed from a configuration (exact to
 // the element) and the session that owns configuration, pools and tracker.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,9 +29,9 @@ std::vector<double> parseData(const char* camera, const char* tracker, const cha
   std::vector<double> a(200000);
   int count = 0;
   FileParser parser;
-  EXPECT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, camera, tracker, model, count, a.data(),
-                                 (int)a.size()),
-            0);
+  EXPECT_EQ(
+      parser.parseAllFiles(ZOT_DATA_DIR, camera, tracker, model, count, a.data(), (int)a.size()),
+      0);
   a.resize((size_t)count);
   return a;
 }
@@ -49,13 +48,13 @@ std::vector<double> mixedConfiguration() {
   a.insert(a.end(), {0, 180, 260, 50, 1500, 250, 250, 89.5, 129.5, 0, -0.2, 0.05, 0, 0, 0});
   a.insert(a.end(), pose, pose + 12);
   a.insert(a.end(), {1, 3, 0, 259, 40, 259, 0, 200});
-  const std::vector<double> tracker = parseData("camera_mono.txt", "tracker_demo.txt",
-                                                "model_l_bracket.txt");
+  const std::vector<double> tracker =
+      parseData("camera_mono.txt", "tracker_demo.txt", "model_l_bracket.txt");
   // The tracker section follows the 1 + 27 values of the mono camera.
   a.insert(a.end(), tracker.begin() + 28, tracker.begin() + 51);
   a.insert(a.end(), {1, 1, 0, 0, 5, 0, 1, 0, 5, 0, 0, 1, 0});
-  a.insert(a.end(), {3, 0, 1, 0, 4, -50, -50, 0, 50, -50, 0, 50, 50, 0, -50, 50, 0, 1, 4, 1, 2,
-                     3, 4});
+  a.insert(a.end(),
+           {3, 0, 1, 0, 4, -50, -50, 0, 50, -50, 0, 50, 50, 0, -50, 50, 0, 1, 4, 1, 2, 3, 4});
   a.insert(a.end(), {2, 10, 0, 0, 0, 0, 0, 30, 0, 0, -1, 0, 0, 1});
   a.insert(a.end(), {1, 1, 1, 3, -20, 0, 0, 0, 20, 0, 20, 0, 0, 2, 1, 2, 2, 3});
   return a;
@@ -115,10 +114,9 @@ int setUpAndTrack(const std::vector<double>& a, int frames) {
 }
 
 uint64_t used(int pool) {
-  const uint64_t current[ZOT_N_POOLS] = {m_currentAllocUchar, m_currentAllocUcharPtr,
-                                         m_currentAllocDouble, m_currentAllocFloat,
-                                         m_currentAllocInt,   m_currentAllocIntPtr,
-                                         m_currentAllocShort};
+  const uint64_t current[ZOT_N_POOLS] = {
+      m_currentAllocUchar, m_currentAllocUcharPtr, m_currentAllocDouble, m_currentAllocFloat,
+      m_currentAllocInt,   m_currentAllocIntPtr,   m_currentAllocShort};
   return current[pool];
 }
 
@@ -192,8 +190,7 @@ TEST(TrackerSession, TracksAsTheDesignedApiDoes) {
   std::vector<double> parameters;
   zot_sim::ModelConfig model;
   std::string error;
-  ASSERT_TRUE(zot_sim::decodeSetupArray(a.data(), (int)a.size(), cameras, parameters, model,
-                                        error))
+  ASSERT_TRUE(zot_sim::decodeSetupArray(a.data(), (int)a.size(), cameras, parameters, model, error))
       << error;
   zot_sim::SequenceSpec plan;
   plan.clutter = false;
