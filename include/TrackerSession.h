@@ -113,6 +113,10 @@ class TrackerSession {
   GenericObjectTracker* tracker() { return ok() ? m_tracker.get() : nullptr; }
 
  private:
+  /// Makes this the process's one session; false (after fail()) when
+  /// another exists.
+  bool claimProcess();
+  /// Reserves the pools unless the host has, and sets the tracker up from m_setup.
   void setUp();
   int fail(int code, const std::string& message);
 

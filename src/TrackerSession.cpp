@@ -51,14 +51,7 @@ bool reachedPoseUpdate(int code) {
 
 TrackerSession::TrackerSession(const char* directory, const char* cameraFile,
                                const char* trackerFile, const char* modelFile) {
-  if (g_session != nullptr) {
-    fail(-1,
-         "another TrackerSession exists in this process; only one at a time may own the "
-         "memory pools");
-    return;
-  }
-  g_session = this;
-  m_counted = true;
+  if (!claimProcess()) return;
   if (!directory || !cameraFile || !trackerFile || !modelFile) {
     fail(-1, "TrackerSession needs a directory and three file names");
     return;
@@ -78,14 +71,7 @@ TrackerSession::TrackerSession(const char* directory, const char* cameraFile,
 }
 
 TrackerSession::TrackerSession(int count, const double* setupArray) {
-  if (g_session != nullptr) {
-    fail(-1,
-         "another TrackerSession exists in this process; only one at a time may own the "
-         "memory pools");
-    return;
-  }
-  g_session = this;
-  m_counted = true;
+  if (!claimProcess()) return;
   if (setupArray == nullptr || count <= 0) {
     fail(-1, "TrackerSession needs a setup array of at least one value");
     return;
@@ -98,6 +84,18 @@ TrackerSession::~TrackerSession() {
   m_tracker.reset();
   if (m_ownsPools) doBigFree();
   if (m_counted) g_session = nullptr;
+}
+
+bool TrackerSession::claimProcess() {
+  if (g_session != nullptr) {
+    fail(-1,
+         "another TrackerSession exists in this process; only one at a time may own the "
+         "memory pools, so end the other one first");
+    return false;
+  }
+  g_session = this;
+  m_counted = true;
+  return true;
 }
 
 void TrackerSession::setUp() {
