@@ -41,10 +41,12 @@ std::vector<double> parseData(const char* camera, const char* tracker, const cha
 // one with distortion and a mask polygon, a local frame, and a flat square,
 // a cylinder and a polyline standing on the square.
 std::vector<double> mixedConfiguration() {
-  std::vector<double> a = {2};
+  std::vector<double> a = {2};  // cameras
   const double pose[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  // 320 x 200 without distortion, no mask
   a.insert(a.end(), {320, 200, 50, 1500, 300, 300, 159.5, 99.5, 0, 0, 0, 0, 0, 0});
   a.insert(a.end(), pose, pose + 12);
+  // 180 x 260 with distortion and a triangular mask
   a.insert(a.end(), {0, 180, 260, 50, 1500, 250, 250, 89.5, 129.5, 0, -0.2, 0.05, 0, 0, 0});
   a.insert(a.end(), pose, pose + 12);
   a.insert(a.end(), {1, 3, 0, 259, 40, 259, 0, 200});
@@ -52,7 +54,8 @@ std::vector<double> mixedConfiguration() {
       parseData("camera_mono.txt", "tracker_demo.txt", "model_l_bracket.txt");
   // The tracker section follows the 1 + 27 values of the mono camera.
   a.insert(a.end(), tracker.begin() + 28, tracker.begin() + 51);
-  a.insert(a.end(), {1, 1, 0, 0, 5, 0, 1, 0, 5, 0, 0, 1, 0});
+  a.insert(a.end(), {1, 1, 0, 0, 5, 0, 1, 0, 5, 0, 0, 1, 0});  // one local frame
+  // three bodies: a flat square, a cylinder, a polyline on the square
   a.insert(a.end(),
            {3, 0, 1, 0, 4, -50, -50, 0, 50, -50, 0, 50, 50, 0, -50, 50, 0, 1, 4, 1, 2, 3, 4});
   a.insert(a.end(), {2, 10, 0, 0, 0, 0, 0, 30, 0, 0, -1, 0, 0, 1});
