@@ -47,6 +47,8 @@ int main(int argc, char** argv) {
       "Exit status: 0 on success, 1 when a file does not parse or the header cannot\n"
       "be written, 2 on bad arguments.");
   app.allow_extras();
+  // A repeated option counts with its last value, as in most programs.
+  app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   const CLI::Validator nonEmpty(
       [](std::string& s) { return s.empty() ? std::string("needs a value") : std::string(); }, "");
   app.add_option("--config-dir", configDir, "directory of the configuration files (default: .)")

@@ -82,6 +82,8 @@ Options parseArguments(int argc, char** argv) {
   app.get_formatter()->label("Usage", "usage");
   app.get_formatter()->label("OPTIONS", "options");
   app.set_help_flag("-h,--help", "this text");
+  // A repeated option counts with its last value, as in most programs.
+  app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   app.footer(
       "A closed mesh must have every edge shared by exactly two faces with opposite\n"
       "directions (consistent winding); faces wound inward are reversed and\n"
