@@ -74,11 +74,12 @@ double unitInMetres(const std::string& unit) {
 Options parseArguments(int argc, char** argv) {
   Options o;
   std::string units;
-  CLI::App app("Converts a triangle or polygon mesh into a polyhedron file for the tracker.\n"
-               "INPUT is an OBJ file (.obj) or an STL file (.stl, ASCII or binary); OUTPUT is\n"
-               "the polyhedron file to write. Nothing is written unless the whole conversion\n"
-               "succeeds.",
-               "zot_mesh2poly");
+  CLI::App app(
+      "Converts a triangle or polygon mesh into a polyhedron file for the tracker.\n"
+      "INPUT is an OBJ file (.obj) or an STL file (.stl, ASCII or binary); OUTPUT is\n"
+      "the polyhedron file to write. Nothing is written unless the whole conversion\n"
+      "succeeds.",
+      "zot_mesh2poly");
   app.get_formatter()->label("Usage", "usage");
   app.get_formatter()->label("OPTIONS", "options");
   app.set_help_flag("-h,--help", "this text");
@@ -259,8 +260,8 @@ Mesh readStl(const std::string& path, const std::string& data) {
 
 // ================================================================ geometry
 using ZOTtracker::crossProd;
-using ZOTtracker::matrixSub31;
 using ZOTtracker::dotProd3;
+using ZOTtracker::matrixSub31;
 double length(const double* a) { return ZOTtracker::norm(a, 3); }
 
 // Newell's normal (not normalised): twice the vector area of the polygon.

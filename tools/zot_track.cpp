@@ -127,24 +127,21 @@ Options parseArguments(int argc, char** argv) {
       "one frame failed; 4 the accuracy limits of --max-mean-error were exceeded.");
   std::vector<std::string> velocity, dof;
   std::pair<std::string, std::string> maxError;
-  auto option = [&](const char* name, auto& value, const char* type, const char* group,
-                    const char* text) {
-    return app.add_option(name, value, text)->type_name(type)->group(group);
+  auto option = [&](const char* name, auto& value, const char* type, const char* text) {
+    return app.add_option(name, value, text)->type_name(type);
   };
-  const char* const config = "configuration (one of)";
-  option("--config", o.configDir, "DIR", config,
-         "directory with the camera, tracker and model files");
-  option("--camera", o.cameraFile, "FILE", config, "camera file in DIR (default: camera.txt)");
-  option("--tracker", o.trackerFile, "FILE", config, "tracker file in DIR (default: tracker.txt)");
-  option("--model", o.modelFile, "FILE", config, "model file in DIR (default: model.txt)");
-  option("--setup-header", o.setupHeader, "FILE", config,
+  app.option_defaults()->group("configuration (one of)");
+  option("--config", o.configDir, "DIR", "directory with the camera, tracker and model files");
+  option("--camera", o.cameraFile, "FILE", "camera file in DIR (default: camera.txt)");
+  option("--tracker", o.trackerFile, "FILE", "tracker file in DIR (default: tracker.txt)");
+  option("--model", o.modelFile, "FILE", "model file in DIR (default: model.txt)");
+  option("--setup-header", o.setupHeader, "FILE",
          "a global_array_declaration.h written by zot_export_header");
   app.add_flag("--compiled-config", o.compiledConfig,
                "the setup array compiled into this program (build with\n"
-               "-DZOT_TRACK_SETUP_HEADER=/path/global_array_declaration.h)")
-      ->group(config);
-  const char* const sequence = "sequence";
-  option("--images", o.images, "SOURCE", sequence,
+               "-DZOT_TRACK_SETUP_HEADER=/path/global_array_declaration.h)");
+  app.option_defaults()->group("sequence");
+  option("--images", o.images, "SOURCE",
          "one per camera, in camera order. SOURCE is a file\n"
          "pattern with a printf conversion for the frame index\n"
          "(cam0/%06d.png; PNG, PGM, JPEG, ...), a directory (its\n"
@@ -152,59 +149,53 @@ Options parseArguments(int argc, char** argv) {
          "frames are converted to grey.")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  option("--first-index", o.firstIndex, "N", sequence,
+  option("--first-index", o.firstIndex, "N",
          "index of the first frame of a pattern (default: 0, or 1\n"
          "when there is no file for 0)")
       ->check(CLI::Range(0, 1000000000).description(""));
-  option("--times", o.timesFile, "FILE", sequence,
+  option("--times", o.timesFile, "FILE",
          "time stamp of every frame, one per line (default: frame\nindex / fps)");
-  option("--fps", o.fps, "F", sequence, "frame rate without --times (default: 30)");
-  option("--tool-poses", o.toolPosesFile, "FILE", sequence,
+  option("--fps", o.fps, "F", "frame rate without --times (default: 30)");
+  option("--tool-poses", o.toolPosesFile, "FILE",
          "tool pose in the world frame, one per line (default: the\n"
          "identity, for a fixed camera)");
-  option("--initial-pose", o.initialPose, "POSE", sequence,
+  option("--initial-pose", o.initialPose, "POSE",
          "object pose in the tool frame at the first frame: a file\n"
          "(its first pose) or the numbers themselves (required)");
-  option("--initial-velocity", velocity, "V", sequence,
+  option("--initial-velocity", velocity, "V",
          "6 numbers: rotation [deg/time unit], then translation\n(default: 0)")
       ->expected(1, 6);
-  option("--dof", dof, "MASK", sequence,
+  option("--dof", dof, "MASK",
          "6 numbers, 0 freezes a parameter of the pose update\n"
          "(rotation x y z, translation x y z; default: all free)")
       ->expected(1, 6);
-  option("--frames", o.frames, "N", sequence, "track at most N frames")
+  option("--frames", o.frames, "N", "track at most N frames")
       ->check(CLI::Range(1, 1000000000).description(""));
-  option("--truth", o.truthFile, "FILE", sequence,
+  option("--truth", o.truthFile, "FILE",
          "true object poses in the tool frame, one per frame:\n"
          "per-frame errors in the CSV and the summary");
-  const char* const output = "output";
-  option("--out", o.outDir, "DIR", output,
-         "output directory (default: out): poses.csv and summary.txt");
-  option("--pose-format", o.poseFormat, "F", output,
+  app.option_defaults()->group("output");
+  option("--out", o.outDir, "DIR", "output directory (default: out): poses.csv and summary.txt");
+  option("--pose-format", o.poseFormat, "F",
          "matrix (16 values, row-major) or rvec (translation and\n"
          "rotation vector in degrees) in the CSV (default: matrix)");
   app.add_flag("--overlays", o.overlays,
                "DIR/overlays/camN_IIIIII.png: the undistorted image with\n"
-               "the model contour (red) and the object's axes")
-      ->group(output);
-  option("--overlay-video", o.overlayVideo, "FILE", output,
+               "the model contour (red) and the object's axes");
+  option("--overlay-video", o.overlayVideo, "FILE",
          "the overlays of all cameras side by side as a Motion-JPEG\nvideo (.avi)");
   app.add_flag("--per-frame", o.perFrame,
-               "one line per frame: status, error against the truth, time")
-      ->group(output);
-  option("--max-mean-error", maxError, "T R", output,
+               "one line per frame: status, error against the truth, time");
+  option("--max-mean-error", maxError, "T R",
          "fail (exit status 4) when the mean translation error\n"
          "exceeds T (mm, or percent of the object's size\n"
          "with a % sign, e.g. 1%) or the mean rotation error R deg");
-  app.add_flag("--show-memory", o.showMemory, "print the memory pools' use after the set-up")
-      ->group(output);
+  app.add_flag("--show-memory", o.showMemory, "print the memory pools' use after the set-up");
   app.add_flag("--verbose", o.verbose,
                "the library's own messages on how each frame's\n"
-               "Gauss-Newton loop ends")
-      ->group(output);
-  app.add_flag("-q,--quiet", o.quiet, "no progress line and no summary on standard output")
-      ->group(output);
-  app.set_help_flag("-h,--help", "this text")->group(output);
+               "Gauss-Newton loop ends");
+  app.add_flag("-q,--quiet", o.quiet, "no progress line and no summary on standard output");
+  app.set_help_flag("-h,--help", "this text")->group("output");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -227,8 +218,7 @@ Options parseArguments(int argc, char** argv) {
     if (o.maxTranslPercent) t.pop_back();
     o.maxTranslError = numberArg("--max-mean-error", t);
     o.maxRotError = numberArg("--max-mean-error", maxError.second);
-    if (o.maxTranslError < 0 || o.maxRotError < 0)
-      usageError("--max-mean-error needs limits >= 0");
+    if (o.maxTranslError < 0 || o.maxRotError < 0) usageError("--max-mean-error needs limits >= 0");
   }
   const int sources = !o.configDir.empty() + !o.setupHeader.empty() + o.compiledConfig;
   if (sources == 0)
@@ -297,8 +287,10 @@ class FrameSource {
       return !m_files.empty();
     }
     m_kind = Video;
-    if (!fs::exists(plan, ec)) error = "no such file or directory: " + plan;
-    else if (!m_video.open(plan)) error = "cannot open the video " + plan;
+    if (!fs::exists(plan, ec))
+      error = "no such file or directory: " + plan;
+    else if (!m_video.open(plan))
+      error = "cannot open the video " + plan;
     return error.empty();
   }
 
@@ -362,6 +354,29 @@ struct FrameResult {
   double translError = 0.0, rotError = 0.0;
 };
 
+// Errors against the truth over the frames that have one.
+struct ErrorStats {
+  int n = 0;
+  double meanT = 0.0, meanR = 0.0, maxT = 0.0, maxR = 0.0;
+};
+
+ErrorStats errorStats(const std::vector<FrameResult>& results) {
+  ErrorStats e;
+  for (const FrameResult& r : results) {
+    if (!r.hasError) continue;
+    e.meanT += r.translError;
+    e.meanR += r.rotError;
+    e.maxT = std::max(e.maxT, r.translError);
+    e.maxR = std::max(e.maxR, r.rotError);
+    e.n++;
+  }
+  if (e.n > 0) {
+    e.meanT /= e.n;
+    e.meanR /= e.n;
+  }
+  return e;
+}
+
 // The summary: counts, failures by code, timing quantiles, accuracy.
 std::string summaryText(const std::vector<FrameResult>& results, int expected, double objectSize,
                         bool haveTruth) {
@@ -398,33 +413,23 @@ std::string summaryText(const std::vector<FrameResult>& results, int expected, d
       std::vector<double> v;
       for (const FrameResult& r : results) {
         const ZOTtracker::FrameStageTimes& t = r.timing;
-        v.push_back(k == 0 ? t.undistortionMs : k == 1 ? t.edgesMs : k == 2 ? t.poseUpdateMs : t.totalMs);
+        const double stage[4] = {t.undistortionMs, t.edgesMs, t.poseUpdateMs, t.totalMs};
+        v.push_back(stage[k]);
       }
       snprintf(line, sizeof line, "  %-22s %8.3f %8.3f %8.3f\n", names[k],
                zot_sim::quantile(v, 0.5), zot_sim::quantile(v, 0.95), zot_sim::quantile(v, 1.0));
       s += line;
     }
   }
-  if (haveTruth) {
-    double sumT = 0, sumR = 0, maxT = 0, maxR = 0;
-    int n = 0;
-    for (const FrameResult& r : results) {
-      if (!r.hasError) continue;
-      sumT += r.translError;
-      sumR += r.rotError;
-      maxT = std::max(maxT, r.translError);
-      maxR = std::max(maxR, r.rotError);
-      n++;
-    }
-    if (n > 0) {
-      snprintf(line, sizeof line,
-               "error against the truth over %d tracked frames:\n"
-               "  translation [mm]: mean %.3f, max %.3f (mean %.2f %% of the object's size %g)\n"
-               "  rotation [deg]: mean %.3f, max %.3f\n",
-               n, sumT / n, maxT, objectSize > 0 ? 100.0 * sumT / n / objectSize : 0.0, objectSize,
-               sumR / n, maxR);
-      s += line;
-    }
+  const ErrorStats e = errorStats(results);
+  if (haveTruth && e.n > 0) {
+    snprintf(line, sizeof line,
+             "error against the truth over %d tracked frames:\n"
+             "  translation [mm]: mean %.3f, max %.3f (mean %.2f %% of the object's size %g)\n"
+             "  rotation [deg]: mean %.3f, max %.3f\n",
+             e.n, e.meanT, e.maxT, objectSize > 0 ? 100.0 * e.meanT / objectSize : 0.0, objectSize,
+             e.meanR, e.maxR);
+    s += line;
   }
   return s;
 }
@@ -491,7 +496,8 @@ std::string frameLine(const FrameResult& r) {
   else
     n += snprintf(text + n, sizeof text - n, "%d %s  ", r.status, r.message);
   if (r.hasError)
-    n += snprintf(text + n, sizeof text - n, "error %.3f mm / %.3f deg  ", r.translError, r.rotError);
+    n += snprintf(text + n, sizeof text - n, "error %.3f mm / %.3f deg  ", r.translError,
+                  r.rotError);
   snprintf(text + n, sizeof text - n, "%.2f ms (undistortion %.2f, edges %.2f, Gauss-Newton %.2f)",
            r.timing.totalMs, r.timing.undistortionMs, r.timing.edgesMs, r.timing.poseUpdateMs);
   return text;
@@ -662,7 +668,7 @@ struct Sequence {
   std::vector<double> times;
   std::vector<Pose> toolPoses, truth;
   Pose initialPose;
-  int expected = -1;  ///< frames the options and lists ask for; -1: until the images end
+  int expected = -1;         ///< frames the options and lists ask for; -1: until the images end
   int inputLimit = 1 << 30;  ///< first frame whose input is missing or wrong
   std::string inputProblem;  ///< what is wrong with it
 
@@ -709,11 +715,11 @@ Sequence openSequence(const Options& o, int nCams) {
     if (file.empty() || s.expected < 0) return;
     const std::string count = file + " has " + std::to_string(n) + " " + what;
     if ((int)n < s.expected) {
-      s.limitTo((int)n, count + " for " + std::to_string(s.expected) + " frames (" + lengthFrom +
-                            ")");
+      s.limitTo((int)n,
+                count + " for " + std::to_string(s.expected) + " frames (" + lengthFrom + ")");
     } else if ((int)n > s.expected && o.frames < 0) {
-      s.limitTo(s.expected, count + " but " + lengthFrom + " gives " +
-                                std::to_string(s.expected) + " frames");
+      s.limitTo(s.expected,
+                count + " but " + lengthFrom + " gives " + std::to_string(s.expected) + " frames");
     }
   };
   checkList(o.timesFile, s.times.size(), "time stamps");
@@ -754,8 +760,8 @@ bool readFrame(int i, const Options& o, const GenericObjectTracker& tracker, Seq
                                           : cam + "missing image " + s.sources[c].describe(i));
     } else if (frames[c].cols != tracker.m_imageWidth[c] ||
                frames[c].rows != tracker.m_imageHeight[c]) {
-      s.limitTo(i, cam + s.sources[c].lastName() + " is " + std::to_string(frames[c].cols) +
-                       " x " + std::to_string(frames[c].rows) + ", the camera is " +
+      s.limitTo(i, cam + s.sources[c].lastName() + " is " + std::to_string(frames[c].cols) + " x " +
+                       std::to_string(frames[c].rows) + ", the camera is " +
                        std::to_string(tracker.m_imageWidth[c]) + " x " +
                        std::to_string(tracker.m_imageHeight[c]));
     }
@@ -791,8 +797,8 @@ Outputs openOutputs(const Options& o, const Sequence& s, GenericObjectTracker& t
   return out;
 }
 
-std::vector<FrameResult> trackSequence(const Options& o, GenericObjectTracker& tracker,
-                                       Sequence& s, Outputs& out) {
+std::vector<FrameResult> trackSequence(const Options& o, GenericObjectTracker& tracker, Sequence& s,
+                                       Outputs& out) {
   const int nCams = tracker.m_nCameras;
   const unsigned char* imagePtrs[ZOTtracker::ZOT_MAX_CAMERAS] = {};
   const double identity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
@@ -855,23 +861,15 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
     if (r.status != 0) status = kExitTrackingFailed;
   }
   if (o.maxTranslError >= 0) {
-    double sumT = 0, sumR = 0;
-    int n = 0;
-    for (const FrameResult& r : results) {
-      if (r.hasError) {
-        sumT += r.translError;
-        sumR += r.rotError;
-        n++;
-      }
-    }
+    const ErrorStats e = errorStats(results);
     const double limit =
         o.maxTranslPercent ? o.maxTranslError * objectSize / 100.0 : o.maxTranslError;
     char line[256];
-    if (n > 0 && (sumT / n > limit || sumR / n > o.maxRotError)) {
+    if (e.n > 0 && (e.meanT > limit || e.meanR > o.maxRotError)) {
       snprintf(
           line, sizeof line,
           "ACCURACY LIMITS EXCEEDED: mean errors %.3f and %.3f deg, limits %.3f and %.3f deg\n",
-          sumT / n, sumR / n, limit, o.maxRotError);
+          e.meanT, e.meanR, limit, o.maxRotError);
       if (status == 0) status = kExitAccuracy;
     } else {
       snprintf(line, sizeof line, "accuracy limits met: mean errors within %.3f and %.3f deg\n",
