@@ -15,12 +15,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -92,7 +94,8 @@ void sixNumbers(const std::string& option, std::vector<std::string> tokens, doub
   if (tokens.size() == 1) {
     std::string text = tokens[0];
     std::replace(text.begin(), text.end(), ',', ' ');
-    tokens = CLI::detail::split_up(text);
+    std::istringstream words(text);
+    tokens.assign(std::istream_iterator<std::string>(words), {});
   }
   if (tokens.size() != 6) usageError(option + " needs 6 numbers");
   for (int k = 0; k < 6; k++) out[k] = numberArg(option, tokens[k]);
