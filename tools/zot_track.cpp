@@ -437,16 +437,6 @@ std::string summaryText(const std::vector<FrameResult>& results, int expected, d
   return s;
 }
 
-// Translation, then the rotation vector in degrees.
-void translationAndRotationVector(const double* pose, double* out) {
-  double aa[6];  // rotation vector in degrees, then translation
-  ZOTtracker::AngleAxisFromT(pose, aa);
-  for (int k = 0; k < 3; k++) {
-    out[k] = pose[4 * k + 3];
-    out[3 + k] = aa[k];
-  }
-}
-
 // ---------------------------------------------------------------- per-frame output
 void writeCsvHeader(FILE* csv, bool matrix, bool withTruth) {
   fprintf(csv, "frame,time,status,message");
@@ -465,23 +455,19 @@ void writeCsvHeader(FILE* csv, bool matrix, bool withTruth) {
 void writeCsvRow(FILE* csv, const FrameResult& r, const double* pose, const double* velocity,
                  bool matrix, bool withTruth) {
   fprintf(csv, "%d,%.9g,%d,\"%s\"", r.frame, r.time, r.status, r.message);
-  double values[16];
-  if (matrix)
-    std::copy(pose, pose + 16, values);
-  else
-    translationAndRotationVector(pose, values);
-  const bool ok = r.status == 0;
-  for (int k = 0; k < (matrix ? 16 : 6); k++) {
-    if (ok)
-      fprintf(csv, ",%.10g", values[k]);
-    else
+  // The pose as 16 matrix values, or the translation and the rotation
+  // vector in degrees; then the velocity.
+  double values[22], angleAxis[6] = {0, 0, 0, 0, 0, 0};
+  const int n = matrix ? 16 : 6;
+  if (!matrix && r.status == 0) ZOTtracker::AngleAxisFromT(pose, angleAxis);
+  for (int k = 0; k < n; k++)
+    values[k] = matrix ? pose[k] : k < 3 ? pose[4 * k + 3] : angleAxis[k - 3];
+  std::copy(velocity, velocity + 6, values + n);
+  for (int k = 0; k < n + 6; k++) {
+    if (r.status != 0)
       fputc(',', csv);
-  }
-  for (int k = 0; k < 6; k++) {
-    if (ok)
-      fprintf(csv, ",%.8g", velocity[k]);
     else
-      fputc(',', csv);
+      fprintf(csv, k < n ? ",%.10g" : ",%.8g", values[k]);
   }
   if (withTruth && r.hasError) fprintf(csv, ",%.6g,%.6g", r.translError, r.rotError);
   if (withTruth && !r.hasError) fprintf(csv, ",,");
