@@ -767,8 +767,10 @@ struct Outputs {
 
 Outputs openOutputs(const Options& o, const Sequence& s, GenericObjectTracker& tracker,
                     double objectSize) {
-  if (!zot_sim::makeDirectories(o.outDir)) fail("cannot create the output directory " + o.outDir);
-  if (o.overlays && !zot_sim::makeDirectories(o.outDir + "/overlays"))
+  std::error_code ec;
+  fs::create_directories(o.outDir, ec);
+  if (!fs::is_directory(o.outDir, ec)) fail("cannot create the output directory " + o.outDir);
+  if (o.overlays && !fs::create_directories(o.outDir + "/overlays", ec) && ec)
     fail("cannot create " + o.outDir + "/overlays");
   Outputs out;
   out.csvPath = o.outDir + "/poses.csv";
