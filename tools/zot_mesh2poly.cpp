@@ -3,6 +3,7 @@
 // coplanar neighbouring triangles into convex polygons, scales units, checks
 // closedness and orientation, and verifies the result with the tracker's own
 // polyhedron set-up before anything is written.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -20,37 +22,10 @@
 
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
+#include "Math.h"
 #include "memory_handling.h"
 
 namespace {
-
-const char* const kUsage =
-    "usage: zot_mesh2poly [options] INPUT OUTPUT\n"
-    "\n"
-    "Converts a triangle or polygon mesh into a polyhedron file for the tracker.\n"
-    "INPUT is an OBJ file (.obj) or an STL file (.stl, ASCII or binary); OUTPUT is\n"
-    "the polyhedron file to write. Nothing is written unless the whole conversion\n"
-    "succeeds.\n"
-    "\n"
-    "options:\n"
-    "  --scale S            multiply all coordinates by S (applied after --units)\n"
-    "  --units FROM:TO      unit conversion, FROM and TO each one of m, cm, mm, in\n"
-    "                       (e.g. m:mm multiplies by 1000)\n"
-    "  --tolerance T        vertices closer than T (output units) are merged\n"
-    "                       (default: 1e-6 times the bounding-box diagonal)\n"
-    "  --coplanar-angle A   neighbouring faces whose normals differ by less than A\n"
-    "                       degrees are merged into one convex polygon (default 0.01;\n"
-    "                       0 keeps the faces as they are)\n"
-    "  --flat               the mesh is an open surface: boundary edges are allowed\n"
-    "  --flip               reverse the winding of every face\n"
-    "  --drop-degenerate    drop faces of zero area instead of failing on them\n"
-    "  --feature-angle A    crease angle used for the verification report (default 30)\n"
-    "  -q, --quiet          print errors only\n"
-    "  -h, --help           this text\n"
-    "\n"
-    "A closed mesh must have every edge shared by exactly two faces with opposite\n"
-    "directions (consistent winding); faces wound inward are reversed and\n"
-    "reported. Exit status: 0 on success, 1 on bad input, 2 on bad arguments.\n";
 
 struct Mesh {
   std::vector<double> v;                // 3 per vertex
@@ -88,15 +63,6 @@ void info(const char* fmt, ...) {
   exit(2);
 }
 
-double parseNumber(const char* text, const char* option) {
-  char* end = nullptr;
-  errno = 0;
-  const double value = strtod(text, &end);
-  if (end == text || *end != '\0' || errno != 0 || !std::isfinite(value))
-    usageError(std::string("invalid number for ") + option + ": '" + text + "'");
-  return value;
-}
-
 double unitInMetres(const std::string& unit) {
   if (unit == "m") return 1.0;
   if (unit == "cm") return 0.01;
@@ -107,64 +73,70 @@ double unitInMetres(const std::string& unit) {
 
 Options parseArguments(int argc, char** argv) {
   Options o;
-  double unitScale = 1.0;
-  std::vector<std::string> positional;
-  for (int i = 1; i < argc; i++) {
-    const std::string a = argv[i];
-    auto value = [&](const char* name) -> const char* {
-      if (i + 1 >= argc) usageError(std::string("option ") + name + " needs a value");
-      return argv[++i];
-    };
-    if (a == "-h" || a == "--help") {
-      fputs(kUsage, stdout);
-      exit(0);
-    } else if (a == "--scale") {
-      o.scale = parseNumber(value("--scale"), "--scale");
-      if (o.scale == 0.0) usageError("--scale must not be 0");
-    } else if (a == "--units") {
-      const std::string units = value("--units");
-      const size_t colon = units.find(':');
-      if (colon == std::string::npos) usageError("--units takes FROM:TO, e.g. m:mm");
-      unitScale = unitInMetres(units.substr(0, colon)) / unitInMetres(units.substr(colon + 1));
-    } else if (a == "--tolerance") {
-      o.tolerance = parseNumber(value("--tolerance"), "--tolerance");
-      if (o.tolerance < 0.0) usageError("--tolerance must not be negative");
-    } else if (a == "--coplanar-angle") {
-      o.coplanarAngle = parseNumber(value("--coplanar-angle"), "--coplanar-angle");
-      if (o.coplanarAngle < 0.0 || o.coplanarAngle >= 90.0)
-        usageError("--coplanar-angle must lie in [0, 90)");
-    } else if (a == "--feature-angle") {
-      o.featureAngle = parseNumber(value("--feature-angle"), "--feature-angle");
-    } else if (a == "--flat") {
-      o.flat = true;
-    } else if (a == "--flip") {
-      o.flip = true;
-    } else if (a == "--drop-degenerate") {
-      o.dropDegenerate = true;
-    } else if (a == "-q" || a == "--quiet") {
-      o.quiet = true;
-    } else if (a.size() > 1 && a[0] == '-') {
-      usageError("unknown option '" + a + "'");
-    } else {
-      positional.push_back(a);
-    }
+  std::string units;
+  CLI::App app(
+      "Converts a triangle or polygon mesh into a polyhedron file for the tracker.\n"
+      "INPUT is an OBJ file (.obj) or an STL file (.stl, ASCII or binary); OUTPUT is\n"
+      "the polyhedron file to write. Nothing is written unless the whole conversion\n"
+      "succeeds.",
+      "zot_mesh2poly");
+  app.get_formatter()->label("Usage", "usage");
+  app.get_formatter()->label("OPTIONS", "options");
+  app.set_help_flag("-h,--help", "this text");
+  // A repeated option counts with its last value, as in most programs.
+  app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  app.footer(
+      "A closed mesh must have every edge shared by exactly two faces with opposite\n"
+      "directions (consistent winding); faces wound inward are reversed and\n"
+      "reported. Exit status: 0 on success, 1 on bad input, 2 on bad arguments.");
+  app.add_option("INPUT", o.input, "the mesh to convert (.obj or .stl)")->required();
+  app.add_option("OUTPUT", o.output, "the polyhedron file to write")->required();
+  app.add_option("--scale", o.scale, "multiply all coordinates by S (applied after --units)")
+      ->type_name("S");
+  app.add_option("--units", units,
+                 "unit conversion, FROM and TO each one of m, cm, mm, in\n"
+                 "(e.g. m:mm multiplies by 1000)")
+      ->type_name("FROM:TO");
+  app.add_option("--tolerance", o.tolerance,
+                 "vertices closer than T (output units) are merged\n"
+                 "(default: 1e-6 times the bounding-box diagonal)")
+      ->type_name("T");
+  app.add_option("--coplanar-angle", o.coplanarAngle,
+                 "neighbouring faces whose normals differ by less than A\n"
+                 "degrees are merged into one convex polygon (default 0.01;\n"
+                 "0 keeps the faces as they are)")
+      ->type_name("A");
+  app.add_flag("--flat", o.flat, "the mesh is an open surface: boundary edges are allowed");
+  app.add_flag("--flip", o.flip, "reverse the winding of every face");
+  app.add_flag("--drop-degenerate", o.dropDegenerate,
+               "drop faces of zero area instead of failing on them");
+  app.add_option("--feature-angle", o.featureAngle,
+                 "crease angle used for the verification report (default 30)")
+      ->type_name("A");
+  app.add_flag("-q,--quiet", o.quiet, "print errors only");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    exit(app.exit(e));
+  } catch (const CLI::ParseError& e) {
+    usageError(e.what());
   }
-  if (positional.size() != 2) usageError("expected INPUT and OUTPUT");
-  o.input = positional[0];
-  o.output = positional[1];
-  o.scale *= unitScale;
+  for (const double v : {o.scale, o.tolerance, o.coplanarAngle, o.featureAngle}) {
+    if (!std::isfinite(v)) usageError("options take finite numbers");
+  }
+  if (o.scale == 0.0) usageError("--scale must not be 0");
+  if (o.tolerance < 0.0 && app.count("--tolerance")) usageError("--tolerance must not be negative");
+  if (o.coplanarAngle < 0.0 || o.coplanarAngle >= 90.0)
+    usageError("--coplanar-angle must lie in [0, 90)");
+  if (app.count("--units")) {
+    const size_t colon = units.find(':');
+    if (colon == std::string::npos) usageError("--units takes FROM:TO, e.g. m:mm");
+    o.scale *= unitInMetres(units.substr(0, colon)) / unitInMetres(units.substr(colon + 1));
+  }
   return o;
 }
 
 // ================================================================ readers
-bool endsWith(const std::string& s, const char* suffix) {
-  const size_t n = strlen(suffix);
-  if (s.size() < n) return false;
-  for (size_t i = 0; i < n; i++)
-    if (tolower((unsigned char)s[s.size() - n + i]) != suffix[i]) return false;
-  return true;
-}
-
 std::string readWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) fail("cannot open '" + path + "': " + strerror(errno));
@@ -287,16 +259,10 @@ Mesh readStl(const std::string& path, const std::string& data) {
 }
 
 // ================================================================ geometry
-void sub(const double* a, const double* b, double* c) {
-  for (int k = 0; k < 3; k++) c[k] = a[k] - b[k];
-}
-void cross(const double* a, const double* b, double* c) {
-  c[0] = a[1] * b[2] - a[2] * b[1];
-  c[1] = a[2] * b[0] - a[0] * b[2];
-  c[2] = a[0] * b[1] - a[1] * b[0];
-}
-double dot(const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-double length(const double* a) { return std::sqrt(dot(a, a)); }
+using ZOTtracker::crossProd;
+using ZOTtracker::dotProd3;
+using ZOTtracker::matrixSub31;
+double length(const double* a) { return ZOTtracker::norm(a, 3); }
 
 // Newell's normal (not normalised): twice the vector area of the polygon.
 void faceNormal(const Mesh& m, const std::vector<int>& f, double* n) {
@@ -318,7 +284,7 @@ double bboxDiagonal(const Mesh& m) {
       hi[k] = std::max(hi[k], m.v[i + k]);
     }
   double d[3];
-  sub(hi, lo, d);
+  matrixSub31(hi, lo, d);
   return m.v.empty() ? 0.0 : length(d);
 }
 
@@ -345,7 +311,7 @@ int mergeVertices(Mesh& m, double tol) {
           if (it == grid.end()) continue;
           for (int j : it->second) {
             double d[3];
-            sub(p, &kept[3 * j], d);
+            matrixSub31(p, &kept[3 * j], d);
             if (length(d) <= tol) {
               found = j;
               break;
@@ -438,8 +404,8 @@ double signedVolume(const Mesh& m) {
     const double* a = &m.v[3 * f[0]];
     for (size_t k = 1; k + 1 < f.size(); k++) {
       double c[3];
-      cross(&m.v[3 * f[k]], &m.v[3 * f[k + 1]], c);
-      vol += dot(a, c) / 6.0;
+      crossProd(&m.v[3 * f[k]], &m.v[3 * f[k + 1]], c);
+      vol += dotProd3(a, c) / 6.0;
     }
   }
   return vol;
@@ -447,16 +413,16 @@ double signedVolume(const Mesh& m) {
 
 // True when the polygon is strictly convex around normal n (no collinear corners).
 bool strictlyConvex(const Mesh& m, const std::vector<int>& f, const double* n) {
-  const double scale = dot(n, n);
+  const double scale = dotProd3(n, n);
   for (size_t k = 0; k < f.size(); k++) {
     const double* p0 = &m.v[3 * f[k]];
     const double* p1 = &m.v[3 * f[(k + 1) % f.size()]];
     const double* p2 = &m.v[3 * f[(k + 2) % f.size()]];
     double e0[3], e1[3], c[3];
-    sub(p1, p0, e0);
-    sub(p2, p1, e1);
-    cross(e0, e1, c);
-    if (dot(c, n) <= 1e-9 * length(e0) * length(e1) * std::sqrt(scale)) return false;
+    matrixSub31(p1, p0, e0);
+    matrixSub31(p2, p1, e1);
+    crossProd(e0, e1, c);
+    if (dotProd3(c, n) <= 1e-9 * length(e0) * length(e1) * std::sqrt(scale)) return false;
   }
   return true;
 }
@@ -486,7 +452,7 @@ int mergeCoplanar(Mesh& m, double angleDeg) {
     std::vector<int> poly = m.faces[seed];
     owner[seed] = id;
     const double* n = &normals[3 * seed];
-    const double planeD = dot(n, &m.v[3 * poly[0]]);
+    const double planeD = dotProd3(n, &m.v[3 * poly[0]]);
     bool grown = true;
     while (grown) {
       grown = false;
@@ -498,10 +464,10 @@ int mergeCoplanar(Mesh& m, double angleDeg) {
         const int f1 = u.backward.empty() ? u.forward[1] : u.backward[0];
         const int other = owner[f0] == id ? f1 : (owner[f1] == id ? f0 : -1);
         if (other < 0 || owner[other] >= 0) continue;
-        if (dot(n, &normals[3 * other]) < cosTol) continue;
+        if (dotProd3(n, &normals[3 * other]) < cosTol) continue;
         const std::vector<int>& g = m.faces[other];
         bool onPlane = true;
-        for (int idx : g) onPlane &= std::fabs(dot(n, &m.v[3 * idx]) - planeD) <= planeTol;
+        for (int idx : g) onPlane &= std::fabs(dotProd3(n, &m.v[3 * idx]) - planeD) <= planeTol;
         if (!onPlane) continue;
         // g runs b -> a; its vertices after a (up to b) go between a and b.
         size_t pb = 0;
@@ -588,8 +554,10 @@ int main(int argc, char** argv) {
   const Options o = parseArguments(argc, argv);
   g_quiet = o.quiet;
 
-  const bool isObj = endsWith(o.input, ".obj");
-  if (!isObj && !endsWith(o.input, ".stl"))
+  std::string extension = std::filesystem::path(o.input).extension();
+  for (char& c : extension) c = (char)tolower((unsigned char)c);
+  const bool isObj = extension == ".obj";
+  if (!isObj && extension != ".stl")
     fail("unknown input format of '" + o.input + "' (expected .obj or .stl)");
   const std::string data = readWholeFile(o.input);
   Mesh m = isObj ? readObj(o.input, data) : readStl(o.input, data);

@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 
+#include "Math.h"
 #include "lens.h"
 
 namespace zot_sim {
@@ -18,33 +19,16 @@ constexpr double kPi = 3.141592653589793;
 constexpr double kDeg = kPi / 180.0;
 
 // ---------------------------------------------------------------- small pose algebra
-void identity(double* T) {
-  for (int k = 0; k < 16; k++) T[k] = (k % 5 == 0) ? 1.0 : 0.0;
-}
+using ZOTtracker::crossProd;
+using ZOTtracker::inverseTransform;
+using ZOTtracker::matrixIdentity;
+using ZOTtracker::matrixProduct444;
 
-void product(const double* A, const double* B, double* C) {
-  for (int i = 0; i < 4; i++) {
-    for (int j = 0; j < 4; j++) {
-      double s = 0.0;
-      for (int k = 0; k < 4; k++) s += A[4 * i + k] * B[4 * k + j];
-      C[4 * i + j] = s;
-    }
-  }
-}
-
-void inverse(const double* T, double* U) {
-  identity(U);
-  for (int i = 0; i < 3; i++) {
-    for (int j = 0; j < 3; j++) U[4 * i + j] = T[4 * j + i];
-  }
-  for (int i = 0; i < 3; i++) {
-    U[4 * i + 3] = -(U[4 * i] * T[3] + U[4 * i + 1] * T[7] + U[4 * i + 2] * T[11]);
-  }
-}
+void normalise3(double* v) { ZOTtracker::normalize(v, 3, 1); }
 
 // Rotation by angle (degrees) about axis 0, 1 or 2.
 void rotation(int axis, double deg, double* T) {
-  identity(T);
+  matrixIdentity(T, 4);
   const double c = std::cos(deg * kDeg), s = std::sin(deg * kDeg);
   const int a = (axis + 1) % 3, b = (axis + 2) % 3;
   T[4 * a + a] = c;
@@ -54,7 +38,7 @@ void rotation(int axis, double deg, double* T) {
 }
 
 void translation(double x, double y, double z, double* T) {
-  identity(T);
+  matrixIdentity(T, 4);
   T[3] = x;
   T[7] = y;
   T[11] = z;
@@ -62,21 +46,8 @@ void translation(double x, double y, double z, double* T) {
 
 void chain(double* T, const double* B) {  // T <- T * B
   double C[16];
-  product(T, B, C);
+  matrixProduct444(T, B, C);
   std::copy(C, C + 16, T);
-}
-
-void normalise3(double* v) {
-  const double n = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-  if (n > 0.0) {
-    for (int k = 0; k < 3; k++) v[k] /= n;
-  }
-}
-
-void cross3(const double* a, const double* b, double* c) {
-  c[0] = a[1] * b[2] - a[2] * b[1];
-  c[1] = a[2] * b[0] - a[0] * b[2];
-  c[2] = a[0] * b[1] - a[1] * b[0];
 }
 
 // Tool pose looking from eye at target, image "down" towards the table,
@@ -86,14 +57,14 @@ void lookAt(const double* eye, const double* target, double rollDeg, double* T) 
   normalise3(z);
   const double down[3] = {0.0, 0.0, -1.0};
   double x[3], y[3];
-  cross3(down, z, x);
+  crossProd(down, z, x);
   if (x[0] * x[0] + x[1] * x[1] + x[2] * x[2] < 1e-12) {
     x[0] = 1.0;  // straight down: any horizontal x
     x[1] = x[2] = 0.0;
   }
   normalise3(x);
-  cross3(z, x, y);
-  identity(T);
+  crossProd(z, x, y);
+  matrixIdentity(T, 4);
   for (int i = 0; i < 3; i++) {
     T[4 * i] = x[i];
     T[4 * i + 1] = y[i];
@@ -269,7 +240,7 @@ SequenceRenderer::SequenceRenderer(const std::vector<CameraConfig>& cameras,
       m_warnings.push_back("cam " + std::to_string(c) + ": skew is not rendered");
     }
     Pose camFromTool;
-    inverse(cam.toolFromCamera.data(), camFromTool.data());
+    inverseTransform(cam.toolFromCamera.data(), camFromTool.data());
     m_cameraFromTool.push_back(camFromTool);
     // Undistorted normalised ray through every pixel centre.
     std::vector<float> rays(2 * (size_t)cam.width * cam.height);
@@ -390,7 +361,7 @@ void SequenceRenderer::buildPaints(const ModelConfig& model) {
       const double* q = &v[3 * seg.second];
       double d[3] = {q[0] - p[0], q[1] - p[1], q[2] - p[2]}, side[3];
       normalise3(d);
-      cross3(faceNormal, d, side);
+      crossProd(faceNormal, d, side);
       Paint paint;
       paint.tone = tone;
       const double corners[4][2] = {{0, -1}, {0, 1}, {1, 1}, {1, -1}};
@@ -521,8 +492,8 @@ void SequenceRenderer::poses(int frame, double* toolWorld, double* objectWorld,
   if (objectWorld != nullptr) std::copy(To, To + 16, objectWorld);
   if (objectInTool != nullptr) {
     double inv[16];
-    inverse(Tt, inv);
-    product(inv, To, objectInTool);
+    inverseTransform(Tt, inv);
+    matrixProduct444(inv, To, objectInTool);
   }
 }
 
@@ -543,9 +514,9 @@ void SequenceRenderer::renderCamera(int cam, int frame, const double* toolWorld,
   image.assign((size_t)w * h, 0);
   // Camera in the world and the object in the camera.
   double worldFromCam[16], camFromWorld[16], objectInCam[16];
-  product(toolWorld, c.toolFromCamera.data(), worldFromCam);
-  inverse(worldFromCam, camFromWorld);
-  product(camFromWorld, objectWorld, objectInCam);
+  matrixProduct444(toolWorld, c.toolFromCamera.data(), worldFromCam);
+  inverseTransform(worldFromCam, camFromWorld);
+  matrixProduct444(camFromWorld, objectWorld, objectInCam);
 
   // Table: intersect each pixel's ray with the plane z = tableZ.
   const double* R = worldFromCam;
