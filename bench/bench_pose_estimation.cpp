@@ -119,16 +119,14 @@ void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, int samp
       for (auto _ : state) {
         const unsigned char* images[ZOT_MAX_CAMERAS];
         for (int c = 0; c < nCams; c++) images[c] = s.images[frame][c].data();
-        m_global_output_string_counter = 0;
         const int rc = tracker->poseEstimation(images, s.times[frame], s.tool[frame].data(),
                                                s.truth[0].data(), zero, s.times[0], pose, velocity,
-                                               covariance, dof, frame == 0, true, false, false);
+                                               covariance, dof, frame == 0, false, false, false);
         state.PauseTiming();
-        zot_sim::FrameTiming t;
-        zot_sim::parseFrameTiming(m_global_output_string, m_global_output_string_counter, &t);
-        undistortion.push_back(t.undistortion);
-        edges.push_back(t.edges);
-        gaussNewton.push_back(t.gaussNewton);
+        const FrameStageTimes& t = tracker->lastFrameTimes();
+        undistortion.push_back(t.undistortionMs);
+        edges.push_back(t.edgesMs);
+        gaussNewton.push_back(t.poseUpdateMs);
         for (int c = 0; c < nCams; c++) samples += tracker->m_multibody.m_nSamplePointsPerCam[c];
         tracked++;
         if (rc != 0) failures++;

@@ -14,7 +14,6 @@
 
 #include "FileParser.h"
 #include "IO.h"
-#include "frame_timing.h"
 #include "scene_config.h"
 #include "tool_runner.h"
 
@@ -520,30 +519,5 @@ TEST(SequenceFiles, CameraAndModelFilesRoundTrip) {
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
-TEST(SequenceFiles, TimingLinesOfTheDiagnosticString) {
-  ZOTtracker::m_global_output_string_counter = 0;
-  ZOTtracker::showElapsed("Undistortion (2x)", 0, 1500000);
-  ZOTtracker::globalStrcat("iteration 1\n", 12);
-  ZOTtracker::showElapsed("Edge detection (2x)", 0, 2250000);
-  ZOTtracker::showElapsed("Total Gauss-Newton loop (pose estimation)", 0, 4000000);
-  zot_sim::FrameTiming t;
-  EXPECT_TRUE(zot_sim::parseFrameTiming(ZOTtracker::m_global_output_string,
-                                        ZOTtracker::m_global_output_string_counter, &t));
-  EXPECT_DOUBLE_EQ(t.undistortion, 1.5);
-  EXPECT_DOUBLE_EQ(t.edges, 2.25);
-  EXPECT_DOUBLE_EQ(t.gaussNewton, 4.0);
-  // Only the bytes counted belong to the frame.
-  EXPECT_FALSE(zot_sim::parseFrameTiming(ZOTtracker::m_global_output_string, 40, &t));
-  EXPECT_DOUBLE_EQ(t.undistortion, 1.5);
-  EXPECT_LT(t.gaussNewton, 0.0);
-  ZOTtracker::m_global_output_string_counter = 0;
-
-  std::vector<double> v = {5, 1, 4, 2, 3};
-  EXPECT_DOUBLE_EQ(zot_sim::quantile(v, 0.5), 3.0);
-  EXPECT_DOUBLE_EQ(zot_sim::quantile(v, 0.95), 4.8);
-  EXPECT_DOUBLE_EQ(zot_sim::quantile(v, 1.0), 5.0);
-  std::vector<double> none;
-  EXPECT_EQ(zot_sim::quantile(none, 0.5), 0.0);
-}
 
 }  // namespace
