@@ -22,6 +22,46 @@ namespace ZOTtracker {
 /// ("matching_points.dat" in the directory chosen at build time).
 const char* correlateEdgesOutputPath();
 
+/// Settings of one cost evaluation (ContourTracker::computeOverallCostAndJacobian).
+struct CostSettings {
+  double facingTolerance;         ///< contour sampler: faces turned away by less are skipped
+  double minEdgeLength;           ///< contour sampler: shorter pieces are not sampled
+  int samplingStep;               ///< contour sampler: pixels between samples along an edge
+  double searchRange;             ///< pixels along the normal; residual of an unmatched point
+  double maxAngleDeg;             ///< largest angle between normal and edge gradient
+  bool computeJacobian;           ///< also the Jacobian rows
+  bool translationInObjectFrame;  ///< translation columns in the object frame
+  bool resample;                  ///< sample the contour again at this pose
+  bool match;                     ///< match again; otherwise keep the previous matches
+  bool timing;                    ///< report each step's time
+  bool showDebug;                 ///< the sampler's debug views
+  bool verbose;                   ///< messages on standard output
+};
+
+/// Settings of one Gauss-Newton run (ContourTracker::poseUpdateLoop); the
+/// fields follow that call's arguments in order.
+struct GaussNewtonSettings {
+  int maxIterations;
+  double convRotDeg;    ///< convergence: rotation of an increment [deg]
+  double convTransl;    ///< convergence: translation move of one iteration
+  double maxAbsRotDeg;  ///< divergence: rotation from the entry pose [deg]
+  double maxAbsTransl;  ///< divergence: translation from the entry pose
+  double facingTolerance;
+  int samplingStep;
+  double minEdgeLength;
+  double searchRange;
+  double maxAngleDeg;
+  double minInliers;       ///< matched points needed in every iteration
+  double minInliersAtEnd;  ///< matched points needed after convergence
+  double maxFinalCost;     ///< largest final mean cost; <= 0 disables the test
+  double resampleRotDeg;   ///< motion since the last sampling that re-samples
+  double resampleTransl;
+  const double* dofMask;  ///< 6 values, 0 freezes a parameter (null: all free)
+  bool timing;
+  bool showDebug;
+  bool verbose;
+};
+
 class ContourTracker {
  public:
   // ---------------------------------------------------------------- set-up
@@ -79,6 +119,10 @@ class ContourTracker {
                      double minInliersAtEnd, double maxFinalCost, double resampleRotDeg,
                      double resampleTransl, const double* dofMask, bool timing, bool showDebug,
                      bool verbose);
+  /// The same with the settings in one struct.
+  int poseUpdateLoop(Multibody& model, const unsigned char* const* images, double* pose,
+                     double* covariance, const double* const* camTransforms,
+                     const double* const* camIntrinsics, const GaussNewtonSettings& settings);
 
   /// Evaluates the cost at pose for every enabled camera: optionally
   /// re-samples the contour (resample), reprojects it with its Jacobian,
@@ -97,6 +141,11 @@ class ContourTracker {
                                     double maxAngleDeg, bool computeJacobian,
                                     bool translationInObjectFrame, bool resample, bool match,
                                     bool timing, bool showDebug, bool verbose);
+  /// The same with the settings in one struct.
+  int computeOverallCostAndJacobian(Multibody& model, double& cost, const double* pose,
+                                    const double* const* camTransforms,
+                                    const double* const* camIntrinsics,
+                                    const CostSettings& settings);
 
   /// Projects camera cam's samples with P = [K | 0] * T_cam (3 x 4) at pose
   /// into m_projPoints[cam], their unit normals (projected tangent turned a
@@ -200,6 +249,14 @@ class ContourTracker {
   short* m_cannyShortWork;            ///< maxWidth x 2 x maxHeight shorts
   int m_nTotalPoints;                 ///< stacked points of the last evaluation
   int m_camEnabled[ZOT_MAX_CAMERAS];  ///< 1 when the camera takes part
+
+ private:
+  // Steps of the cost evaluation and the Gauss-Newton loop.
+  int sampleReprojectAndMatch(Multibody& model, int cam, const double* pose,
+                              const double* const* camTransforms,
+                              const double* const* camIntrinsics, const CostSettings& settings);
+  double stackResiduals(const Multibody& model, double searchRange, bool computeJacobian);
+  void showMatches(const Multibody& model, const unsigned char* const* images, double searchRange);
 };
 
 }  // namespace ZOTtracker

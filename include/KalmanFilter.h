@@ -27,7 +27,7 @@ void constantVelocityTransition(double dt, double* F);
 /// when angleAxis is set (updatePoseAngleAxis). increment: 6 values, degrees first.
 void updatePoseIncrement(double* T, const double* increment, bool angleAxis);
 /// Increment of the pose T: TwistFromT, or AngleAxisFromT when angleAxis is
-/// set. Returns the conversion's code (0 or -7); increment is unwritten on failure.
+/// set. Returns the conversion's code, which is 0 for every rotation.
 int poseIncrementFromT(const double* T, double* increment, bool angleAxis);
 /// statePred = F * state (12), Tpred = T updated by statePred[0..5], then
 /// statePred[0..5] = 0. None of the outputs may alias an input.
@@ -78,9 +78,9 @@ class KalmanFilter {
   /// estimated pose holds the corrected pose, the state's increment is zero
   /// and its velocity part absorbed the gain's share, and last time = time.
   /// Returns 0; -1 when never initialised, for a null or non-finite input,
-  /// a time earlier than the last time, or a failing SVD; or the non-zero
-  /// code of the pose-to-increment conversion (-7). On failure the estimate
-  /// and last time are unchanged.
+  /// a time earlier than the last time, or a failing SVD (the conversion of
+  /// the pose difference to an increment does not fail). On failure the
+  /// estimate and last time are unchanged.
   int correct(const double* measuredPose, const double* R, double time);
 
   // ---------------------------------------------------------------- getters

@@ -111,10 +111,10 @@ void rotTranslFromT(const double* T, double* R, double* t);
 /// rotation part is ignored and T is a pure translation by v.
 void TfromTwist(const double* twist, double* T);
 /// SE(3) logarithm, rotation part in degrees; the coupling matrix is inverted
-/// through matrixSVD with directions below 2^-26 dropped. Returns 0, or the
-/// SVD's code with the twist left unwritten. That matrix always has a repeated
-/// pair of singular values, on which the SVD's exact negligibility test stalls
-/// for a few poses in a thousand: callers must expect -7 on valid poses.
+/// through matrixSVD with directions below 2^-26 dropped. That matrix has a
+/// repeated pair of singular values on which the SVD stalls for a few poses in
+/// a thousand; those get v = J^-1 t in closed form instead. Returns 0 for
+/// every rotation, TfromTwist(twist) reproducing T to rounding.
 int TwistFromT(const double* T, double* twist);
 /// T from (rx, ry, rz, tx, ty, tz): rotation vector in degrees, translation as is.
 void TfromAngleAxis(const double* aa, double* T);

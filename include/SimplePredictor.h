@@ -34,9 +34,8 @@ class SimplePredictor {
   /// to the increment from the previous to the measured pose divided by the
   /// time difference; at the same time stamp the velocity is kept. Returns 0;
   /// -1 when never initialised, for a null or non-finite pose, or a time
-  /// earlier than the last time (nothing changed); or the non-zero code of
-  /// the pose-to-increment conversion (-7), in which case the state is left
-  /// zeroed but pose and last time are unchanged.
+  /// earlier than the last time (nothing changed). The pose-to-increment
+  /// conversion does not fail; its code is passed on should that change.
   int correct(const double* measuredPose, double time);
 
   // ---------------------------------------------------------------- getters

@@ -200,10 +200,20 @@ void ContourTracker::correlateEdges(Multibody& model, const unsigned char* const
                                     const double* const* camTransforms) {
   // A failed evaluation is not fatal here: the walk below only visits the
   // points the sampler left, within the buffers' capacity.
-  computeOverallCostAndJacobian(model, m_cost, pose, camTransforms, camIntrinsics,
-                                kCorrFacingTolerance, kCorrMinEdgeLength, kCorrSamplingStep,
-                                kCorrSearchRange, kCorrMaxAngleDeg, false, true, true, true, false,
-                                false, false);
+  CostSettings settings;
+  settings.facingTolerance = kCorrFacingTolerance;
+  settings.minEdgeLength = kCorrMinEdgeLength;
+  settings.samplingStep = kCorrSamplingStep;
+  settings.searchRange = kCorrSearchRange;
+  settings.maxAngleDeg = kCorrMaxAngleDeg;
+  settings.computeJacobian = false;
+  settings.translationInObjectFrame = true;
+  settings.resample = true;
+  settings.match = true;
+  settings.timing = false;
+  settings.showDebug = false;
+  settings.verbose = false;
+  computeOverallCostAndJacobian(model, m_cost, pose, camTransforms, camIntrinsics, settings);
 
   const char* path = correlateEdgesOutputPath();
   FILE* file = fopen(path, "wt");

@@ -137,6 +137,69 @@ double* Multibody::getSampleTangentDirPerCam(int cam) const {
 
 // ================================================================ Gauss-Newton loop
 
+namespace {
+
+// The cost settings of every Gauss-Newton iteration: Jacobian, translation in
+// the object frame, fresh matches, no sampler messages.
+CostSettings iterationCostSettings(const GaussNewtonSettings& s) {
+  CostSettings c;
+  c.facingTolerance = s.facingTolerance;
+  c.minEdgeLength = s.minEdgeLength;
+  c.samplingStep = s.samplingStep;
+  c.searchRange = s.searchRange;
+  c.maxAngleDeg = s.maxAngleDeg;
+  c.computeJacobian = true;
+  c.translationInObjectFrame = true;
+  c.resample = true;
+  c.match = true;
+  c.timing = s.timing;
+  c.showDebug = s.showDebug;
+  c.verbose = false;
+  return c;
+}
+
+// Divergence guard: 0, the rotation conversion's code, or -4 when the pose is
+// too far from the entry pose. A non-finite pose fails the bounds as well, so
+// that a bad increment cannot iterate on.
+int checkDivergence(const double* startPoseInverse, const double* pose,
+                    const GaussNewtonSettings& s, int iteration) {
+  double absRot = 0.0, absTransl = 0.0;
+  const int rvecCode = motionSince(startPoseInverse, pose, &absRot, &absTransl);
+  if (rvecCode != 0) return rvecCode;
+  const bool rotTooLarge = !(absRot <= s.maxAbsRotDeg);
+  const bool translTooLarge = !(absTransl <= s.maxAbsTransl);
+  if (!rotTooLarge && !translTooLarge) return 0;
+  if (s.verbose) {
+    if (rotTooLarge) printf("Too large absolute rotation. Rot = %g\n", absRot);
+    if (translTooLarge) printf("Too large absolute translation. Trasl = %g\n", absTransl);
+    printf("EXIT GN. Iteration n. %d\n", iteration);
+  }
+  return ZOT_ERR_DIVERGENCE;
+}
+
+// Whether the next iteration re-samples: only once the pose has moved enough
+// since the last sampling, whose pose inverse is then updated.
+bool resampleNext(double* samplingPoseInverse, const double* pose, double rotUpdate,
+                  double stepNorm, const GaussNewtonSettings& s) {
+  double sinceRot = 0.0, sinceTransl = 0.0;
+  if (motionSince(samplingPoseInverse, pose, &sinceRot, &sinceTransl) != 0) return true;
+  bool resample = true;
+  if (sinceRot < s.resampleRotDeg && sinceTransl < s.resampleTransl) {
+    resample = false;
+  } else {
+    inverseTransform(pose, samplingPoseInverse);
+  }
+  // These report the last increment, not the accumulated motion that decides.
+  if (s.verbose) {
+    if (rotUpdate >= s.resampleRotDeg) printf("Resampling because of rotation %g\n", rotUpdate);
+    if (stepNorm >= s.resampleTransl) printf("Resampling because of translation %g\n", stepNorm);
+    if (!resample) printf("NO resampling\n");
+  }
+  return resample;
+}
+
+}  // namespace
+
 int ContourTracker::poseUpdateLoop(
     Multibody& model, const unsigned char* const* images, double* pose, double* covariance,
     const double* const* camTransforms, const double* const* camIntrinsics, int maxIterations,
@@ -145,12 +208,25 @@ int ContourTracker::poseUpdateLoop(
     double maxAngleDeg, double minInliers, double minInliersAtEnd, double maxFinalCost,
     double resampleRotDeg, double resampleTransl, const double* dofMask, bool timing,
     bool showDebug, bool verbose) {
+  const GaussNewtonSettings settings{
+      maxIterations,   convRotDeg,      convTransl,    maxAbsRotDeg,   maxAbsTransl,
+      facingTolerance, samplingStep,    minEdgeLength, searchRange,    maxAngleDeg,
+      minInliers,      minInliersAtEnd, maxFinalCost,  resampleRotDeg, resampleTransl,
+      dofMask,         timing,          showDebug,     verbose};
+  return poseUpdateLoop(model, images, pose, covariance, camTransforms, camIntrinsics, settings);
+}
+
+int ContourTracker::poseUpdateLoop(Multibody& model, const unsigned char* const* images,
+                                   double* pose, double* covariance,
+                                   const double* const* camTransforms,
+                                   const double* const* camIntrinsics,
+                                   const GaussNewtonSettings& s) {
   double startPose[16], startPoseInverse[16], samplingPoseInverse[16];
   matrixCopy(pose, startPose, 4, 4);
   if (covariance != nullptr) matrixZero(covariance, 6, 6);
-  bool resample = true;
   inverseTransform(pose, startPoseInverse);
   matrixCopy(startPoseInverse, samplingPoseInverse, 4, 4);
+  CostSettings costSettings = iterationCostSettings(s);
   int iteration = 0;
   double inlierCount = 0.0;
   double dx[6];
@@ -161,7 +237,7 @@ int ContourTracker::poseUpdateLoop(
   };
 
   for (;;) {
-    if (timing) {
+    if (s.timing) {
       char header[64];
       const int length =
           snprintf(header, sizeof(header), " ## GAUSS-NEWTON ITERATION %d\n", iteration);
@@ -169,119 +245,89 @@ int ContourTracker::poseUpdateLoop(
     }
 
     m_cost = 0.0;
-    const int costCode = computeOverallCostAndJacobian(
-        model, m_cost, pose, camTransforms, camIntrinsics, facingTolerance, minEdgeLength,
-        samplingStep, searchRange, maxAngleDeg, true, true, resample, true, timing, showDebug,
-        false);
+    const int costCode = computeOverallCostAndJacobian(model, m_cost, pose, camTransforms,
+                                                       camIntrinsics, costSettings);
     if (costCode != 0) return fail(costCode);
-
-    if (showDebug) {
-      printf("Re-projection error: %g\n", m_cost);
-      for (int c = 0; c < m_nCams && c < 2; c++) {
-        const int width = m_imageWidth[c], height = m_imageHeight[c];
-        if (!m_camEnabled[c]) {
-          memset(m_displayImage, 0, (size_t)width * height * 3);
-        } else {
-          merge(images[c], images[c], images[c], m_displayImage, width, height);
-          drawMatchingPoints(usableSamples(model, c, m_maxSamplePoints), m_projPoints[c],
-                             m_normals[c], m_matchedPoints[c], m_matchFlags[c], m_displayImage,
-                             width, height, true, true, searchRange);
-        }
-        // The display buffer is shared, so each camera is looked at before
-        // the next one overwrites it.
-        const char* name = c == 0 ? "tracking0" : "tracking1";
-        createWindow(name, ZOT_WINDOW_AUTOSIZE);
-        showImage(name, m_displayImage, width, height, 3);
-        waitKey(0);
-      }
-    }
+    if (s.showDebug) showMatches(model, images, s.searchRange);
 
     inlierCount = 0.0;
     for (int i = 0; i < m_nTotalPoints; i++) inlierCount += m_inlierWeights[i];
-    if (inlierCount < minInliers) {
-      if (verbose) {
+    if (inlierCount < s.minInliers) {
+      if (s.verbose) {
         printf("EXIT GN: too low percentage of matching points (inliers) %d\n", iteration);
       }
       return fail(ZOT_ERR_TOO_MANY_OUTLIERS);
     }
-    if (verbose) printf(" Global error: %g\n", m_cost);
+    if (s.verbose) printf(" Global error: %g\n", m_cost);
 
-    const int64_t solveStart = timing ? getTickCount() : 0;
-    const int solveCode = computePoseUpdate_squareLSE(dx, dofMask, false, covariance);
+    const int64_t solveStart = s.timing ? getTickCount() : 0;
+    const int solveCode = computePoseUpdate_squareLSE(dx, s.dofMask, false, covariance);
     if (solveCode != 0) return fail(solveCode);
-    if (timing) showElapsed("SVD solution of LSE", solveStart, getTickCount());
+    if (s.timing) showElapsed("SVD solution of LSE", solveStart, getTickCount());
     const double rotUpdate = norm(dx, 3);
-    if (verbose) printf("Update: rot = %g trasl = %g\n", rotUpdate, norm(dx + 3, 3));
+    if (s.verbose) printf("Update: rot = %g trasl = %g\n", rotUpdate, norm(dx + 3, 3));
 
-    const int64_t updateStart = timing ? getTickCount() : 0;
+    const int64_t updateStart = s.timing ? getTickCount() : 0;
     const double oldTranslation[3] = {pose[3], pose[7], pose[11]};
     updatePoseTwist(pose, dx);
     const double step[3] = {oldTranslation[0] - pose[3], oldTranslation[1] - pose[7],
                             oldTranslation[2] - pose[11]};
     const double stepNorm = norm(step, 3);
-
-    // Divergence guard. A non-finite pose fails the bounds as well, so that
-    // a bad increment cannot iterate on.
-    double absRot = 0.0, absTransl = 0.0;
-    const int rvecCode = motionSince(startPoseInverse, pose, &absRot, &absTransl);
-    if (rvecCode != 0) return fail(rvecCode);
-    const bool rotTooLarge = !(absRot <= maxAbsRotDeg);
-    const bool translTooLarge = !(absTransl <= maxAbsTransl);
-    if (rotTooLarge || translTooLarge) {
-      if (verbose) {
-        if (rotTooLarge) printf("Too large absolute rotation. Rot = %g\n", absRot);
-        if (translTooLarge) printf("Too large absolute translation. Trasl = %g\n", absTransl);
-        printf("EXIT GN. Iteration n. %d\n", iteration);
-      }
-      return fail(ZOT_ERR_DIVERGENCE);
-    }
+    const int divergenceCode = checkDivergence(startPoseInverse, pose, s, iteration);
+    if (divergenceCode != 0) return fail(divergenceCode);
 
     // Rotation from the increment, translation from the pose's actual move.
-    if (rotUpdate < convRotDeg && stepNorm < convTransl) break;
+    if (rotUpdate < s.convRotDeg && stepNorm < s.convTransl) break;
 
     iteration++;
-    if (iteration >= maxIterations) {
-      if (verbose) printf("EXIT GN: max. iteration reached\n");
+    if (iteration >= s.maxIterations) {
+      if (s.verbose) printf("EXIT GN: max. iteration reached\n");
       return fail(ZOT_ERR_MAX_ITERATIONS);
     }
-
-    // Re-sample only once the pose has moved enough since the last sampling.
-    double sinceRot = 0.0, sinceTransl = 0.0;
-    if (motionSince(samplingPoseInverse, pose, &sinceRot, &sinceTransl) != 0) {
-      resample = true;
-    } else {
-      if (sinceRot < resampleRotDeg && sinceTransl < resampleTransl) {
-        resample = false;
-      } else {
-        resample = true;
-        inverseTransform(pose, samplingPoseInverse);
-      }
-      // These report the last increment, not the accumulated motion that decides.
-      if (verbose) {
-        if (rotUpdate >= resampleRotDeg) printf("Resampling because of rotation %g\n", rotUpdate);
-        if (stepNorm >= resampleTransl) {
-          printf("Resampling because of translation %g\n", stepNorm);
-        }
-        if (!resample) printf("NO resampling\n");
-      }
-    }
-    if (timing) showElapsed("Pose update and diagnostics", updateStart, getTickCount());
+    costSettings.resample = resampleNext(samplingPoseInverse, pose, rotUpdate, stepNorm, s);
+    if (s.timing) showElapsed("Pose update and diagnostics", updateStart, getTickCount());
   }
 
   // The final checks use the count and cost of the last evaluation, made
   // before the last increment.
-  if (verbose) {
+  if (s.verbose) {
     printf("EXIT GN: convergence (small roto-translation update). Iteration n. %d\n", iteration);
   }
-  if (inlierCount < minInliersAtEnd) {
-    if (verbose) printf("FAILED GN: too low percentage of matching points (inliers) at the end \n");
+  if (inlierCount < s.minInliersAtEnd) {
+    if (s.verbose) {
+      printf("FAILED GN: too low percentage of matching points (inliers) at the end \n");
+    }
     return fail(ZOT_ERR_TOO_MANY_OUTLIERS);
   }
-  if (maxFinalCost > 0.0 && m_cost > maxFinalCost) {
-    if (verbose) printf("FAILED GN: too high reprojection error at the end \n");
+  if (s.maxFinalCost > 0.0 && m_cost > s.maxFinalCost) {
+    if (s.verbose) printf("FAILED GN: too high reprojection error at the end \n");
     return fail(ZOT_ERR_FINAL_REPROJECTION);
   }
   return 0;
+}
+
+// Debug view of an iteration: the cost, then each camera's matches over its
+// image in "tracking0" / "tracking1", waiting for a key.
+void ContourTracker::showMatches(const Multibody& model, const unsigned char* const* images,
+                                 double searchRange) {
+  printf("Re-projection error: %g\n", m_cost);
+  for (int c = 0; c < m_nCams && c < 2; c++) {
+    const int width = m_imageWidth[c], height = m_imageHeight[c];
+    if (!m_camEnabled[c]) {
+      memset(m_displayImage, 0, (size_t)width * height * 3);
+    } else {
+      merge(images[c], images[c], images[c], m_displayImage, width, height);
+      drawMatchingPoints(usableSamples(model, c, m_maxSamplePoints), m_projPoints[c], m_normals[c],
+                         m_matchedPoints[c], m_matchFlags[c], m_displayImage, width, height, true,
+                         true, searchRange);
+    }
+    // The display buffer is shared, so each camera is looked at before the
+    // next one overwrites it.
+    const char* name = c == 0 ? "tracking0" : "tracking1";
+    createWindow(name, ZOT_WINDOW_AUTOSIZE);
+    showImage(name, m_displayImage, width, height, 3);
+    waitKey(0);
+  }
 }
 
 // ================================================================ cost
@@ -292,51 +338,90 @@ int ContourTracker::computeOverallCostAndJacobian(
     int samplingStep, double searchRange, double maxAngleDeg, bool computeJacobian,
     bool translationInObjectFrame, bool resample, bool match, bool timing, bool showDebug,
     bool verbose) {
+  const CostSettings settings{facingTolerance,
+                              minEdgeLength,
+                              samplingStep,
+                              searchRange,
+                              maxAngleDeg,
+                              computeJacobian,
+                              translationInObjectFrame,
+                              resample,
+                              match,
+                              timing,
+                              showDebug,
+                              verbose};
+  return computeOverallCostAndJacobian(model, cost, pose, camTransforms, camIntrinsics, settings);
+}
+
+int ContourTracker::computeOverallCostAndJacobian(Multibody& model, double& cost,
+                                                  const double* pose,
+                                                  const double* const* camTransforms,
+                                                  const double* const* camIntrinsics,
+                                                  const CostSettings& s) {
+  m_nTotalPoints = 0;
+  if (s.resample) model.resetNSamplePointsPerCam();
+  for (int c = 0; c < m_nCams; c++) {
+    if (!m_camEnabled[c]) continue;
+    const int code = sampleReprojectAndMatch(model, c, pose, camTransforms, camIntrinsics, s);
+    if (code != 0) return code;
+    m_nTotalPoints += usableSamples(model, c, m_maxSamplePoints);
+  }
+  if (m_nTotalPoints == 0) return ZOT_ERR_OUT_OF_SCREEN;
+
+  const int64_t stackStart = s.timing ? getTickCount() : 0;
+  cost = stackResiduals(model, s.searchRange, s.computeJacobian) / m_nTotalPoints;
+  if (s.timing) showElapsed("Cost, normal residuals and Jacobians", stackStart, getTickCount());
+  return 0;
+}
+
+// One camera's part of the cost: sample the contour (when asked), reproject
+// it with its Jacobian, match it (when asked). Returns 0 or the sampler's code.
+int ContourTracker::sampleReprojectAndMatch(Multibody& model, int c, const double* pose,
+                                            const double* const* camTransforms,
+                                            const double* const* camIntrinsics,
+                                            const CostSettings& s) {
   static const char* const kSamplingLabel[2] = {"VLD+sampling, cam 0", "VLD+sampling, cam 1"};
   static const char* const kReprojectionLabel[2] = {"2D reprojection and Jac, cam 0",
                                                     "2D reprojection and Jac, cam 1"};
   static const char* const kMatchLabel[2] = {"Match along normals, cam 0",
                                              "Match along normals, cam 1"};
+  const bool labelled = s.timing && c < 2;
+  double T[16];
+  matrixProduct444(camTransforms[c], pose, T);
+  const double* K = camIntrinsics[c];
 
-  m_nTotalPoints = 0;
-  if (resample) model.resetNSamplePointsPerCam();
-  for (int c = 0; c < m_nCams; c++) {
-    if (!m_camEnabled[c]) continue;
-    const bool labelled = timing && c < 2;
-    double T[16];
-    matrixProduct444(camTransforms[c], pose, T);
-    const double* K = camIntrinsics[c];
-
-    if (resample) {
-      const int64_t start = labelled ? getTickCount() : 0;
-      const int code = model.sampleContour_Zbuffer(
-          c, T, K, m_imageWidth[c], m_imageHeight[c], m_zNear[c], m_zFar[c], facingTolerance,
-          minEdgeLength, samplingStep, nullptr, nullptr, nullptr, nullptr, true, false, showDebug,
-          verbose);
-      if (code != 0) {
-        if (verbose) printf("ERROR: Something wrong with the VLD\n");
-        return code;
-      }
-      if (labelled) showElapsed(kSamplingLabel[c], start, getTickCount());
+  if (s.resample) {
+    const int64_t start = labelled ? getTickCount() : 0;
+    const int code = model.sampleContour_Zbuffer(
+        c, T, K, m_imageWidth[c], m_imageHeight[c], m_zNear[c], m_zFar[c], s.facingTolerance,
+        s.minEdgeLength, s.samplingStep, nullptr, nullptr, nullptr, nullptr, true, false,
+        s.showDebug, s.verbose);
+    if (code != 0) {
+      if (s.verbose) printf("ERROR: Something wrong with the VLD\n");
+      return code;
     }
-
-    const double K34[12] = {K[0], K[1], K[2], 0.0, K[3], K[4], K[5], 0.0, K[6], K[7], K[8], 0.0};
-    double P[12];
-    matrixProduct344(K34, camTransforms[c], P);
-    int64_t start = labelled ? getTickCount() : 0;
-    computeReprojectionAndJacobian(model, c, pose, P, computeJacobian, translationInObjectFrame);
-    if (labelled) showElapsed(kReprojectionLabel[c], start, getTickCount());
-
-    if (match) {
-      start = labelled ? getTickCount() : 0;
-      matchAlongNormals(model, c, searchRange, maxAngleDeg, showDebug, verbose);
-      if (labelled) showElapsed(kMatchLabel[c], start, getTickCount());
-    }
-    m_nTotalPoints += usableSamples(model, c, m_maxSamplePoints);
+    if (labelled) showElapsed(kSamplingLabel[c], start, getTickCount());
   }
-  if (m_nTotalPoints == 0) return ZOT_ERR_OUT_OF_SCREEN;
 
-  const int64_t stackStart = timing ? getTickCount() : 0;
+  const double K34[12] = {K[0], K[1], K[2], 0.0, K[3], K[4], K[5], 0.0, K[6], K[7], K[8], 0.0};
+  double P[12];
+  matrixProduct344(K34, camTransforms[c], P);
+  int64_t start = labelled ? getTickCount() : 0;
+  computeReprojectionAndJacobian(model, c, pose, P, s.computeJacobian, s.translationInObjectFrame);
+  if (labelled) showElapsed(kReprojectionLabel[c], start, getTickCount());
+
+  if (s.match) {
+    start = labelled ? getTickCount() : 0;
+    matchAlongNormals(model, c, s.searchRange, s.maxAngleDeg, s.showDebug, s.verbose);
+    if (labelled) showElapsed(kMatchLabel[c], start, getTickCount());
+  }
+  return 0;
+}
+
+// Stacks residual, weight and (optionally) Jacobian row of every point of the
+// enabled cameras; returns the sum of r^2 / 2.
+double ContourTracker::stackResiduals(const Multibody& model, double searchRange,
+                                      bool computeJacobian) {
   int i = 0;
   double sum = 0.0;
   for (int c = 0; c < m_nCams; c++) {
@@ -363,9 +448,7 @@ int ContourTracker::computeOverallCostAndJacobian(
       }
     }
   }
-  cost = sum / m_nTotalPoints;
-  if (timing) showElapsed("Cost, normal residuals and Jacobians", stackStart, getTickCount());
-  return 0;
+  return sum;
 }
 
 // ================================================================ reprojection and Jacobian

@@ -15,11 +15,6 @@ namespace ZOTtracker {
 
 namespace {
 
-// Prediction by the Kalman filter; the alternative keeps the last measured
-// world pose as the prediction, with zero velocity and identity covariance.
-// A build-time switch, not a host option.
-constexpr bool kUseKalmanPredictor = true;
-
 // The overlay samples densely, whatever the tracking settings: one sample per
 // pixel of every visible edge.
 constexpr double kDrawFacingTolerance = 1.0;
@@ -108,9 +103,9 @@ int GenericObjectTracker::poseEstimation(const unsigned char* const* images, dou
                                          bool display, bool verbose) {
   const int64_t callStart = getTickCount();
   m_lastFrameTimes = FrameStageTimes{0.0, 0.0, 0.0, 0.0};
-  const int code = estimateFrame(images, time, toolPose, initPose, initVelocity, initTime, pose,
-                                 velocity, covariance, dofMask, initialise, timing, display,
-                                 verbose);
+  const int code =
+      estimateFrame(images, time, toolPose, initPose, initVelocity, initTime, pose, velocity,
+                    covariance, dofMask, initialise, timing, display, verbose);
   m_lastFrameTimes.totalMs = ticksToMs(getTickCount() - callStart);
   return code;
 }
@@ -118,9 +113,8 @@ int GenericObjectTracker::poseEstimation(const unsigned char* const* images, dou
 int GenericObjectTracker::estimateFrame(const unsigned char* const* images, double time,
                                         const double* toolPose, const double* initPose,
                                         const double* initVelocity, double initTime, double* pose,
-                                        double* velocity, double* covariance,
-                                        const double* dofMask, bool initialise, bool timing,
-                                        bool display, bool verbose) {
+                                        double* velocity, double* covariance, const double* dofMask,
+                                        bool initialise, bool timing, bool display, bool verbose) {
   // Input that would make a later step fail halfway is refused before
   // anything changes.
   if (m_contourTracker.m_nCams == 0) {
@@ -148,27 +142,20 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   if (initialise) {
     double worldPose[16];
     matrixProduct444(toolPose, initPose, worldPose);
-    if (kUseKalmanPredictor) {
-      const int code = kf.init(worldPose, initVelocity, initTime);
-      if (code != 0) {
-        printf("ERROR: poseEstimation: invalid initial pose, velocity or time (%g)\n", initTime);
-        return code;
-      }
-    } else {
-      matrixCopy(worldPose, kf.m_Test, 4, 4);
+    const int code = kf.init(worldPose, initVelocity, initTime);
+    if (code != 0) {
+      printf("ERROR: poseEstimation: invalid initial pose, velocity or time (%g)\n", initTime);
+      return code;
     }
   }
-  const double* predictedWorld = kf.m_Test;
-  if (kUseKalmanPredictor) {
-    const int code = kf.predict(time);
-    if (code != 0) return code;
-    predictedWorld = kf.m_Tpred;
-  }
+  const int predictCode = kf.predict(time);
+  if (predictCode != 0) return predictCode;
 
   int64_t start = getTickCount();
-  undistortAllImages(images);
+  const int undistortCode = undistortAllImages(images);
   int64_t end = getTickCount();
   m_lastFrameTimes.undistortionMs = ticksToMs(end - start);
+  if (undistortCode != 0) return undistortCode;
   if (timing) showElapsed("Undistortion (2x)", start, end);
 
   if (m_doEdgeDetection) {
@@ -181,7 +168,7 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   }
 
   double refined[16], loopCovariance[36];
-  matrixProduct444(toolInv, predictedWorld, refined);
+  matrixProduct444(toolInv, kf.m_Tpred, refined);
   start = getTickCount();
   const int loopCode = poseUpdateLoop(refined, loopCovariance, dofMask, timing, display, verbose);
   end = getTickCount();
@@ -199,34 +186,41 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
 
   double measuredWorld[16];
   matrixProduct444(toolPose, refined, measuredWorld);
-  if (kUseKalmanPredictor) {
-    const int code = kf.correct(measuredWorld, R, time);
-    if (code != 0) return code;
-  } else {
-    matrixCopy(measuredWorld, kf.m_Test, 4, 4);
-  }
+  const int correctCode = kf.correct(measuredWorld, R, time);
+  if (correctCode != 0) return correctCode;
 
   // The Gauss-Newton result goes out, not the filtered pose.
   if (pose != nullptr) matrixCopy(refined, pose, 4, 4);
-  if (kUseKalmanPredictor) {
-    if (velocity != nullptr) kf.getVelocity(velocity);
-    if (covariance != nullptr) kf.getPoseCovariance(covariance);
-  } else {
-    if (velocity != nullptr) matrixZero(velocity, 6, 1);
-    if (covariance != nullptr) matrixIdentity(covariance, 6);
-  }
+  if (velocity != nullptr) kf.getVelocity(velocity);
+  if (covariance != nullptr) kf.getPoseCovariance(covariance);
   return 0;
 }
 
 int GenericObjectTracker::poseUpdateLoop(double* pose, double* covariance, const double* dofMask,
                                          bool timing, bool display, bool verbose) {
   const TrackingParameters& p = m_trackingParams;
-  return m_contourTracker.poseUpdateLoop(
-      m_multibody, m_undistortedImage, pose, covariance, m_toolToCamera, m_K, p.m_maxIterations,
-      p.m_convergenceRot, p.m_convergenceTransl, p.m_maxAbsRot, p.m_maxAbsTransl,
-      p.m_facingTolerance, p.m_samplingStep, p.m_minEdgeLength, (double)p.m_searchRange,
-      p.m_maxAngleDeg, p.m_minInliersLoop, p.m_minInliersFinal, p.m_maxFinalCost, p.m_resampleRot,
-      p.m_resampleTransl, dofMask, timing, display, verbose);
+  GaussNewtonSettings s;
+  s.maxIterations = p.m_maxIterations;
+  s.convRotDeg = p.m_convergenceRot;
+  s.convTransl = p.m_convergenceTransl;
+  s.maxAbsRotDeg = p.m_maxAbsRot;
+  s.maxAbsTransl = p.m_maxAbsTransl;
+  s.facingTolerance = p.m_facingTolerance;
+  s.samplingStep = p.m_samplingStep;
+  s.minEdgeLength = p.m_minEdgeLength;
+  s.searchRange = (double)p.m_searchRange;
+  s.maxAngleDeg = p.m_maxAngleDeg;
+  s.minInliers = p.m_minInliersLoop;
+  s.minInliersAtEnd = p.m_minInliersFinal;
+  s.maxFinalCost = p.m_maxFinalCost;
+  s.resampleRotDeg = p.m_resampleRot;
+  s.resampleTransl = p.m_resampleTransl;
+  s.dofMask = dofMask;
+  s.timing = timing;
+  s.showDebug = display;
+  s.verbose = verbose;
+  return m_contourTracker.poseUpdateLoop(m_multibody, m_undistortedImage, pose, covariance,
+                                         m_toolToCamera, m_K, s);
 }
 
 void GenericObjectTracker::initAllUndistortMaps() {

@@ -524,13 +524,11 @@ static void setFillEdge(FillEdgeWalker& w, const double* v, int cur, int next) {
   w.m_yEnd = std::floor(v[2 * next + 1] + 1.0);
 }
 
-int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* depth, int* ids,
-                             const unsigned char* mask, int width, int height, int nVertices,
-                             const double* vertices, const int* clipRect, int id, double ax,
-                             double ay, double a0, double upper, double lower) {
-  if (nVertices < 3 || vertices == nullptr) return -1;
+// Finite coordinates and, beyond triangles, all turns of one sign.
+static bool fillablePolygon(int nVertices, const double* vertices) {
+  if (nVertices < 3 || vertices == nullptr) return false;
   for (int i = 0; i < 2 * nVertices; i++) {
-    if (!std::isfinite(vertices[i])) return -1;
+    if (!std::isfinite(vertices[i])) return false;
   }
   if (nVertices > 3) {
     bool positive = true;
@@ -543,10 +541,89 @@ int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* 
       if (i == 0) {
         positive = pos;
       } else if (pos != positive) {
-        return -1;
+        return false;
       }
     }
   }
+  return true;
+}
+
+// What a fill writes and how: value into image, the inverse-depth plane
+// -(ax u + ay v + a0) within lower..upper into depth with id, under mask.
+struct FillTarget {
+  unsigned char* image;
+  unsigned char value;
+  double* depth;
+  int* ids;
+  const unsigned char* mask;
+  int width;
+  int id;
+  double ax, ay, a0, upper, lower;
+};
+
+// Fills pixels x0..x1 of row y.
+static void fillSpan(const FillTarget& f, int y, int x0, int x1) {
+  const double yd = y;
+  const long row = (long)y * f.width;
+  unsigned char* image = f.image;
+  const unsigned char* mask = f.mask;
+  if (f.depth == nullptr) {
+    if (image == nullptr) return;
+    for (int x = x0; x <= x1; x++) {
+      if (mask != nullptr && mask[row + x] == 0) continue;
+      image[row + x] = f.value;
+    }
+    return;
+  }
+  const double ax = f.ax, a0 = f.a0, upper = f.upper, lower = f.lower;
+  const int id = f.id;
+  const double ayy = f.ay * yd;
+  double* depthRow = f.depth + row;
+  if (mask == nullptr && image == nullptr && f.ids != nullptr) {
+    // The sampler's case. The computed delta is monotonic in x (each
+    // rounding step is), so when both span ends lie within lower..upper
+    // every pixel does and only the depth comparison remains.
+    int* idRow = f.ids + row;
+    const double d0 = -(ax * (double)x0 + ayy + a0);
+    const double d1 = -(ax * (double)x1 + ayy + a0);
+    const bool inBounds = d0 >= lower && d0 <= upper && d1 >= lower && d1 <= upper;
+    // (double)x rather than a running sum: no chain of additions between
+    // pixels, so consecutive pixels overlap in the pipeline.
+    if (inBounds) {
+      for (int x = x0; x <= x1; x++) {
+        const double delta = -(ax * (double)x + ayy + a0);
+        if (delta > depthRow[x]) {
+          depthRow[x] = delta;
+          idRow[x] = id;
+        }
+      }
+    } else {
+      for (int x = x0; x <= x1; x++) {
+        const double delta = -(ax * (double)x + ayy + a0);
+        if (delta >= lower && delta <= upper && delta > depthRow[x]) {
+          depthRow[x] = delta;
+          idRow[x] = id;
+        }
+      }
+    }
+    return;
+  }
+  for (int x = x0; x <= x1; x++) {
+    if (mask != nullptr && mask[row + x] == 0) continue;
+    const double delta = -(ax * x + ayy + a0);
+    if (delta >= lower && delta <= upper && delta > depthRow[x]) {
+      depthRow[x] = delta;
+      if (f.ids != nullptr) f.ids[row + x] = id;
+      if (image != nullptr) image[row + x] = f.value;
+    }
+  }
+}
+
+int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* depth, int* ids,
+                             const unsigned char* mask, int width, int height, int nVertices,
+                             const double* vertices, const int* clipRect, int id, double ax,
+                             double ay, double a0, double upper, double lower) {
+  if (!fillablePolygon(nVertices, vertices)) return -1;
 
   int top = 0;
   double topRounded = std::floor(vertices[1] + 0.5);
@@ -569,6 +646,7 @@ int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* 
   if (yFirst < ymin) yFirst = ymin;
   if (yFirst > ymax) return 0;
 
+  const FillTarget target{image, value, depth, ids, mask, width, id, ax, ay, a0, upper, lower};
   FillEdgeWalker left, right;
   setFillEdge(left, vertices, top, (top + nVertices - 1) % nVertices);
   setFillEdge(right, vertices, top, (top + 1) % nVertices);
@@ -602,56 +680,7 @@ int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* 
     if (xs < xmin) xs = xmin;
     if (xe > xmax) xe = xmax;
     if (!(xs <= xe)) continue;
-    const int x0 = (int)xs, x1 = (int)xe;
-    const long row = (long)y * width;
-    if (depth == nullptr) {
-      if (image == nullptr) continue;
-      for (int x = x0; x <= x1; x++) {
-        if (mask != nullptr && mask[row + x] == 0) continue;
-        image[row + x] = value;
-      }
-      continue;
-    }
-    const double ayy = ay * yd;
-    double* depthRow = depth + row;
-    if (mask == nullptr && image == nullptr && ids != nullptr) {
-      // The sampler's case. The computed delta is monotonic in x (each
-      // rounding step is), so when both span ends lie within lower..upper
-      // every pixel does and only the depth comparison remains.
-      int* idRow = ids + row;
-      const double d0 = -(ax * (double)x0 + ayy + a0);
-      const double d1 = -(ax * (double)x1 + ayy + a0);
-      const bool inBounds = d0 >= lower && d0 <= upper && d1 >= lower && d1 <= upper;
-      // (double)x rather than a running sum: no chain of additions between
-      // pixels, so consecutive pixels overlap in the pipeline.
-      if (inBounds) {
-        for (int x = x0; x <= x1; x++) {
-          const double delta = -(ax * (double)x + ayy + a0);
-          if (delta > depthRow[x]) {
-            depthRow[x] = delta;
-            idRow[x] = id;
-          }
-        }
-      } else {
-        for (int x = x0; x <= x1; x++) {
-          const double delta = -(ax * (double)x + ayy + a0);
-          if (delta >= lower && delta <= upper && delta > depthRow[x]) {
-            depthRow[x] = delta;
-            idRow[x] = id;
-          }
-        }
-      }
-      continue;
-    }
-    for (int x = x0; x <= x1; x++) {
-      if (mask != nullptr && mask[row + x] == 0) continue;
-      const double delta = -(ax * x + ayy + a0);
-      if (delta >= lower && delta <= upper && delta > depthRow[x]) {
-        depthRow[x] = delta;
-        if (ids != nullptr) ids[row + x] = id;
-        if (image != nullptr) image[row + x] = value;
-      }
-    }
+    fillSpan(target, y, (int)xs, (int)xe);
   }
   return 0;
 }

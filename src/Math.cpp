@@ -467,6 +467,25 @@ void TfromTwist(const double* twist, double* T) {
   T[11] = q[2] + p[2];
 }
 
+namespace {
+
+// v = J^-1 t for the rotation of unit axis u and angle theta in (0, pi]:
+// J^-1 = I - theta/2 [u]x + c [u]x^2 with c = 1 - (theta/2) cot(theta/2).
+// J is regular up to 2 pi, so this needs no cut-off; below 1e-3 rad c comes
+// from its series, which avoids the cancellation of 1 - (theta/2) cot(theta/2).
+void translationLogClosedForm(const double* u, double theta, const double* t, double* v) {
+  const double half = 0.5 * theta;
+  const double c = theta < 1e-3 ? theta * theta / 12.0 + theta * theta * theta * theta / 720.0
+                                : 1.0 - half * cos(half) / sin(half);
+  double S[9], St[3], SSt[3];
+  skewMatFromVec(u, S);
+  matrixProduct331(S, t, St);
+  matrixProduct331(S, St, SSt);
+  for (int i = 0; i < 3; i++) v[i] = t[i] - half * St[i] + c * SSt[i];
+}
+
+}  // namespace
+
 int TwistFromT(const double* T, double* twist) {
   double R[9], t[3], r[3];
   rotTranslFromT(T, R, t);
@@ -490,18 +509,23 @@ int TwistFromT(const double* T, double* twist) {
   outerProd3(u, u, uuT);
   for (int i = 0; i < 9; i++) M[i] += theta * uuT[i];
 
-  // Solve M x = t through the SVD, dropping near-singular directions.
+  // Solve M x = t through the SVD, dropping near-singular directions. M has
+  // a repeated pair of singular values on which the SVD's exact negligibility
+  // test can stall; the closed form then gives v = x * theta directly.
   double W[3], Ut[9], V[9], work[12], y[3], x[3];
   int index[3];
-  const int code = matrixSVD(M, 3, 3, W, Ut, V, 1, 0, work, index);
-  if (code != 0) return code;
-  matrixProduct331(Ut, t, y);
-  for (int i = 0; i < 3; i++) y[i] = W[i] > kTwistEps ? y[i] / W[i] : 0.0;
-  matrixProduct331(V, y, x);
+  if (matrixSVD(M, 3, 3, W, Ut, V, 1, 0, work, index) == 0) {
+    matrixProduct331(Ut, t, y);
+    for (int i = 0; i < 3; i++) y[i] = W[i] > kTwistEps ? y[i] / W[i] : 0.0;
+    matrixProduct331(V, y, x);
+    for (int i = 0; i < 3; i++) x[i] *= theta;
+  } else {
+    translationLogClosedForm(u, theta, t, x);
+  }
 
   for (int i = 0; i < 3; i++) {
     twist[i] = u[i] * theta * kRadToDeg;
-    twist[3 + i] = x[i] * theta;
+    twist[3 + i] = x[i];
   }
   return 0;
 }

@@ -106,6 +106,473 @@ void printStage(bool timing, const char* label, int64_t start) {
          (double)(getTickCount() - start) / getTickFrequency() / 1000.0);
 }
 
+// What one sampling call works with: camera, pose, switches and outputs.
+struct SamplingView {
+  int cam;
+  const double* T;
+  double Tinv[16];
+  double R[9];
+  double Rt[9];
+  double C[3];  // camera centre in the object frame
+  double fx, fy, cx, cy;
+  int width, height;
+  long nPixels, capacity;
+  double zNear, zFar, facingTolerance, minEdgeLength, minLength2;
+  int samplingStep;
+  const double* frustum;
+  int nBodies;
+  unsigned char* faceImage;
+  unsigned char* sampleImage;
+  double* sampleNormalImage;
+  int* sampleIds;
+  bool sampling, debugViews, useMasks;
+};
+
+// Candidate visible edges collected while rendering, in m_visibleEdgeBuffer
+// and m_visibleEdgeIds; beyond their capacity the rest is dropped.
+struct CandidateEdges {
+  double* points;
+  int* ids;
+  int capacity;
+  int n = 0;
+  bool full = false;
+
+  void append(const double* P0, const double* P1, int body, int edge) {
+    if (n >= capacity) {
+      full = true;
+      return;
+    }
+    double* dst = points + 6 * n;
+    for (int i = 0; i < 3; i++) {
+      dst[i] = P0[i];
+      dst[3 + i] = P1[i];
+    }
+    int* id = ids + 3 * n;
+    id[0] = body;
+    id[1] = edge;
+    id[2] = 0;
+    n++;
+  }
+};
+
+// Fills the active mask polygons of the camera into m_maskImage. Returns
+// whether any is active (only then is the mask image consulted).
+bool prepareMasks(Multibody& mb, const SamplingView& v) {
+  int nMasks = mb.m_nMaskPolygons[v.cam];
+  if (nMasks > ZOT_MAX_MASK_POLYGONS) nMasks = ZOT_MAX_MASK_POLYGONS;
+  bool useMasks = false;
+  for (int p = 0; p < nMasks; p++) useMasks = useMasks || mb.m_maskPolygonActive[v.cam][p] != 0;
+  if (!useMasks) return false;
+  clearDirty(mb.m_maskImage, mb.m_maskDirty, v.width, v.capacity);
+  const int imageRect[4] = {0, 0, v.width - 1, v.height - 1};
+  for (int p = 0; p < nMasks; p++) {
+    if (mb.m_maskPolygonActive[v.cam][p] == 0) continue;
+    int nv = mb.m_maskPolygonNVertices[v.cam][p];
+    if (nv > ZOT_MAX_MASK_VERTICES) nv = ZOT_MAX_MASK_VERTICES;
+    const double* vx = mb.m_maskPolygonVertices[v.cam][p];
+    if (fillConvexPoly_DepthTest(mb.m_maskImage, 255, nullptr, nullptr, nullptr, v.width, v.height,
+                                 nv, vx, imageRect, 0, 0.0, 0.0, 0.0, 0.0, 0.0) != 0) {
+      continue;
+    }
+    double x0 = vx[0], x1 = vx[0], y0 = vx[1], y1 = vx[1];
+    for (int k = 1; k < nv; k++) {
+      x0 = std::fmin(x0, vx[2 * k]);
+      x1 = std::fmax(x1, vx[2 * k]);
+      y0 = std::fmin(y0, vx[2 * k + 1]);
+      y1 = std::fmax(y1, vx[2 * k + 1]);
+    }
+    x0 = std::fmax(std::floor(x0), 0.0);
+    y0 = std::fmax(std::floor(y0), 0.0);
+    x1 = std::fmin(std::ceil(x1), v.width - 1.0);
+    y1 = std::fmin(std::ceil(y1), v.height - 1.0);
+    if (x0 <= x1 && y0 <= y1) {
+      growDirty(mb.m_maskDirty, v.width, v.capacity, (int)x0, (int)y0, (int)x1, (int)y1);
+    }
+  }
+  return true;
+}
+
+// Clears the optional outputs and the face-id map, draws the masks and
+// starts the Z-buffer empty or from the preset depth map.
+void prepareImages(Multibody& mb, SamplingView& v) {
+  if (v.faceImage != nullptr) memset(v.faceImage, 0, v.nPixels);
+  if (v.sampleImage != nullptr) memset(v.sampleImage, 0, v.nPixels);
+  if (v.sampleNormalImage != nullptr)
+    memset(v.sampleNormalImage, 0, 2 * v.nPixels * sizeof(double));
+  if (v.sampling) clearDirty(mb.m_faceIdMap, mb.m_faceIdDirty, v.width, v.capacity);
+  v.useMasks = prepareMasks(mb, v);
+  if (mb.m_usePresetDepthMap && mb.m_presetDepthMapPerCam[v.cam] != nullptr) {
+    memcpy(mb.m_depthMap, mb.m_presetDepthMapPerCam[v.cam], v.nPixels * sizeof(double));
+    growDirty(mb.m_depthDirty, v.width, v.capacity, 0, 0, v.width - 1, v.height - 1);
+  } else {
+    clearDirty(mb.m_depthMap, mb.m_depthDirty, v.width, v.capacity);
+  }
+}
+
+// Edge states from the facing values: contour edges (between a front and a
+// back face, or the border of a flat body) and feature edges worth sampling.
+void classifyEdges(Polyhedron& ph, double facingTolerance) {
+  for (int e = 0; e < ph.m_nEdges; e++) {
+    const int* edge = ph.m_edges + 5 * e;
+    const int f0 = edge[2], f1 = edge[3], F = edge[4];
+    const bool front0 = ph.m_faceFacing[f0] < -facingTolerance;
+    const bool front1 = f1 >= 0 && ph.m_faceFacing[f1] < -facingTolerance;
+    const bool contour = (ph.m_isFlat && f1 < 0) ? true : front0 != front1;
+    bool sampleable;
+    if (F < 0) {
+      sampleable = false;
+    } else if (ph.m_isFlat) {
+      sampleable = F != 0 ? true : front0 != front1;
+    } else {
+      sampleable = (front0 && front1 && F != 0) ? true : front0 != front1;
+    }
+    ph.m_edgeState[e] = !sampleable ? kEdgeNotSampled : (contour ? kEdgeContour : kEdgeFeature);
+  }
+}
+
+// Stage "Compute generators": points in the camera frame, face facing values
+// (negative when a face looks at the camera) and, when sampling, edge states.
+void computeGenerators(Multibody& mb, const SamplingView& v) {
+  for (int b = 0; b < v.nBodies; b++) {
+    if (mb.m_bodyActive[b] == 0) continue;
+    if (mb.m_bodyType[b] == ZOT_BODY_POLYLINE) {
+      Polyline& pl = mb.m_polylines[b];
+      for (int i = 0; i < pl.m_nPoints; i++) {
+        transformPoint3d(v.T, pl.m_points + 3 * i, pl.m_pointsInCamera + 3 * i);
+      }
+      continue;
+    }
+    if (mb.m_bodyType[b] != ZOT_BODY_POLYHEDRON) {
+      printf("ERROR: no code for the cylinder!\n");
+      continue;
+    }
+    Polyhedron& ph = mb.m_polyhedra[b];
+    for (int i = 0; i < ph.m_nVertices; i++) {
+      transformPoint3d(v.T, ph.m_vertices + 3 * i, ph.m_verticesInCamera + 3 * i);
+    }
+    for (int f = 0; f < ph.m_nFaces; f++) {
+      if (ph.m_nVerticesPerFace[f] < 1) {
+        ph.m_faceFacing[f] = 0.0;
+        continue;
+      }
+      double toFace[3];
+      matrixSub31(ph.m_vertices + 3 * ph.m_faceVertices[f][0], v.C, toFace);
+      ph.m_faceFacing[f] = dotProd3(ph.m_faceNormals + 3 * f, toFace);
+    }
+    if (v.sampling) classifyEdges(ph, v.facingTolerance);
+  }
+}
+
+// Polyline segments clipped to the frustum become candidates.
+void collectPolylineSegments(const Multibody& mb, const SamplingView& v, int b,
+                             CandidateEdges& candidates) {
+  const Polyline& pl = mb.m_polylines[b];
+  for (int s = 0; s < pl.m_nSegments; s++) {
+    const int i0 = pl.m_segments[2 * s], i1 = pl.m_segments[2 * s + 1];
+    if (i0 < 0 || i0 >= pl.m_nPoints || i1 < 0 || i1 >= pl.m_nPoints) continue;
+    double segment[6], clipped[6];
+    matrixCopy(pl.m_pointsInCamera + 3 * i0, segment, 3, 1);
+    matrixCopy(pl.m_pointsInCamera + 3 * i1, segment + 3, 3, 1);
+    if (clipSegmentToViewingFrustum(segment, clipped, v.frustum, v.minEdgeLength) > 0) {
+      candidates.append(clipped, clipped + 3, b, s);
+    }
+  }
+}
+
+// Renders face f of polyhedron b into the Z-buffer (and the face image) if it
+// faces the camera; when sampling, its not yet collected contour and feature
+// edges, clipped to the frustum, become candidates.
+void renderFace(Multibody& mb, const SamplingView& v, int b, int f, CandidateEdges& candidates) {
+  Polyhedron& ph = mb.m_polyhedra[b];
+  const double facing = ph.m_faceFacing[f];
+  const bool render =
+      ph.m_isFlat ? std::fabs(facing) > v.facingTolerance : facing < -v.facingTolerance;
+  if (!render) return;
+  const int nv = ph.m_nVerticesPerFace[f];
+  if (nv < 3) return;
+  if (nv > kMaxFaceVertices) {
+    printf("ERROR: face %d of body %d has more than %d vertices and is not rendered!\n", f, b,
+           kMaxFaceVertices);
+    return;
+  }
+  const double d = -facing;
+  double m[3];
+  matrixProduct331(v.R, ph.m_faceNormals + 3 * f, m);
+  double polygon[3 * kClipCapacity], polygonScratch[3 * kClipCapacity];
+  int polygonIds[kClipCapacity], polygonIdsScratch[kClipCapacity];
+  for (int k = 0; k < nv; k++) {
+    matrixCopy(ph.m_verticesInCamera + 3 * ph.m_faceVertices[f][k], polygon + 3 * k, 3, 1);
+    polygonIds[k] = ph.m_faceEdges[f][k];
+  }
+  int n = nv;
+  poly_clip_to_view_frustum(n, polygon, polygonScratch, v.frustum, polygonIds, polygonIdsScratch);
+  if (n < 3) return;
+
+  if (v.sampling) {
+    for (int k = 0; k < n; k++) {
+      const int e = polygonIds[k];
+      if (e < 0 || e >= ph.m_nEdges) continue;
+      unsigned char& state = ph.m_edgeState[e];
+      if (state != kEdgeContour && state != kEdgeFeature) continue;
+      if (state == kEdgeFeature) state = kEdgeFeatureCollected;
+      const double* Pa = polygon + 3 * k;
+      const double* Pb = polygon + 3 * ((k + 1) % n);
+      const double ex = Pa[0] - Pb[0], ey = Pa[1] - Pb[1], ez = Pa[2] - Pb[2];
+      if (ex * ex + ey * ey + ez * ez > v.minLength2) candidates.append(Pa, Pb, b, e);
+    }
+  }
+
+  double projected[2 * kClipCapacity];
+  bool valid = true;
+  int xmin = 0, xmax = 0, ymin = 0, ymax = 0;
+  for (int k = 0; k < n && valid; k++) {
+    const double* X = polygon + 3 * k;
+    const double u = X[0] / X[2] * v.fx + v.cx;
+    const double w = X[1] / X[2] * v.fy + v.cy;
+    valid = validPixel(u, w);
+    projected[2 * k] = u;
+    projected[2 * k + 1] = w;
+    if (!valid) break;
+    const int ru = roundToInt(u), rv = roundToInt(w);
+    if (k == 0 || ru < xmin) xmin = ru;
+    if (k == 0 || ru > xmax) xmax = ru;
+    if (k == 0 || rv < ymin) ymin = rv;
+    if (k == 0 || rv > ymax) ymax = rv;
+  }
+  if (!valid) return;
+  if (xmin < 0 || xmax > v.width - 1 || ymin < 0 || ymax > v.height - 1) {
+    printf("OUT OF BOUNDARY xmin %d xmax %d ymin %d ymax %d\n", xmin, xmax, ymin, ymax);
+    if (xmin < 0) xmin = 0;
+    if (ymin < 0) ymin = 0;
+    if (xmax > v.width - 1) xmax = v.width - 1;
+    if (ymax > v.height - 1) ymax = v.height - 1;
+    if (xmin > xmax || ymin > ymax) return;
+  }
+  // Inverse depth over the image as a plane in (u, v).
+  const double ax = m[0] / v.fx / d;
+  const double ay = m[1] / v.fy / d;
+  const double a0 = m[2] / d - ax * v.cx - ay * v.cy;
+  const unsigned char shade =
+      v.faceImage != nullptr ? (unsigned char)std::trunc((std::fabs(m[2]) * 0.9 + 0.1) * 255) : 0;
+  const int box[4] = {xmin, ymin, xmax, ymax};
+  fillConvexPoly_DepthTest(v.faceImage, shade, mb.m_depthMap, mb.m_faceIdMap, nullptr, v.width,
+                           v.height, n, projected, box, b * 65536 + f + 1, ax, ay, a0,
+                           1.0 / v.zNear, 1.0 / v.zFar);
+  growDirty(mb.m_depthDirty, v.width, v.capacity, xmin, ymin, xmax, ymax);
+  growDirty(mb.m_faceIdDirty, v.width, v.capacity, xmin, ymin, xmax, ymax);
+}
+
+// Stage "Z-buffer": renders the active bodies and collects the candidate
+// visible edges. Returns their number.
+int renderZbuffer(Multibody& mb, const SamplingView& v) {
+  CandidateEdges candidates{mb.m_visibleEdgeBuffer, mb.m_visibleEdgeIds, mb.m_maxVisibleEdges};
+  for (int b = 0; b < v.nBodies; b++) {
+    if (mb.m_bodyActive[b] == 0) continue;
+    if (mb.m_bodyType[b] == ZOT_BODY_POLYLINE) {
+      if (v.sampling || v.faceImage != nullptr) collectPolylineSegments(mb, v, b, candidates);
+      continue;
+    }
+    if (mb.m_bodyType[b] != ZOT_BODY_POLYHEDRON) {
+      printf("ERROR: no code for the cylinder!\n");
+      continue;
+    }
+    for (int f = 0; f < mb.m_polyhedra[b].m_nFaces; f++) renderFace(mb, v, b, f, candidates);
+  }
+  if (candidates.full) {
+    printf("WARNING: more candidate edges than the edge buffer holds; the rest is not sampled!\n");
+  }
+  return candidates.n;
+}
+
+// Debug view "depth map <cam>": grey by depth, red where empty. Leaves the
+// first width x height bytes of m_debugImage zeroed for the edge view.
+void showDepthMap(Multibody& mb, const SamplingView& v) {
+  for (long i = 0; i < v.nPixels; i++) {
+    unsigned char* px = mb.m_debugImage + 3 * i;
+    const double delta = mb.m_depthMap[i];
+    if (delta > 0.0) {
+      double grey = (1.0 - (1.0 / delta - v.zNear) / (v.zFar - v.zNear)) * 255.0;
+      // A preset depth map may hold depths outside the near/far range.
+      if (!(grey > 0.0)) grey = 0.0;
+      if (grey > 255.0) grey = 255.0;
+      px[0] = px[1] = px[2] = (unsigned char)grey;
+    } else {
+      px[0] = 0;
+      px[1] = 0;
+      px[2] = 255;
+    }
+  }
+  char name[32];
+  snprintf(name, sizeof(name), "depth map %d", v.cam);
+  showImage(name, mb.m_debugImage, v.width, v.height, 3);
+  memset(mb.m_debugImage, 0, v.nPixels);
+}
+
+// One candidate edge, in the camera frame and projected into the image.
+struct CandidateInImage {
+  int b, e;
+  const double* P0;  // end points, camera frame
+  const double* P1;
+  bool isPolyline;
+  int supportBody, supportFace;  // polyline: the face it lies on, -1 none
+  bool crease;                   // polyhedron: a feature edge, else a contour edge
+  int f0, f1;                    // polyhedron: the edge's faces
+  double p0x, p0y, p1x, p1y;     // projected end points
+  double D[3];                   // unit direction, camera frame
+  double dx, dy, L, ux, uy;      // image direction, length and unit direction
+  double c0;                     // line through p0 and p1: -dy x + dx y + c0 = 0
+  bool xMajor;
+};
+
+// Whether the point X (camera frame) of the edge at pixel (x, y) is seen
+// through the Z-buffer. A visible polyline point paints the face image.
+bool pixelVisible(const Multibody& mb, const SamplingView& v, const CandidateInImage& c, int x,
+                  int y, long idx, const double* X) {
+  const double delta = mb.m_depthMap[idx];
+  const int id = mb.m_faceIdMap[idx] - 1;
+  if (c.isPolyline) {
+    if (delta == 0.0) return true;
+    if ((c.supportBody >= 0 && c.supportFace >= 0 && id >= 0 && (id >> 16) == c.supportBody &&
+         (id & 0xFFFF) == c.supportFace) ||
+        1.0 / X[2] >= delta) {
+      if (v.faceImage != nullptr) v.faceImage[idx] = 255;
+      return true;
+    }
+    return false;
+  }
+  if (c.crease) return idOnFaces(id, c.b, c.f0, c.f1);
+  if (delta == 0.0 || idOnFaces(id, c.b, c.f0, c.f1)) return true;
+  // Occluded by another face at this pixel: the contour may still be seen
+  // when the pixel across the line shows background or the edge's own
+  // faces, or lies behind the edge.
+  const double dx = c.dx, dy = c.dy, c0 = c.c0;
+  const double r = c.xMajor ? (-dy / dx) * x + y + c0 / dx : (dx / (-dy)) * y + x + c0 / (-dy);
+  const int off = std::fabs(r) > 1.0 ? 2 : 1;
+  int nx = x, ny = y;
+  if (c.xMajor) {
+    ny = r < 0.0 ? y + off : y - off;
+  } else {
+    nx = r < 0.0 ? x + off : x - off;
+  }
+  if (!(nx >= 1 && nx < v.width - 2 && ny >= 1 && ny < v.height - 2)) return false;
+  const long nidx = (long)ny * v.width + nx;
+  const double delta2 = mb.m_depthMap[nidx];
+  const int id2 = mb.m_faceIdMap[nidx] - 1;
+  if (delta2 == 0.0 || idOnFaces(id2, c.b, c.f0, c.f1)) return true;
+  if (id2 == id) return false;
+  return 1.0 / X[2] > (delta < delta2 ? delta : delta2);
+}
+
+// Walks candidate i in the image and stores every samplingStep-th pixel that
+// passes the border, mask and visibility tests as sample k, k, k+1, ...
+// Returns true once the camera's sample buffer is full.
+bool sampleCandidate(Multibody& mb, const SamplingView& v, int i, int& k) {
+  CandidateInImage c;
+  c.b = mb.m_visibleEdgeIds[3 * i];
+  c.e = mb.m_visibleEdgeIds[3 * i + 1];
+  c.P0 = mb.m_visibleEdgeBuffer + 6 * i;
+  c.P1 = c.P0 + 3;
+  c.isPolyline = mb.m_bodyType[c.b] == ZOT_BODY_POLYLINE;
+  c.supportBody = c.supportFace = c.f0 = c.f1 = -1;
+  c.crease = false;
+  if (c.isPolyline) {
+    c.supportBody = mb.m_polylineSupportFace[c.b][0];
+    c.supportFace = mb.m_polylineSupportFace[c.b][1];
+  } else {
+    const Polyhedron& ph = mb.m_polyhedra[c.b];
+    c.crease = ph.m_edgeState[c.e] == kEdgeFeatureCollected;
+    c.f0 = ph.edgeFace0(c.e);
+    c.f1 = ph.edgeFace1(c.e);
+  }
+  const double* P0 = c.P0;
+  const double* P1 = c.P1;
+  const double p0x = P0[0] / P0[2] * v.fx + v.cx, p0y = P0[1] / P0[2] * v.fy + v.cy;
+  const double p1x = P1[0] / P1[2] * v.fx + v.cx, p1y = P1[1] / P1[2] * v.fy + v.cy;
+  if (!validPixel(p0x, p0y) || !validPixel(p1x, p1y)) return false;
+  const int start[2] = {roundToInt(p0x), roundToInt(p0y)};
+  const int end[2] = {roundToInt(p1x), roundToInt(p1y)};
+  const int spanX = std::abs(end[0] - start[0]), spanY = std::abs(end[1] - start[1]);
+  if ((spanX > spanY ? spanX : spanY) + 1 <= 1) return false;
+
+  c.p0x = p0x;
+  c.p0y = p0y;
+  c.p1x = p1x;
+  c.p1y = p1y;
+  matrixSub31(P1, P0, c.D);
+  normalize(c.D, 3, 1);
+  c.dx = p1x - p0x;
+  c.dy = p1y - p0y;
+  c.L = std::sqrt(c.dx * c.dx + c.dy * c.dy);
+  c.ux = c.dx / c.L;
+  c.uy = c.dy / c.L;
+  c.c0 = c.dy * p0x - c.dx * p0y;
+  c.xMajor = std::fabs(c.dx) >= std::fabs(c.dy);
+
+  double* outPoints = mb.m_samplePointsPerCam[v.cam];
+  double* outTangents = mb.m_sampleTangentDirPerCam[v.cam];
+  myLineIterator it;
+  const int nPixelsOnLine =
+      initLineIterator(mb.m_debugImage, v.width, v.height, 1, start, end, &it, 8, 0);
+  int stepCounter = 0;
+  for (int p = 0; p < nPixelsOnLine; p++) {
+    const long offset = it.m_ptr - mb.m_debugImage;
+    advanceLineIterator(it);
+    const int y = (int)(offset / v.width);
+    const int x = (int)(offset - (long)y * v.width);
+    if (stepCounter == v.samplingStep) stepCounter = 0;
+    const bool candidate = stepCounter == 0;
+    stepCounter++;
+    if (!candidate) continue;
+    if (x < 1 || x > v.width - 2 || y < 1 || y > v.height - 2) continue;
+    const long idx = (long)y * v.width + x;
+    if (v.useMasks && mb.m_maskImage[idx] != 0) continue;
+    const double tpar = (x - p0x) * c.ux + (y - p0y) * c.uy;
+    if (tpar < 0.0 || tpar > c.L) continue;
+
+    // Point of the 3D edge that projects onto the foot point q.
+    const double qx = p0x + tpar * c.ux, qy = p0y + tpar * c.uy;
+    const double A = (p0x - qx) * P0[2], B = (p1x - qx) * P1[2];
+    const double E = (p0y - qy) * P0[2], G = (p1y - qy) * P1[2];
+    double lambda = 0.0;
+    if (std::fabs(A - B) > std::fabs(E - G)) {
+      lambda = A / (A - B);
+    } else if (E != G) {
+      lambda = E / (E - G);
+    }
+    if (lambda < 0.0 || lambda > 1.0) std::cout << "ERROR: " << lambda << std::endl;
+    double X[3];
+    for (int j = 0; j < 3; j++) X[j] = P0[j] + lambda * (P1[j] - P0[j]);
+
+    if (!pixelVisible(mb, v, c, x, y, idx, X) || !v.sampling) continue;
+
+    transformPoint3d(v.Tinv, X, outPoints + 3 * k);
+    matrixProduct331(v.Rt, c.D, outTangents + 3 * k);
+    if (v.sampleImage != nullptr) v.sampleImage[idx] = 255;
+    if (v.sampleNormalImage != nullptr) {
+      v.sampleNormalImage[2 * idx] = -c.dy;
+      v.sampleNormalImage[2 * idx + 1] = c.dx;
+    }
+    if (v.debugViews) mb.m_debugImage[idx] = 255;
+    if (v.sampleIds != nullptr) v.sampleIds[k] = c.b * 65536 + c.e;
+    k++;
+    if (k >= mb.m_maxSamplePointsPerCam) return true;
+  }
+  return false;
+}
+
+// Stage "Find visible edges": samples the candidates in order until the
+// camera's sample buffer is full. Returns the number of samples.
+int sampleVisibleEdges(Multibody& mb, const SamplingView& v, int nCandidates) {
+  const int maxSamples = mb.m_maxSamplePointsPerCam;
+  int k = 0;
+  bool full = v.sampling && k >= maxSamples;
+  for (int i = 0; i < nCandidates && !full; i++) full = sampleCandidate(mb, v, i, k);
+  if (v.sampling && k == maxSamples) {
+    printf("WARNING: reached maximum number of sample points per camera!!!\n");
+  }
+  return k;
+}
+
 }  // namespace
 
 int Multibody::sampleContour_Zbuffer(int cam, const double* T, const double* K, int width,
@@ -126,395 +593,50 @@ int Multibody::sampleContour_Zbuffer(int cam, const double* T, const double* K, 
   }
   int64_t stageStart = timing ? getTickCount() : 0;
 
-  // ---------------------------------------------------------------- preparation
-  double Tinv[16];
-  inverseTransform(T, Tinv);
-  const double C[3] = {Tinv[3], Tinv[7], Tinv[11]};
-  double R[9], t[3], Rt[9];
-  rotTranslFromT(T, R, t);
-  matrixTranspose33(R, Rt);
-  const double fx = K[0], cx = K[2], fy = K[4], cy = K[5];
-  const double minLength2 = minEdgeLength * minEdgeLength;
-  const long nPixels = (long)width * height;
-  const double* frustum = m_viewingFrustum[cam];
-  const int nBodies = m_nBodies < ZOT_MAX_BODIES ? m_nBodies : ZOT_MAX_BODIES;
+  SamplingView v;
+  v.cam = cam;
+  v.T = T;
+  inverseTransform(T, v.Tinv);
+  v.C[0] = v.Tinv[3];
+  v.C[1] = v.Tinv[7];
+  v.C[2] = v.Tinv[11];
+  double t[3];
+  rotTranslFromT(T, v.R, t);
+  matrixTranspose33(v.R, v.Rt);
+  v.fx = K[0];
+  v.cx = K[2];
+  v.fy = K[4];
+  v.cy = K[5];
+  v.width = width;
+  v.height = height;
+  v.nPixels = (long)width * height;
+  v.capacity = capacity;
+  v.zNear = zNear;
+  v.zFar = zFar;
+  v.facingTolerance = facingTolerance;
+  v.minEdgeLength = minEdgeLength;
+  v.minLength2 = minEdgeLength * minEdgeLength;
+  v.samplingStep = samplingStep;
+  v.frustum = m_viewingFrustum[cam];
+  v.nBodies = m_nBodies < ZOT_MAX_BODIES ? m_nBodies : ZOT_MAX_BODIES;
+  v.faceImage = faceImage;
+  v.sampleImage = sampleImage;
+  v.sampleNormalImage = sampleNormalImage;
+  v.sampleIds = sampleIds;
+  v.sampling = sampling;
+  v.debugViews = debugViews;
+  prepareImages(*this, v);
 
-  if (faceImage != nullptr) memset(faceImage, 0, nPixels);
-  if (sampleImage != nullptr) memset(sampleImage, 0, nPixels);
-  if (sampleNormalImage != nullptr) memset(sampleNormalImage, 0, 2 * nPixels * sizeof(double));
-  if (sampling) clearDirty(m_faceIdMap, m_faceIdDirty, width, capacity);
-
-  int nMasks = m_nMaskPolygons[cam];
-  if (nMasks > ZOT_MAX_MASK_POLYGONS) nMasks = ZOT_MAX_MASK_POLYGONS;
-  bool useMasks = false;
-  for (int p = 0; p < nMasks; p++) useMasks = useMasks || m_maskPolygonActive[cam][p] != 0;
-  if (useMasks) {
-    clearDirty(m_maskImage, m_maskDirty, width, capacity);
-    const int imageRect[4] = {0, 0, width - 1, height - 1};
-    for (int p = 0; p < nMasks; p++) {
-      if (m_maskPolygonActive[cam][p] == 0) continue;
-      int nv = m_maskPolygonNVertices[cam][p];
-      if (nv > ZOT_MAX_MASK_VERTICES) nv = ZOT_MAX_MASK_VERTICES;
-      const double* v = m_maskPolygonVertices[cam][p];
-      if (fillConvexPoly_DepthTest(m_maskImage, 255, nullptr, nullptr, nullptr, width, height, nv,
-                                   v, imageRect, 0, 0.0, 0.0, 0.0, 0.0, 0.0) != 0) {
-        continue;
-      }
-      double x0 = v[0], x1 = v[0], y0 = v[1], y1 = v[1];
-      for (int k = 1; k < nv; k++) {
-        x0 = std::fmin(x0, v[2 * k]);
-        x1 = std::fmax(x1, v[2 * k]);
-        y0 = std::fmin(y0, v[2 * k + 1]);
-        y1 = std::fmax(y1, v[2 * k + 1]);
-      }
-      x0 = std::fmax(std::floor(x0), 0.0);
-      y0 = std::fmax(std::floor(y0), 0.0);
-      x1 = std::fmin(std::ceil(x1), width - 1.0);
-      y1 = std::fmin(std::ceil(y1), height - 1.0);
-      if (x0 <= x1 && y0 <= y1) {
-        growDirty(m_maskDirty, width, capacity, (int)x0, (int)y0, (int)x1, (int)y1);
-      }
-    }
-  }
-
-  if (m_usePresetDepthMap && m_presetDepthMapPerCam[cam] != nullptr) {
-    memcpy(m_depthMap, m_presetDepthMapPerCam[cam], nPixels * sizeof(double));
-    growDirty(m_depthDirty, width, capacity, 0, 0, width - 1, height - 1);
-  } else {
-    clearDirty(m_depthMap, m_depthDirty, width, capacity);
-  }
-
-  // ---------------------------------------------------------------- compute generators
-  for (int b = 0; b < nBodies; b++) {
-    if (m_bodyActive[b] == 0) continue;
-    if (m_bodyType[b] == ZOT_BODY_POLYLINE) {
-      Polyline& pl = m_polylines[b];
-      for (int i = 0; i < pl.m_nPoints; i++) {
-        transformPoint3d(T, pl.m_points + 3 * i, pl.m_pointsInCamera + 3 * i);
-      }
-      continue;
-    }
-    if (m_bodyType[b] != ZOT_BODY_POLYHEDRON) {
-      printf("ERROR: no code for the cylinder!\n");
-      continue;
-    }
-    Polyhedron& ph = m_polyhedra[b];
-    for (int v = 0; v < ph.m_nVertices; v++) {
-      transformPoint3d(T, ph.m_vertices + 3 * v, ph.m_verticesInCamera + 3 * v);
-    }
-    for (int f = 0; f < ph.m_nFaces; f++) {
-      if (ph.m_nVerticesPerFace[f] < 1) {
-        ph.m_faceFacing[f] = 0.0;
-        continue;
-      }
-      double toFace[3];
-      matrixSub31(ph.m_vertices + 3 * ph.m_faceVertices[f][0], C, toFace);
-      ph.m_faceFacing[f] = dotProd3(ph.m_faceNormals + 3 * f, toFace);
-    }
-    if (!sampling) continue;
-    for (int e = 0; e < ph.m_nEdges; e++) {
-      const int* edge = ph.m_edges + 5 * e;
-      const int f0 = edge[2], f1 = edge[3], F = edge[4];
-      const bool front0 = ph.m_faceFacing[f0] < -facingTolerance;
-      const bool front1 = f1 >= 0 && ph.m_faceFacing[f1] < -facingTolerance;
-      const bool contour = (ph.m_isFlat && f1 < 0) ? true : front0 != front1;
-      bool sampleable;
-      if (F < 0) {
-        sampleable = false;
-      } else if (ph.m_isFlat) {
-        sampleable = F != 0 ? true : front0 != front1;
-      } else {
-        sampleable = (front0 && front1 && F != 0) ? true : front0 != front1;
-      }
-      ph.m_edgeState[e] = !sampleable ? kEdgeNotSampled : (contour ? kEdgeContour : kEdgeFeature);
-    }
-  }
+  computeGenerators(*this, v);
   printStage(timing, "Compute generators", stageStart);
   if (timing) stageStart = getTickCount();
 
-  // ---------------------------------------------------------------- Z-buffer
-  int nCandidates = 0;
-  bool candidatesFull = false;
-  auto appendCandidate = [&](const double* P0, const double* P1, int body, int edge) {
-    if (nCandidates >= m_maxVisibleEdges) {
-      candidatesFull = true;
-      return;
-    }
-    double* dst = m_visibleEdgeBuffer + 6 * nCandidates;
-    for (int i = 0; i < 3; i++) {
-      dst[i] = P0[i];
-      dst[3 + i] = P1[i];
-    }
-    int* ids = m_visibleEdgeIds + 3 * nCandidates;
-    ids[0] = body;
-    ids[1] = edge;
-    ids[2] = 0;
-    nCandidates++;
-  };
-
-  double polygon[3 * kClipCapacity], polygonScratch[3 * kClipCapacity];
-  int polygonIds[kClipCapacity], polygonIdsScratch[kClipCapacity];
-  double projected[2 * kClipCapacity];
-  const double upper = 1.0 / zNear, lower = 1.0 / zFar;
-  for (int b = 0; b < nBodies; b++) {
-    if (m_bodyActive[b] == 0) continue;
-    if (m_bodyType[b] == ZOT_BODY_POLYLINE) {
-      if (!sampling && faceImage == nullptr) continue;
-      const Polyline& pl = m_polylines[b];
-      for (int s = 0; s < pl.m_nSegments; s++) {
-        const int i0 = pl.m_segments[2 * s], i1 = pl.m_segments[2 * s + 1];
-        if (i0 < 0 || i0 >= pl.m_nPoints || i1 < 0 || i1 >= pl.m_nPoints) continue;
-        double segment[6], clipped[6];
-        matrixCopy(pl.m_pointsInCamera + 3 * i0, segment, 3, 1);
-        matrixCopy(pl.m_pointsInCamera + 3 * i1, segment + 3, 3, 1);
-        if (clipSegmentToViewingFrustum(segment, clipped, frustum, minEdgeLength) > 0) {
-          appendCandidate(clipped, clipped + 3, b, s);
-        }
-      }
-      continue;
-    }
-    if (m_bodyType[b] != ZOT_BODY_POLYHEDRON) {
-      printf("ERROR: no code for the cylinder!\n");
-      continue;
-    }
-    Polyhedron& ph = m_polyhedra[b];
-    for (int f = 0; f < ph.m_nFaces; f++) {
-      const double facing = ph.m_faceFacing[f];
-      const bool render =
-          ph.m_isFlat ? std::fabs(facing) > facingTolerance : facing < -facingTolerance;
-      if (!render) continue;
-      const int nv = ph.m_nVerticesPerFace[f];
-      if (nv < 3) continue;
-      if (nv > kMaxFaceVertices) {
-        printf("ERROR: face %d of body %d has more than %d vertices and is not rendered!\n", f, b,
-               kMaxFaceVertices);
-        continue;
-      }
-      const double d = -facing;
-      double m[3];
-      matrixProduct331(R, ph.m_faceNormals + 3 * f, m);
-      for (int k = 0; k < nv; k++) {
-        matrixCopy(ph.m_verticesInCamera + 3 * ph.m_faceVertices[f][k], polygon + 3 * k, 3, 1);
-        polygonIds[k] = ph.m_faceEdges[f][k];
-      }
-      int n = nv;
-      poly_clip_to_view_frustum(n, polygon, polygonScratch, frustum, polygonIds, polygonIdsScratch);
-      if (n < 3) continue;
-
-      if (sampling) {
-        for (int k = 0; k < n; k++) {
-          const int e = polygonIds[k];
-          if (e < 0 || e >= ph.m_nEdges) continue;
-          unsigned char& state = ph.m_edgeState[e];
-          if (state != kEdgeContour && state != kEdgeFeature) continue;
-          if (state == kEdgeFeature) state = kEdgeFeatureCollected;
-          const double* Pa = polygon + 3 * k;
-          const double* Pb = polygon + 3 * ((k + 1) % n);
-          const double ex = Pa[0] - Pb[0], ey = Pa[1] - Pb[1], ez = Pa[2] - Pb[2];
-          if (ex * ex + ey * ey + ez * ez > minLength2) appendCandidate(Pa, Pb, b, e);
-        }
-      }
-
-      bool valid = true;
-      int xmin = 0, xmax = 0, ymin = 0, ymax = 0;
-      for (int k = 0; k < n && valid; k++) {
-        const double* X = polygon + 3 * k;
-        const double u = X[0] / X[2] * fx + cx;
-        const double v = X[1] / X[2] * fy + cy;
-        valid = validPixel(u, v);
-        projected[2 * k] = u;
-        projected[2 * k + 1] = v;
-        if (!valid) break;
-        const int ru = roundToInt(u), rv = roundToInt(v);
-        if (k == 0 || ru < xmin) xmin = ru;
-        if (k == 0 || ru > xmax) xmax = ru;
-        if (k == 0 || rv < ymin) ymin = rv;
-        if (k == 0 || rv > ymax) ymax = rv;
-      }
-      if (!valid) continue;
-      if (xmin < 0 || xmax > width - 1 || ymin < 0 || ymax > height - 1) {
-        printf("OUT OF BOUNDARY xmin %d xmax %d ymin %d ymax %d\n", xmin, xmax, ymin, ymax);
-        if (xmin < 0) xmin = 0;
-        if (ymin < 0) ymin = 0;
-        if (xmax > width - 1) xmax = width - 1;
-        if (ymax > height - 1) ymax = height - 1;
-        if (xmin > xmax || ymin > ymax) continue;
-      }
-      const double ax = m[0] / fx / d;
-      const double ay = m[1] / fy / d;
-      const double a0 = m[2] / d - ax * cx - ay * cy;
-      const unsigned char shade =
-          faceImage != nullptr ? (unsigned char)std::trunc((std::fabs(m[2]) * 0.9 + 0.1) * 255) : 0;
-      const int box[4] = {xmin, ymin, xmax, ymax};
-      fillConvexPoly_DepthTest(faceImage, shade, m_depthMap, m_faceIdMap, nullptr, width, height, n,
-                               projected, box, b * 65536 + f + 1, ax, ay, a0, upper, lower);
-      growDirty(m_depthDirty, width, capacity, xmin, ymin, xmax, ymax);
-      growDirty(m_faceIdDirty, width, capacity, xmin, ymin, xmax, ymax);
-    }
-  }
-  if (candidatesFull) {
-    printf("WARNING: more candidate edges than the edge buffer holds; the rest is not sampled!\n");
-  }
-
-  if (debugViews) {
-    for (long i = 0; i < nPixels; i++) {
-      unsigned char* px = m_debugImage + 3 * i;
-      const double delta = m_depthMap[i];
-      if (delta > 0.0) {
-        double grey = (1.0 - (1.0 / delta - zNear) / (zFar - zNear)) * 255.0;
-        // A preset depth map may hold depths outside the near/far range.
-        if (!(grey > 0.0)) grey = 0.0;
-        if (grey > 255.0) grey = 255.0;
-        px[0] = px[1] = px[2] = (unsigned char)grey;
-      } else {
-        px[0] = 0;
-        px[1] = 0;
-        px[2] = 255;
-      }
-    }
-    char name[32];
-    snprintf(name, sizeof(name), "depth map %d", cam);
-    showImage(name, m_debugImage, width, height, 3);
-    memset(m_debugImage, 0, nPixels);
-  }
+  const int nCandidates = renderZbuffer(*this, v);
+  if (debugViews) showDepthMap(*this, v);
   printStage(timing, "Z-buffer", stageStart);
   if (timing) stageStart = getTickCount();
 
-  // ---------------------------------------------------------------- find visible edges
-  const int maxSamples = m_maxSamplePointsPerCam;
-  double* outPoints = m_samplePointsPerCam[cam];
-  double* outTangents = m_sampleTangentDirPerCam[cam];
-  int k = 0;
-  bool full = sampling && k >= maxSamples;
-  for (int i = 0; i < nCandidates && !full; i++) {
-    const int b = m_visibleEdgeIds[3 * i];
-    const int e = m_visibleEdgeIds[3 * i + 1];
-    const double* P0 = m_visibleEdgeBuffer + 6 * i;
-    const double* P1 = P0 + 3;
-    const bool isPolyline = m_bodyType[b] == ZOT_BODY_POLYLINE;
-    int supportBody = -1, supportFace = -1, f0 = -1, f1 = -1;
-    bool crease = false;
-    if (isPolyline) {
-      supportBody = m_polylineSupportFace[b][0];
-      supportFace = m_polylineSupportFace[b][1];
-    } else {
-      const Polyhedron& ph = m_polyhedra[b];
-      crease = ph.m_edgeState[e] == kEdgeFeatureCollected;
-      f0 = ph.edgeFace0(e);
-      f1 = ph.edgeFace1(e);
-    }
-
-    const double p0x = P0[0] / P0[2] * fx + cx, p0y = P0[1] / P0[2] * fy + cy;
-    const double p1x = P1[0] / P1[2] * fx + cx, p1y = P1[1] / P1[2] * fy + cy;
-    if (!validPixel(p0x, p0y) || !validPixel(p1x, p1y)) continue;
-    const int start[2] = {roundToInt(p0x), roundToInt(p0y)};
-    const int end[2] = {roundToInt(p1x), roundToInt(p1y)};
-    const int spanX = std::abs(end[0] - start[0]), spanY = std::abs(end[1] - start[1]);
-    if ((spanX > spanY ? spanX : spanY) + 1 <= 1) continue;
-
-    double D[3];
-    matrixSub31(P1, P0, D);
-    normalize(D, 3, 1);
-    const double dx = p1x - p0x, dy = p1y - p0y;
-    const double L = std::sqrt(dx * dx + dy * dy);
-    const double ux = dx / L, uy = dy / L;
-    const double c0 = dy * p0x - dx * p0y;
-    const bool xMajor = std::fabs(dx) >= std::fabs(dy);
-
-    myLineIterator it;
-    const int nPixelsOnLine =
-        initLineIterator(m_debugImage, width, height, 1, start, end, &it, 8, 0);
-    int stepCounter = 0;
-    for (int p = 0; p < nPixelsOnLine; p++) {
-      const long offset = it.m_ptr - m_debugImage;
-      advanceLineIterator(it);
-      const int y = (int)(offset / width);
-      const int x = (int)(offset - (long)y * width);
-      if (stepCounter == samplingStep) stepCounter = 0;
-      const bool candidate = stepCounter == 0;
-      stepCounter++;
-      if (!candidate) continue;
-      if (x < 1 || x > width - 2 || y < 1 || y > height - 2) continue;
-      const long idx = (long)y * width + x;
-      if (useMasks && m_maskImage[idx] != 0) continue;
-      const double tpar = (x - p0x) * ux + (y - p0y) * uy;
-      if (tpar < 0.0 || tpar > L) continue;
-
-      // Point of the 3D edge that projects onto the foot point q.
-      const double qx = p0x + tpar * ux, qy = p0y + tpar * uy;
-      const double A = (p0x - qx) * P0[2], B = (p1x - qx) * P1[2];
-      const double E = (p0y - qy) * P0[2], G = (p1y - qy) * P1[2];
-      double lambda = 0.0;
-      if (std::fabs(A - B) > std::fabs(E - G)) {
-        lambda = A / (A - B);
-      } else if (E != G) {
-        lambda = E / (E - G);
-      }
-      if (lambda < 0.0 || lambda > 1.0) std::cout << "ERROR: " << lambda << std::endl;
-      double X[3];
-      for (int j = 0; j < 3; j++) X[j] = P0[j] + lambda * (P1[j] - P0[j]);
-
-      const double delta = m_depthMap[idx];
-      const int id = m_faceIdMap[idx] - 1;
-      bool visible = false;
-      if (isPolyline) {
-        if (delta == 0.0) {
-          visible = true;
-        } else if ((supportBody >= 0 && supportFace >= 0 && id >= 0 && (id >> 16) == supportBody &&
-                    (id & 0xFFFF) == supportFace) ||
-                   1.0 / X[2] >= delta) {
-          visible = true;
-          if (faceImage != nullptr) faceImage[idx] = 255;
-        }
-      } else if (crease) {
-        visible = idOnFaces(id, b, f0, f1);
-      } else if (delta == 0.0 || idOnFaces(id, b, f0, f1)) {
-        visible = true;
-      } else {
-        // Occluded by another face at this pixel: the contour may still be
-        // seen when the pixel across the line shows background or the
-        // edge's own faces, or lies behind the edge.
-        const double r = xMajor ? (-dy / dx) * x + y + c0 / dx : (dx / (-dy)) * y + x + c0 / (-dy);
-        const int off = std::fabs(r) > 1.0 ? 2 : 1;
-        int nx = x, ny = y;
-        if (xMajor) {
-          ny = r < 0.0 ? y + off : y - off;
-        } else {
-          nx = r < 0.0 ? x + off : x - off;
-        }
-        if (nx >= 1 && nx < width - 2 && ny >= 1 && ny < height - 2) {
-          const long nidx = (long)ny * width + nx;
-          const double delta2 = m_depthMap[nidx];
-          const int id2 = m_faceIdMap[nidx] - 1;
-          if (delta2 == 0.0 || idOnFaces(id2, b, f0, f1)) {
-            visible = true;
-          } else if (id2 != id) {
-            visible = 1.0 / X[2] > (delta < delta2 ? delta : delta2);
-          }
-        }
-      }
-      if (!visible || !sampling) continue;
-
-      transformPoint3d(Tinv, X, outPoints + 3 * k);
-      matrixProduct331(Rt, D, outTangents + 3 * k);
-      if (sampleImage != nullptr) sampleImage[idx] = 255;
-      if (sampleNormalImage != nullptr) {
-        sampleNormalImage[2 * idx] = -dy;
-        sampleNormalImage[2 * idx + 1] = dx;
-      }
-      if (debugViews) m_debugImage[idx] = 255;
-      if (sampleIds != nullptr) sampleIds[k] = b * 65536 + e;
-      k++;
-      if (k >= maxSamples) {
-        full = true;
-        break;
-      }
-    }
-  }
-  if (sampling && k == maxSamples) {
-    printf("WARNING: reached maximum number of sample points per camera!!!\n");
-  }
-  m_nSamplePointsPerCam[cam] = k;
+  m_nSamplePointsPerCam[cam] = sampleVisibleEdges(*this, v, nCandidates);
   printStage(timing, "Find visible edges", stageStart);
   if (debugViews) {
     char name[32];

@@ -1,7 +1,6 @@
 // Configuration and sequence files for the host programs. Camera and model
-// files go through the library's own parser (the inline loaders of the
-// header) so that the simulation sees exactly the numbers the tracker will
-// see; nothing here calls the library itself.
+// files go through the library's own parser and setup-array codec, so that
+// the simulation sees exactly the numbers the tracker will see.
 #include "scene_config.h"
 
 #include <sys/stat.h>
@@ -13,10 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "FileParser.h"
 #include "Math.h"
+#include "SetupArray.h"
 
 namespace zot_sim {
 
@@ -25,39 +26,6 @@ namespace {
 std::string joinPath(const std::string& directory, const std::string& name) {
   return directory.empty() ? name : directory + "/" + name;
 }
-
-// Cursor-checked reader of the setup array.
-struct ArrayReader {
-  const double* a;
-  int n;
-  int& cursor;
-  std::string& error;
-  bool take(double& v) {
-    if (cursor >= n) {
-      error = "setup array ends early (at value " + std::to_string(cursor) + ")";
-      return false;
-    }
-    v = a[cursor++];
-    return true;
-  }
-  bool takeInt(int& v, int lowest, int highest, const char* what) {
-    double d;
-    if (!take(d)) return false;
-    if (!(d >= lowest && d < highest + 1.0)) {
-      error = std::string("impossible ") + what + " " + std::to_string(d);
-      return false;
-    }
-    v = (int)d;
-    return true;
-  }
-  bool takeRows(Pose& T) {  // first three rows of a 4 x 4 transform
-    T = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-    for (int k = 0; k < 12; k++) {
-      if (!take(T[k])) return false;
-    }
-    return true;
-  }
-};
 
 // Splits a line into numbers; false when a token is not a number.
 bool numbersOfLine(const std::string& line, std::vector<double>& out) {
@@ -94,99 +62,124 @@ std::string stemOf(const std::string& fileName) {
 }  // namespace
 
 // ================================================================ configuration
+// The layout is the library's (SetupArray.h); these turn its plain
+// structures into the host-side ones.
+namespace {
+
+// The codec's message lines as one line for `error`.
+std::string oneLine(const char* messages) {
+  std::string text(messages);
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at))
+    text.replace(at, 1, "; ");
+  return text.empty() ? "setup array refused" : text;
+}
+
+CameraConfig cameraOf(const ZOTtracker::SetupCamera& in) {
+  CameraConfig c;
+  c.width = in.width;
+  c.height = in.height;
+  c.zNear = in.zNear;
+  c.zFar = in.zFar;
+  c.fx = in.fx;
+  c.fy = in.fy;
+  c.cx = in.cx;
+  c.cy = in.cy;
+  c.skew = in.skew;
+  std::copy(in.dist, in.dist + 5, c.dist);
+  std::copy(in.toolFromCamera, in.toolFromCamera + 16, c.toolFromCamera.begin());
+  for (int p = 0; p < in.nMasks; p++)
+    c.masks.emplace_back(in.maskVertices[p], in.maskVertices[p] + 2 * in.maskNVertices[p]);
+  return c;
+}
+
+BodyConfig bodyOf(const ZOTtracker::SetupBody& in) {
+  BodyConfig body;
+  body.type = in.type;
+  if (in.type == ZOTtracker::ZOT_BODY_CYLINDER) {
+    std::copy(in.cylinder, in.cylinder + 13, body.cylinder);
+    return body;
+  }
+  body.mesh.vertices.assign(in.vertices, in.vertices + 3 * in.nVertices);
+  if (in.type == ZOTtracker::ZOT_BODY_POLYHEDRON) {
+    body.flat = in.flat != 0.0;
+    body.featureAngle = in.angle;
+    int offset = 0, indices[ZOTtracker::ZOT_MAX_FACE_VERTICES];
+    for (int f = 0; f < in.nItems; f++) {
+      const int n = ZOTtracker::nextFace(in, offset, indices);
+      body.mesh.faceSizes.push_back(n);
+      body.mesh.faceIndices.insert(body.mesh.faceIndices.end(), indices, indices + n);
+    }
+  } else {
+    body.supportBody = in.supportBody;
+    body.supportFace = in.supportFace;
+    for (int i = 0; i < in.nItemValues; i++) body.segments.push_back((int)in.items[i] - 1);
+  }
+  return body;
+}
+
+void addLocalFrames(ModelConfig& model, int n, const double (*frames)[16]) {
+  for (int i = 0; i < n; i++) {
+    Pose T;
+    std::copy(frames[i], frames[i] + 16, T.begin());
+    model.localFrames.push_back(T);
+  }
+}
+
+}  // namespace
+
 bool decodeCameraSection(const double* array, int count, int& cursor,
                          std::vector<CameraConfig>& cameras, std::string& error) {
-  ArrayReader r{array, count, cursor, error};
-  int nCameras;
-  if (!r.takeInt(nCameras, 1, 5, "number of cameras")) return false;
-  cameras.assign(nCameras, CameraConfig());
-  for (CameraConfig& c : cameras) {
-    double v[2];
-    if (!r.take(v[0]) || !r.take(v[1])) return false;
-    c.width = (int)v[0];
-    c.height = (int)v[1];
-    if (c.width < 2 || c.height < 2 || c.width > 20000 || c.height > 20000) {
-      error = "impossible image size " + std::to_string(c.width) + " x " + std::to_string(c.height);
+  char messages[1024];
+  ZOTtracker::SetupArrayReader r(array, count, cursor);
+  r.keepMessagesIn(messages, sizeof(messages));
+  int nCameras = 0;
+  if (!ZOTtracker::decodeCameraCount(r, nCameras)) {
+    error = oneLine(messages);
+    return false;
+  }
+  if (nCameras == 0) {
+    error = "the setup array has no camera";
+    return false;
+  }
+  cameras.clear();
+  auto camera = std::make_unique<ZOTtracker::SetupCamera>();
+  for (int c = 0; c < nCameras; c++) {
+    if (!ZOTtracker::decodeCamera(r, c, *camera)) {
+      error = oneLine(messages);
       return false;
     }
-    if (!r.take(c.zNear) || !r.take(c.zFar) || !r.take(c.fx) || !r.take(c.fy) || !r.take(c.cx) ||
-        !r.take(c.cy) || !r.take(c.skew))
-      return false;
-    for (double& d : c.dist) {
-      if (!r.take(d)) return false;
-    }
-    if (!r.takeRows(c.toolFromCamera)) return false;
-    int nMasks;
-    if (!r.takeInt(nMasks, 0, 50, "number of mask polygons")) return false;
-    for (int m = 0; m < nMasks; m++) {
-      int nVertices;
-      if (!r.takeInt(nVertices, 0, 10, "number of mask vertices")) return false;
-      std::vector<double> uv(2 * nVertices);
-      for (double& x : uv) {
-        if (!r.take(x)) return false;
-      }
-      c.masks.push_back(uv);
-    }
+    cameras.push_back(cameraOf(*camera));
   }
   return true;
 }
 
 bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig& model,
                         std::string& error) {
-  ArrayReader r{array, count, cursor, error};
+  char messages[1024];
+  ZOTtracker::SetupArrayReader r(array, count, cursor);
+  r.keepMessagesIn(messages, sizeof(messages));
   model = ModelConfig();
-  int nFrames, nBodies;
-  if (!r.takeInt(nFrames, 0, 100, "number of local frames")) return false;
-  model.localFrames.resize(nFrames);
-  for (Pose& T : model.localFrames) {
-    if (!r.takeRows(T)) return false;
+  std::vector<double> frames(16 * ZOTtracker::ZOT_MAX_LOCAL_FRAMES);
+  double(*frame)[16] = reinterpret_cast<double(*)[16]>(frames.data());
+  int nFrames = 0, nBodies = 0;
+  if (!ZOTtracker::decodeLocalFrames(r, nFrames, frame) ||
+      !ZOTtracker::decodeBodyCount(r, nBodies)) {
+    error = oneLine(messages);
+    return false;
   }
-  if (!r.takeInt(nBodies, 1, 50, "number of bodies")) return false;
-  const int big = 10000000;
+  if (nBodies == 0) {
+    error = "the model has no body";
+    return false;
+  }
+  addLocalFrames(model, nFrames, frame);
   for (int b = 0; b < nBodies; b++) {
-    BodyConfig body;
-    if (!r.takeInt(body.type, 0, 2, "body type")) return false;
-    int nVertices;
-    double v;
-    if (body.type == 0) {
-      if (!r.take(v)) return false;
-      body.flat = v != 0.0;
-      if (!r.take(body.featureAngle)) return false;
-    } else if (body.type == 1) {
-      int support[2];
-      if (!r.takeInt(support[0], -1, big, "support body") ||
-          !r.takeInt(support[1], -1, big, "support face"))
-        return false;
-      body.supportBody = support[0] - 1;
-      body.supportFace = support[1] - 1;
-    } else {
-      for (double& x : body.cylinder) {
-        if (!r.take(x)) return false;
-      }
-      model.bodies.push_back(body);
-      continue;
-    }
-    if (!r.takeInt(nVertices, 0, big, "number of vertices")) return false;
-    body.mesh.vertices.resize(3 * nVertices);
-    for (double& x : body.mesh.vertices) {
-      if (!r.take(x)) return false;
-    }
-    int nItems;
-    if (!r.takeInt(nItems, 0, big, body.type == 0 ? "number of faces" : "number of edges"))
+    ZOTtracker::SetupBody body;
+    if (!ZOTtracker::decodeBody(r, b, body)) {
+      error = oneLine(messages);
       return false;
-    for (int i = 0; i < nItems; i++) {
-      int k = 2;
-      if (body.type == 0) {
-        if (!r.takeInt(k, 3, 100, "number of face vertices")) return false;
-        body.mesh.faceSizes.push_back(k);
-      }
-      for (int j = 0; j < k; j++) {
-        int index;
-        if (!r.takeInt(index, 1, nVertices, "vertex index")) return false;
-        (body.type == 0 ? body.mesh.faceIndices : body.segments).push_back(index - 1);
-      }
     }
-    model.bodies.push_back(body);
+    model.bodies.push_back(bodyOf(body));
   }
   return true;
 }
@@ -194,20 +187,23 @@ bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig
 bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>& cameras,
                       std::vector<double>& trackingParameters, ModelConfig& model,
                       std::string& error) {
-  int cursor = 0;
-  if (!decodeCameraSection(array, count, cursor, cameras, error)) return false;
-  if (cursor + 23 > count) {
-    error = "setup array ends inside the tracking parameters";
+  char messages[1024];
+  auto setup = std::make_unique<ZOTtracker::SetupArray>();
+  if (!ZOTtracker::decodeSetupArray(array, count, *setup, messages, sizeof(messages))) {
+    error = oneLine(messages);
     return false;
   }
-  trackingParameters.assign(array + cursor, array + cursor + 23);
-  cursor += 23;
-  if (!decodeModelSection(array, count, cursor, model, error)) return false;
-  if (cursor != count) {
-    error = "setup array holds " + std::to_string(count) + " values, its layout " +
-            std::to_string(cursor);
+  if (setup->nCameras == 0 || setup->nBodies == 0) {
+    error = setup->nCameras == 0 ? "the setup array has no camera" : "the model has no body";
     return false;
   }
+  cameras.clear();
+  for (int c = 0; c < setup->nCameras; c++) cameras.push_back(cameraOf(setup->cameras[c]));
+  trackingParameters.assign(setup->tracking,
+                            setup->tracking + ZOTtracker::ZOT_SETUP_TRACKER_VALUES);
+  model = ModelConfig();
+  addLocalFrames(model, setup->nLocalFrames, setup->localFrames);
+  for (int b = 0; b < setup->nBodies; b++) model.bodies.push_back(bodyOf(setup->bodies[b]));
   return true;
 }
 

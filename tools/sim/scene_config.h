@@ -53,9 +53,10 @@ struct ModelConfig {
   std::vector<BodyConfig> bodies;
 };
 
-/// Decoders of the setup array sections; `cursor` moves past the section.
-/// Return false, with a reason in `error`, when the values run out or a count
-/// is impossible.
+/// Decoders of the setup array sections, through the library's codec
+/// (SetupArray.h); `cursor` moves past the section. Return false with the
+/// codec's message in `error` when the values run out or a count is
+/// impossible, or when there is no camera or no body.
 bool decodeCameraSection(const double* array, int count, int& cursor,
                          std::vector<CameraConfig>& cameras, std::string& error);
 bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig& model,

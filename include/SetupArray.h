@@ -1,0 +1,137 @@
+/// @file
+/// The setup array's layout in one place: a cursor that reads it with the
+/// tracker's checks and messages, plain structures for its sections, and an
+/// encoder that writes them back. The tracker's set-up, the tools and the
+/// tests all read and build the array through this unit.
+///
+/// Layout: nCameras, per camera (width, height, near, far, fx, fy, cx, cy,
+/// skew, k1, k2, p1, p2, k3, the first three rows of the camera pose in the
+/// tool frame, nMasks, per mask nVertices and its u, v pairs); the 23
+/// tracking parameters; nLocalFrames and 12 values each; nBodies and per
+/// body its type code (0 polyhedron, 1 polyline, 2 cylinder) and data.
+/// Integers are stored as doubles and truncated toward zero; indices are
+/// 1-based.
+#pragma once
+
+#include "GenericObjectTracker.h"
+
+namespace ZOTtracker {
+
+/// Values of the tracking parameters section.
+constexpr int ZOT_SETUP_TRACKER_VALUES = 23;
+
+/// Cursor over a setup array of `count` values that never reads past its
+/// end. Each failing read prints the tracker's message lines ("ERROR: setup
+/// array too short ...", "ERROR: total numbers read ...") to standard
+/// output, or appends them to a caller's buffer (keepMessagesIn).
+class SetupArrayReader {
+ public:
+  /// Reads `array` from `cursor`, which moves on with every value read.
+  SetupArrayReader(const double* array, int count, int& cursor);
+
+  /// Collects the messages in `buffer` (size bytes, always terminated)
+  /// instead of printing them.
+  void keepMessagesIn(char* buffer, int size);
+
+  /// True when n more values follow the cursor; otherwise reports where the
+  /// array ended, naming `what`.
+  bool available(long long n, const char* what);
+  /// Integer at the cursor, truncated toward zero; NaN, infinities and
+  /// values outside int are refused.
+  bool readInt(const char* what, int& value);
+  /// Group count: negative reads as 0, more than `most` is refused.
+  bool readCount(const char* what, int most, int& value);
+  /// 1-based index, returned 0-based.
+  bool readIndex(const char* what, int& value);
+  /// The value at the cursor; call only after available() said it is there.
+  double next() { return m_array[m_cursor++]; }
+  /// Identity with the first three rows from the next 12 values (available first).
+  void readTransform(double* T);
+  /// Prints (or keeps) one message line made from a printf format.
+  void report(const char* format, ...);
+
+  int cursor() const { return m_cursor; }
+  int count() const { return m_count; }
+  /// The array being read.
+  const double* values() const { return m_array; }
+
+ private:
+  const double* m_array;
+  int m_count;
+  int& m_cursor;
+  char* m_messages;
+  int m_messagesSize;
+};
+
+/// One camera of the array.
+struct SetupCamera {
+  int width, height;
+  double zNear, zFar;
+  double fx, fy, cx, cy, skew;
+  double dist[5];             ///< k1, k2, p1, p2, k3
+  double toolFromCamera[16];  ///< camera pose in the tool frame; last row 0 0 0 1
+  int nMasks;
+  int maskNVertices[ZOT_MAX_MASK_POLYGONS];
+  double maskVertices[ZOT_MAX_MASK_POLYGONS][2 * ZOT_MAX_MASK_VERTICES];  ///< u, v pairs
+};
+
+/// One body of the array. Its geometry is not copied: vertices and items
+/// point into the array that was decoded, which must outlive the body.
+struct SetupBody {
+  int type;                      ///< ZOT_BODY_POLYHEDRON, ZOT_BODY_POLYLINE or ZOT_BODY_CYLINDER
+  double flat;                   ///< polyhedron: flat flag as stored (non-zero or NaN: flat)
+  double angle;                  ///< polyhedron: feature angle, degrees
+  int supportBody, supportFace;  ///< polyline: 0-based, -1 for none
+  double cylinder[13];           ///< cylinder: radius, then p1, p2, nb, nt as stored
+  int nVertices;
+  const double* vertices;  ///< 3 per vertex
+  int nItems;              ///< polyhedron faces or polyline edges
+  /// Polyhedron: per face its vertex count and 1-based vertex indices;
+  /// polyline: 1-based vertex pairs. nItemValues values in all.
+  const double* items;
+  int nItemValues;
+};
+
+/// A whole setup array, decoded.
+struct SetupArray {
+  int nCameras;
+  SetupCamera cameras[ZOT_MAX_CAMERAS];
+  double tracking[ZOT_SETUP_TRACKER_VALUES];  ///< as stored, in the order of TrackingParameters
+  int nLocalFrames;
+  double localFrames[ZOT_MAX_LOCAL_FRAMES][16];
+  int nBodies;
+  SetupBody bodies[ZOT_MAX_BODIES];
+};
+
+/// Camera count (at most ZOT_MAX_CAMERAS), checking that the array can hold
+/// that many cameras.
+bool decodeCameraCount(SetupArrayReader& r, int& nCameras);
+/// Camera `index` (for the messages). False with the tracker's message when
+/// the values run out, the image size is outside 1..ZOT_MAX_IMAGE_SIDE or a
+/// mask count is too large.
+bool decodeCamera(SetupArrayReader& r, int index, SetupCamera& camera);
+/// The 23 tracking parameters into p (integer fields truncated); p is
+/// unchanged on failure.
+bool decodeTrackingParameters(SetupArrayReader& r, GenericObjectTracker::TrackingParameters& p);
+/// Local frame count and transforms (frames: ZOT_MAX_LOCAL_FRAMES x 16).
+bool decodeLocalFrames(SetupArrayReader& r, int& nFrames, double (*frames)[16]);
+/// Body count (at most ZOT_MAX_BODIES), checking that the array can hold it.
+bool decodeBodyCount(SetupArrayReader& r, int& nBodies);
+/// Body `index` (for the messages): type code and data, with the tracker's
+/// checks; vertex indices must also lie within the body's vertices.
+bool decodeBody(SetupArrayReader& r, int index, SetupBody& body);
+/// Face at `offset` in a polyhedron's items: writes its 0-based vertex
+/// indices (up to ZOT_MAX_FACE_VERTICES) and moves offset past it. Returns
+/// the number of vertices.
+int nextFace(const SetupBody& body, int& offset, int* indices);
+
+/// Decodes all of array (count values) into setup. Returns true when the
+/// layout uses exactly count values; otherwise false with the tracker's
+/// message ("ERROR: total numbers read ...") printed or kept in messages.
+bool decodeSetupArray(const double* array, int count, SetupArray& setup, char* messages = nullptr,
+                      int messagesSize = 0);
+/// Writes setup into out (capacity values). Returns the number of values
+/// written, or -1 when they do not fit.
+int encodeSetupArray(const SetupArray& setup, double* out, int capacity);
+
+}  // namespace ZOTtracker
