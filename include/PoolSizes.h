@@ -2,15 +2,14 @@
 /// Pool sizes computed from a configuration, so that a host never has to
 /// guess the seven numbers doBigMalloc() takes.
 ///
-/// computePoolSizes() walks a setup array the way
-/// GenericObjectTracker::setupFromGlobalArray() reads it and adds up every
-/// request the set-up makes: camera matrices, undistortion maps and tables,
-/// image buffers, the contour tracker's sample and Canny/Sobel buffers, the
-/// model's depth, mask and edge buffers, each polyhedron's topology (the
-/// corner sort of Polyhedron::init included) and each polyline. With margin 0
-/// the sizes are exact: a tracker set up from the array in freshly reserved
-/// pools of these sizes uses every element, and per frame it takes nothing
-/// more.
+/// computePoolSizes() decodes a setup array with the set-up's own reader
+/// (SetupArray.h) and adds up every request the set-up makes: camera
+/// matrices, undistortion maps and tables, image buffers, the contour
+/// tracker's sample and Canny/Sobel buffers, the model's depth, mask and
+/// edge buffers, each polyhedron's topology (the corner sort of
+/// Polyhedron::init included) and each polyline. With margin 0 the sizes are
+/// exact: a tracker set up from the array in freshly reserved pools of these
+/// sizes uses every element, and per frame it takes nothing more.
 #pragma once
 
 #include <cstddef>
@@ -37,13 +36,13 @@ constexpr double ZOT_POOL_MARGIN = 0.05;
 /// one element per pool, so that even an empty request finds a reserved
 /// pool. Negative or non-finite margins count as 0.
 ///
-/// Returns 0 and writes sizes[0..6], or -1 after one "ERROR: pool sizes: ..."
+/// Returns 0 and writes sizes[0..6], or -1 after the reader's "ERROR: ..."
 /// line on standard output, with sizes untouched, when the array cannot be
-/// set up because of its layout: it ends early, or a count, size or type is
-/// one the set-up refuses. Checks the set-up makes on the geometry itself
-/// (polyhedron topology, polyline vertex indices, cylinder axes, Kalman
-/// parameters) are not repeated: such an array still gets sizes, and the
-/// set-up then fails on it with its own message.
+/// set up because of its layout: it ends early or holds more, or a count,
+/// size, index or type is one the set-up refuses. The topology checks of
+/// Polyhedron::init and the Kalman parameters are not repeated: such an
+/// array still gets sizes, and the set-up then fails on it with its own
+/// message.
 int computePoolSizes(int count, const double* array, double margin, size_t sizes[ZOT_N_POOLS]);
 
 /// doBigMalloc() with the seven sizes of an array filled by computePoolSizes().

@@ -1,14 +1,16 @@
-// Pool sizes from a setup array: a walk over the array in the set-up's own
-// reading order that adds up what each step of the set-up takes from the pools.
+// Pool sizes from a setup array: the array decoded by the set-up's own reader,
+// then what each step of the set-up takes from the pools, added up.
 #include "PoolSizes.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <utility>
 #include <vector>
 
 #include "GenericObjectTracker.h"
+#include "SetupArray.h"
 #include "memory_handling.h"
 
 namespace ZOTtracker {
@@ -20,108 +22,32 @@ namespace {
 
 enum Pool { kUchar, kUcharPtr, kDouble, kFloat, kInt, kIntPtr, kShort };
 
-constexpr int kNoLimit = 2147483647;
-
-// Reads the array with the set-up's rules (integers truncated, negative
-// counts read as 0, the same upper limits) and stops at the first value the
-// set-up would refuse, with one message.
-class Walker {
- public:
-  Walker(int count, const double* array) : m_count(count), m_array(array) {}
-
-  bool ok() const { return m_ok; }
-  int cursor() const { return m_cursor; }
-
-  bool skip(long long n, const char* what) {
-    if (!m_ok) return false;
-    if (n < 0 || (long long)m_cursor + n > (long long)m_count) {
-      printf("ERROR: pool sizes: the setup array of %d values ends before the %s (value %lld)\n",
-             m_count, what, (long long)m_cursor + n - 1);
-      m_ok = false;
-      return false;
-    }
-    m_cursor += (int)n;
-    return true;
-  }
-
-  // The integer at the cursor; NaN, infinities and values outside int fail.
-  bool integer(const char* what, int& value) {
-    const int at = m_cursor;
-    if (!skip(1, what)) return false;
-    const double v = m_array[at];
-    if (!(v > -2147483649.0 && v < 2147483648.0)) return refuse(at, what, v);
-    value = (int)v;
-    return true;
-  }
-
-  bool groupCount(const char* what, int most, int& value) {
-    const int at = m_cursor;
-    if (!integer(what, value)) return false;
-    if (value < 0) value = 0;
-    if (value > most) return refuse(at, what, m_array[at]);
-    return true;
-  }
-
-  bool refuse(int at, const char* what, double v) {
-    printf("ERROR: pool sizes: value %d (%s) is %g, which the set-up refuses\n", at, what, v);
-    m_ok = false;
-    return false;
-  }
-
- private:
-  int m_count;
-  const double* m_array;
-  int m_cursor = 0;
-  bool m_ok = true;
-};
-
-// Polyhedron from its vertex count on: what setupPolyhedron and
-// Polyhedron::init take. Adds its edge count (distinct vertex pairs of
-// consecutive face corners, as the edge pairing of a valid body yields) to nEdges.
-bool polyhedron(Walker& w, size_t* s, size_t& nEdges) {
-  int nVertices = 0, nFaces = 0;
-  if (!w.groupCount("polyhedron vertices", kNoLimit, nVertices)) return false;
-  if (!w.skip(3LL * nVertices, "polyhedron vertices")) return false;
-  if (!w.groupCount("polyhedron faces", kNoLimit, nFaces)) return false;
+// What setupPolyhedron and Polyhedron::init take for one polyhedron; adds
+// its edge count (distinct vertex pairs of consecutive face corners, as the
+// edge pairing of a valid body yields) to nEdges.
+void polyhedron(const SetupBody& body, size_t* s, size_t& nEdges) {
   std::vector<std::pair<int, int>> pairs;
   size_t corners = 0;
-  for (int f = 0; f < nFaces; f++) {
-    int n = 0;
-    if (!w.groupCount("vertices on a polyhedron face", ZOT_MAX_FACE_VERTICES, n)) return false;
-    std::vector<int> face((size_t)n);
-    for (int j = 0; j < n; j++)
-      if (!w.integer("face vertex", face[(size_t)j])) return false;
+  int offset = 0, face[ZOT_MAX_FACE_VERTICES];
+  for (int f = 0; f < body.nItems; f++) {
+    const int n = nextFace(body, offset, face);
     for (int j = 0; j < n; j++) {
-      const int a = face[(size_t)j], b = face[(size_t)((j + 1) % n)];
+      const int a = face[j], b = face[(j + 1) % n];
       pairs.emplace_back(std::min(a, b), std::max(a, b));
     }
     corners += (size_t)n;
   }
   std::sort(pairs.begin(), pairs.end());
   nEdges += (size_t)(std::unique(pairs.begin(), pairs.end()) - pairs.begin());
+  const size_t nVertices = (size_t)body.nVertices, nFaces = (size_t)body.nItems;
   // Vertices and their camera-frame copy; normals, facing values and the
   // face scratch.
-  s[kDouble] += 6 * (size_t)nVertices + 7 * (size_t)nFaces;
+  s[kDouble] += 6 * nVertices + 7 * nFaces;
   // Face sizes; per corner two index lists, the corner list (3), the edge
   // list (5), the sort order and the sorted slots.
-  s[kInt] += (size_t)nFaces + 12 * corners;
-  s[kIntPtr] += 2 * (size_t)nFaces;
+  s[kInt] += nFaces + 12 * corners;
+  s[kIntPtr] += 2 * nFaces;
   s[kUchar] += corners;  // edge states
-  return true;
-}
-
-bool polyline(Walker& w, size_t* s, size_t& nEdges) {
-  int nVertices = 0, nSegments = 0, index = 0;
-  if (!w.integer("supporting body", index) || !w.integer("supporting face", index)) return false;
-  if (!w.groupCount("polyline vertices", kNoLimit, nVertices)) return false;
-  if (!w.skip(3LL * nVertices, "polyline vertices")) return false;
-  if (!w.groupCount("polyline edges", kNoLimit, nSegments)) return false;
-  for (int i = 0; i < 2 * nSegments; i++)
-    if (!w.integer("polyline edge vertex", index)) return false;
-  s[kDouble] += 6 * (size_t)nVertices;  // points and their camera-frame copy
-  s[kInt] += 2 * (size_t)nSegments;
-  nEdges += (size_t)nSegments;
-  return true;
 }
 
 }  // namespace
@@ -131,79 +57,42 @@ int computePoolSizes(int count, const double* array, double margin, size_t sizes
     printf("ERROR: pool sizes: no setup array (%d values) or no place for the sizes\n", count);
     return -1;
   }
-  size_t s[ZOT_N_POOLS] = {0, 0, 0, 0, 0, 0, 0};
-  Walker w(count, array);
-
-  // Cameras: K, distortion and transform; then per camera the two maps, the
-  // five tables and the undistorted image.
-  int nCams = 0;
-  if (!w.groupCount("number of cameras", ZOT_MAX_CAMERAS, nCams)) return -1;
-  size_t maxWidth = 0, maxHeight = 0;
-  for (int c = 0; c < nCams; c++) {
-    int width = 0, height = 0, nPolygons = 0;
-    const int at = w.cursor();
-    if (!w.integer("image width", width) || !w.integer("image height", height)) return -1;
-    if (width < 1 || height < 1 || width > ZOT_MAX_IMAGE_SIDE || height > ZOT_MAX_IMAGE_SIDE) {
-      w.refuse(width < 1 || width > ZOT_MAX_IMAGE_SIDE ? at : at + 1, "image size",
-               width < 1 || width > ZOT_MAX_IMAGE_SIDE ? array[at] : array[at + 1]);
-      return -1;
-    }
-    if (!w.skip(2 + 5 + 5 + 12, "camera parameters")) return -1;
-    if (!w.groupCount("mask polygons", ZOT_MAX_MASK_POLYGONS, nPolygons)) return -1;
-    for (int p = 0; p < nPolygons; p++) {
-      int nVertices = 0;
-      if (!w.groupCount("mask polygon vertices", ZOT_MAX_MASK_VERTICES, nVertices)) return -1;
-      if (!w.skip(2LL * nVertices, "mask polygon")) return -1;
-    }
-    const size_t px = (size_t)width * (size_t)height;
-    s[kDouble] += 9 + 5 + 16 + 2 * px;
-    s[kInt] += 5 * px;
-    s[kUchar] += px;      // undistorted image
-    s[kUchar] += px;      // edge map (contour tracker)
-    s[kShort] += 2 * px;  // Sobel x and y (contour tracker)
-    maxWidth = std::max(maxWidth, (size_t)width);
-    maxHeight = std::max(maxHeight, (size_t)height);
-  }
-
-  // Tracking parameters: the integer fields must be readable; the sample
-  // capacity sizes the buffers.
-  const int trackerStart = w.cursor();
-  if (!w.skip(23, "tracking parameters")) return -1;
-  const double* p = array + trackerStart;
-  int samples = 0;
-  for (int i : {0, 2, 4, 5, 6, 8}) {
-    if (!(p[i] > -2147483649.0 && p[i] < 2147483648.0))
-      return w.refuse(trackerStart + i, "integer tracking parameter", p[i]), -1;
-  }
-  samples = (int)p[0];
-  if (samples < 0) return w.refuse(trackerStart, "sample points per camera", p[0]), -1;
-
-  // Model: local frames, then the bodies.
-  int nFrames = 0, nBodies = 0;
-  if (!w.groupCount("local frames", ZOT_MAX_LOCAL_FRAMES, nFrames)) return -1;
-  if (!w.skip(12LL * nFrames, "local frames")) return -1;
-  if (!w.groupCount("bodies", ZOT_MAX_BODIES, nBodies)) return -1;
-  size_t nEdges = 0;
-  for (int b = 0; b < nBodies; b++) {
-    int type = -1;
-    const int at = w.cursor();
-    if (!w.integer("body type", type)) return -1;
-    bool ok = true;
-    if (type == ZOT_BODY_POLYHEDRON)
-      ok = w.skip(2, "polyhedron flags") && polyhedron(w, s, nEdges);
-    else if (type == ZOT_BODY_POLYLINE)
-      ok = polyline(w, s, nEdges);
-    else if (type == ZOT_BODY_CYLINDER)
-      ok = w.skip(1 + 4 * 3, "cylinder");
-    else
-      ok = w.refuse(at, "body type", array[at]);
-    if (!ok) return -1;
-  }
-  if (w.cursor() != count) {
-    printf("ERROR: pool sizes: the setup array holds %d values, its layout %d\n", count,
-           w.cursor());
+  // The set-up's own reader, with its checks and messages; the decoded form
+  // is too large for the stack.
+  std::unique_ptr<SetupArray> setup(new SetupArray);
+  if (!decodeSetupArray(array, count, *setup)) return -1;
+  const int samples = (int)setup->tracking[0];
+  if (samples < 0) {
+    printf("ERROR: pool sizes: %d sample points per camera\n", samples);
     return -1;
   }
+
+  size_t s[ZOT_N_POOLS] = {0, 0, 0, 0, 0, 0, 0};
+  // Cameras: K, distortion and transform; the two maps, the five tables and
+  // the undistorted image; the contour tracker's edge map and derivatives.
+  size_t maxWidth = 0, maxHeight = 0;
+  for (int c = 0; c < setup->nCameras; c++) {
+    const SetupCamera& cam = setup->cameras[c];
+    const size_t px = (size_t)cam.width * (size_t)cam.height;
+    s[kDouble] += 9 + 5 + 16 + 2 * px;
+    s[kInt] += 5 * px;
+    s[kUchar] += 2 * px;
+    s[kShort] += 2 * px;
+    maxWidth = std::max(maxWidth, (size_t)cam.width);
+    maxHeight = std::max(maxHeight, (size_t)cam.height);
+  }
+  size_t nEdges = 0;
+  for (int b = 0; b < setup->nBodies; b++) {
+    const SetupBody& body = setup->bodies[b];
+    if (body.type == ZOT_BODY_POLYHEDRON) {
+      polyhedron(body, s, nEdges);
+    } else if (body.type == ZOT_BODY_POLYLINE) {
+      s[kDouble] += 6 * (size_t)body.nVertices;  // points and their camera-frame copy
+      s[kInt] += 2 * (size_t)body.nItems;
+      nEdges += (size_t)body.nItems;
+    }
+  }
+  const int nCams = setup->nCameras;
 
   // Contour tracker: stacked residuals, Jacobians and weights, the solver's
   // work, per camera projections, normals, Jacobians, matches and flags; the
