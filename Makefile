@@ -1,14 +1,15 @@
 # Entry points: `make test` (install what is missing, configure, build, run
 # the test suite), `make demo` (render a stereo sequence, track it, write the
 # poses, overlays and a summary to out/), `make bench`, `make asan` (tests
-# under Address and UndefinedBehavior sanitizers), `make docs` (API
-# reference). Build trees live in build/ and build-asan/.
+# under Address and UndefinedBehavior sanitizers), `make fuzz` (the fuzz
+# harnesses, FUZZ_SECONDS each), `make docs` (API reference). Build trees
+# live in build/, build-asan/ and build-fuzz/.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test demo bench asan docs clean
+.PHONY: all deps configure build test demo bench asan fuzz docs clean
 
 all: build
 
@@ -58,6 +59,18 @@ asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# Each harness of tests/fuzz/ under libFuzzer with Address and UndefinedBehavior
+# sanitizers for FUZZ_SECONDS, one at a time (clang needed); prints the
+# executions and findings of each, and fails when there is a finding.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DZOT_FUZZ=ON -DZOT_BUILD_TESTS=OFF -DZOT_BUILD_TOOLS=OFF -DZOT_BUILD_BENCH=OFF \
+	  -DZOT_BUILD_PYTHON=OFF -DZOT_WITH_DISPLAY=OFF $(CMAKE_ARGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	tests/fuzz/run_fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
 # API reference (Doxygen, warning-free: any warning fails the target).
 docs:
 	@command -v doxygen >/dev/null || ./scripts/install-deps.sh doxygen
@@ -66,4 +79,4 @@ docs:
 	@echo "API reference: $(BUILD)/docs/html/index.html"
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

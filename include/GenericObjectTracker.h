@@ -114,7 +114,9 @@ class GenericObjectTracker {
   /// numbers read <n> should be: <count>"; checked only after everything has
   /// been built, so the pools stay consumed). Every call takes fresh pool
   /// memory. Until a later call succeeds, a failed call leaves no camera
-  /// enabled, so frames fail cleanly.
+  /// enabled, so frames fail cleanly. A valid array whose buffers do not fit
+  /// the free part of the pools is refused first, with nothing taken
+  /// (setupFitsPools()).
   int setupFromGlobalArray(int count, const double* array);
 
   /// Section readers: each reads its part of `array` from `cursor` on, never
@@ -156,9 +158,13 @@ class GenericObjectTracker {
   /// 6 x 6 pose covariance (36); a null output is skipped. Returns 0, or a
   /// negative code with no output written: -1 with a message for a tracker
   /// without cameras (no successful set-up), a null tool pose, a missing
-  /// image of an enabled camera or missing initial values (nothing changed)
-  /// and for invalid initial values; -1 without one for a filter never
-  /// initialised or a time earlier than the last; -16 from edge detection;
+  /// image of an enabled camera, missing initial values or a tool pose (or,
+  /// with `initialise`, an initial pose) that is not a finite rigid
+  /// transform: non-finite entries, a last row other than 0 0 0 1, or a
+  /// rotation block R with some entry of R R^T - I beyond 1e-4 or det R <= 0
+  /// (nothing changed), and for invalid initial values; -1 without one for
+  /// a filter never initialised or a time earlier than the last; -16 from
+  /// edge detection;
   /// the Gauss-Newton codes (-2, -4, -5, -6, -7, -9); the filter
   /// correction's code. After a failure the filter keeps its previous
   /// estimate (a new track keeps its start). timing logs "Undistortion
@@ -242,5 +248,14 @@ class GenericObjectTracker {
                     double* pose, double* velocity, double* covariance, const double* dofMask,
                     bool initialise, bool timing, bool display, bool verbose);
 };
+
+/// Checks, before a set-up takes anything, that the free part of every pool
+/// holds what a set-up from `array` (`count` values) takes (computePoolSizes()
+/// with margin 0). Returns 0 when it does, and also for an array the set-up
+/// will refuse for its layout (that refusal has its own message); otherwise
+/// -1 after "ERROR: the setup array needs <n> elements of the <pool> pool,
+/// <m> are free". setupFromGlobalArray() calls it, so that a configuration too
+/// large for the reserved pools is refused instead of ending the process.
+int setupFitsPools(int count, const double* array);
 
 }  // namespace ZOTtracker

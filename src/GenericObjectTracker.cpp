@@ -2,14 +2,19 @@
 // image steps, and the result overlay.
 #include "GenericObjectTracker.h"
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "Drawing.h"
 #include "IO.h"
 #include "Imgproc.h"
 #include "Math.h"
+#include "PoolSizes.h"
+#include "SetupArray.h"
+#include "memory_handling.h"
 
 namespace ZOTtracker {
 
@@ -80,6 +85,33 @@ GenericObjectTracker::GenericObjectTracker()
 // the pools keep everything until doBigFree.
 GenericObjectTracker::~GenericObjectTracker() {}
 
+int setupFitsPools(int count, const double* array) {
+  // An array the reader refuses is left to the set-up, which says why.
+  if (array == nullptr || count < 0) return 0;
+  std::unique_ptr<SetupArray> setup(new SetupArray);
+  char ignored[512];
+  if (!decodeSetupArray(array, count, *setup, ignored, (int)sizeof ignored) ||
+      !(setup->tracking[0] >= 0.0))
+    return 0;
+  size_t need[ZOT_N_POOLS];
+  if (computePoolSizes(count, array, 0.0, need) != 0) return 0;
+  const uint64_t total[ZOT_N_POOLS] = {m_totalAllocUchar, m_totalAllocUcharPtr, m_totalAllocDouble,
+                                       m_totalAllocFloat, m_totalAllocInt,      m_totalAllocIntPtr,
+                                       m_totalAllocShort};
+  const uint64_t used[ZOT_N_POOLS] = {
+      m_currentAllocUchar, m_currentAllocUcharPtr, m_currentAllocDouble, m_currentAllocFloat,
+      m_currentAllocInt,   m_currentAllocIntPtr,   m_currentAllocShort};
+  for (int p = 0; p < ZOT_N_POOLS; p++) {
+    const uint64_t available = total[p] > used[p] ? total[p] - used[p] : 0;
+    if (need[p] > available) {
+      printf("ERROR: the setup array needs %llu elements of the %s pool, %llu are free\n",
+             (unsigned long long)need[p], ZOT_POOL_NAMES[p], (unsigned long long)available);
+      return -1;
+    }
+  }
+  return 0;
+}
+
 // ================================================================ per-frame operations
 
 namespace {
@@ -91,6 +123,29 @@ int firstMissingImage(const unsigned char* const* images, const ContourTracker& 
     if (tracker.m_camEnabled[c] && (images == nullptr || images[c] == nullptr)) return c;
   }
   return -1;
+}
+
+// Largest deviation of R R^T from the identity that a host's pose may show
+// (rounding of poses stored in single precision stays far below it).
+constexpr double kRotationTolerance = 1e-4;
+
+// True when T holds finite values, a proper rotation block within
+// kRotationTolerance and the last row 0 0 0 1: a pose the projection and the
+// filter can use without overflowing.
+bool rigidTransform(const double* T) {
+  for (int i = 0; i < 16; i++)
+    if (!std::isfinite(T[i])) return false;
+  if (T[12] != 0.0 || T[13] != 0.0 || T[14] != 0.0 || T[15] != 1.0) return false;
+  for (int i = 0; i < 3; i++) {
+    for (int j = 0; j < 3; j++) {
+      const double dot =
+          T[4 * i] * T[4 * j] + T[4 * i + 1] * T[4 * j + 1] + T[4 * i + 2] * T[4 * j + 2];
+      if (std::fabs(dot - (i == j ? 1.0 : 0.0)) > kRotationTolerance) return false;
+    }
+  }
+  const double det = T[0] * (T[5] * T[10] - T[6] * T[9]) - T[1] * (T[4] * T[10] - T[6] * T[8]) +
+                     T[2] * (T[4] * T[9] - T[5] * T[8]);
+  return det > 0.0;
 }
 
 }  // namespace
@@ -127,6 +182,11 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   }
   if (initialise && (initPose == nullptr || initVelocity == nullptr)) {
     printf("ERROR: poseEstimation: a new track needs the initial pose and velocity\n");
+    return ZOT_ERR_INTERNAL;
+  }
+  if (!rigidTransform(toolPose) || (initialise && !rigidTransform(initPose))) {
+    printf("ERROR: poseEstimation: the %s pose is not a finite rigid transform\n",
+           rigidTransform(toolPose) ? "initial" : "tool");
     return ZOT_ERR_INTERNAL;
   }
   const int missing = firstMissingImage(images, m_contourTracker, m_nCameras);

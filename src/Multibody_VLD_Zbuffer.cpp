@@ -352,8 +352,11 @@ void renderFace(Multibody& mb, const SamplingView& v, int b, int f, CandidateEdg
   const double ax = m[0] / v.fx / d;
   const double ay = m[1] / v.fy / d;
   const double a0 = m[2] / d - ax * v.cx - ay * v.cy;
+  // |m[2]| is at most 1 for a rotation; the clamp keeps a pose that is no
+  // rotation (or NaN) from converting an out-of-range value to a byte.
+  const double cosTilt = std::fabs(m[2]) <= 1.0 ? std::fabs(m[2]) : 1.0;
   const unsigned char shade =
-      v.faceImage != nullptr ? (unsigned char)std::trunc((std::fabs(m[2]) * 0.9 + 0.1) * 255) : 0;
+      v.faceImage != nullptr ? (unsigned char)std::trunc((cosTilt * 0.9 + 0.1) * 255) : 0;
   const int box[4] = {xmin, ymin, xmax, ymax};
   fillConvexPoly_DepthTest(v.faceImage, shade, mb.m_depthMap, mb.m_faceIdMap, nullptr, v.width,
                            v.height, n, projected, box, b * 65536 + f + 1, ax, ay, a0,

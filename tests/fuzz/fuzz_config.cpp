@@ -1,0 +1,61 @@
+// Fuzz harness: the five configuration files as a host's user may write
+// them. The input holds the camera, tracker, model, polyhedron and polyline
+// files, separated by lines "%%%"; the model file names the body files
+// p.txt and l.txt. They are parsed into a bounded setup array, and a tracker
+// is set up from it in pools of exactly the computed sizes.
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "FileParser.h"
+#include "GenericObjectTracker.h"
+#include "fuzz_support.h"
+
+namespace {
+
+// One scratch directory per process for the five files.
+const std::string& scratchDirectory() {
+  static std::string dir;
+  if (dir.empty()) {
+    char name[] = "/tmp/zot_fuzz_config_XXXXXX";
+    if (mkdtemp(name) == nullptr) abort();
+    dir = name;
+    atexit([] { std::filesystem::remove_all(dir); });
+  }
+  return dir;
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f == nullptr) abort();
+  fwrite(text.data(), 1, text.size(), f);
+  fclose(f);
+}
+
+}  // namespace
+
+extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
+  if (size > 20000) return 0;
+  const std::vector<std::string> parts = zot_fuzz::partsOf(data, size);
+  const char* names[5] = {"c.txt", "t.txt", "m.txt", "p.txt", "l.txt"};
+  const std::string& dir = scratchDirectory();
+  for (int i = 0; i < 5; i++)
+    writeFile(dir + "/" + names[i], i < (int)parts.size() ? parts[i] : std::string());
+
+  std::vector<double> array(20000);
+  int count = 0;
+  ZOTtracker::FileParser parser;
+  const int code = parser.parseAllFiles(dir.c_str(), names[0], names[1], names[2], count,
+                                        array.data(), (int)array.size());
+  if (code != 0 || count < 0 || count > (int)array.size()) return 0;
+  array.resize((size_t)count);
+  if (!zot_fuzz::reservePoolsFor(array)) return 0;
+  {
+    auto tracker = std::make_unique<ZOTtracker::GenericObjectTracker>();
+    tracker->setupFromGlobalArray(count, array.data());
+  }
+  zot_fuzz::releasePools();
+  return 0;
+}

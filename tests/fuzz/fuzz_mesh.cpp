@@ -1,0 +1,80 @@
+// Fuzz harness: the mesh importer, run as a user runs it, on a mesh file and
+// options of the input's choosing. The input's first line holds the format
+// ("obj" or "stl") and up to eight options (--scale 1000, --flat, ...); the
+// rest is the file. The tool's own main runs in this process: its failures
+// end in exit(), which the link redirects (-Wl,--wrap=exit) into an exception
+// while the tool runs, so that a refused input returns here.
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#define main zotMesh2polyMain
+#include "../../tools/zot_mesh2poly.cpp"
+#undef main
+
+#ifndef ZOT_FUZZ_ENTRY
+#define ZOT_FUZZ_ENTRY LLVMFuzzerTestOneInput
+#endif
+
+namespace {
+
+bool g_inTool = false;
+struct ToolExit {
+  int status;
+};
+
+const std::string& meshScratchDirectory() {
+  static std::string dir;
+  if (dir.empty()) {
+    char name[] = "/tmp/zot_fuzz_mesh_XXXXXX";
+    if (mkdtemp(name) == nullptr) abort();
+    dir = name;
+    atexit([] { std::filesystem::remove_all(dir); });
+  }
+  return dir;
+}
+
+}  // namespace
+
+extern "C" [[noreturn]] void __real_exit(int status);
+extern "C" [[noreturn]] void __wrap_exit(int status) {
+  if (g_inTool) throw ToolExit{status};
+  __real_exit(status);
+}
+
+extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
+  if (size > 100000) return 0;
+  const std::string all(reinterpret_cast<const char*>(data), size);
+  const size_t eol = all.find('\n');
+  std::istringstream head(all.substr(0, eol));
+  std::vector<std::string> args;
+  std::string format, word;
+  head >> format;
+  const std::string dir = meshScratchDirectory();
+  const std::string input = dir + (format == "stl" ? "/in.stl" : "/in.obj");
+  const std::string output = dir + "/out.txt";
+  args.push_back("zot_mesh2poly");
+  args.push_back("--quiet");
+  while (head >> word && args.size() < 10) args.push_back(word);
+  args.push_back(input);
+  args.push_back(output);
+  {
+    std::ofstream file(input, std::ios::binary);
+    if (eol != std::string::npos) file << all.substr(eol + 1);
+  }
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  g_inTool = true;
+  try {
+    zotMesh2polyMain((int)args.size(), argv.data());
+  } catch (const ToolExit&) {
+  }
+  g_inTool = false;
+  remove(output.c_str());
+  return 0;
+}

@@ -1,0 +1,96 @@
+// Fuzz harness: a setup array as a host may compile it in, then a few frames
+// with the poses and times a host may pass. The input is text: the array's
+// numbers, a line "%%%", then one frame per line:
+//   image time initialise [tool pose 16] [initial pose 16] [velocity 6] [initial time]
+// image: 0 black, 1 white, 2 noise, 3 a bright square in the middle. Missing
+// values take defaults: identity tool pose, the object 400 in front of the
+// tool, no velocity, initial time 0. Numbers may be nan or inf.
+#include <cmath>
+#include <memory>
+
+#include "GenericObjectTracker.h"
+#include "Math.h"
+#include "fuzz_support.h"
+
+namespace {
+
+constexpr size_t kMaxFrames = 6;
+constexpr long kMaxPixels = 2 * 640 * 480;
+
+void fillImage(std::vector<unsigned char>& image, int width, int height, int kind, unsigned seed) {
+  for (int y = 0; y < height; y++) {
+    for (int x = 0; x < width; x++) {
+      unsigned char v = 0;
+      if (kind == 1) v = 255;
+      if (kind == 2) {
+        seed = seed * 1103515245u + 12345u;
+        v = (unsigned char)(seed >> 24);
+      }
+      if (kind == 3 && 4 * x > width && 4 * x < 3 * width && 4 * y > height && 4 * y < 3 * height)
+        v = 220;
+      image[(size_t)y * width + x] = v;
+    }
+  }
+}
+
+// Values [from, from + n) of a frame line, or the defaults.
+void take(const std::vector<double>& line, size_t from, size_t n, double* out) {
+  for (size_t i = 0; i < n && from + i < line.size(); i++) out[i] = line[from + i];
+}
+
+void runFrames(ZOTtracker::GenericObjectTracker& tracker, const std::vector<std::string>& lines) {
+  long pixels = 0;
+  for (int c = 0; c < tracker.m_nCameras; c++)
+    pixels += (long)tracker.m_imageWidth[c] * tracker.m_imageHeight[c];
+  if (pixels > kMaxPixels) return;
+  std::vector<std::vector<unsigned char>> images(tracker.m_nCameras);
+  const unsigned char* ptrs[ZOTtracker::ZOT_MAX_CAMERAS] = {};
+  for (int c = 0; c < tracker.m_nCameras; c++) {
+    images[c].resize((size_t)tracker.m_imageWidth[c] * tracker.m_imageHeight[c]);
+    ptrs[c] = images[c].data();
+  }
+  for (size_t f = 0; f < lines.size() && f < kMaxFrames; f++) {
+    const std::vector<double> line = zot_fuzz::numbersOf(lines[f], 64);
+    if (line.size() < 3) continue;
+    const int kind = std::isfinite(line[0]) ? (int)std::fmod(std::fabs(line[0]), 4.0) : 0;
+    for (int c = 0; c < tracker.m_nCameras; c++)
+      fillImage(images[c], tracker.m_imageWidth[c], tracker.m_imageHeight[c], kind, (unsigned)f);
+    double tool[16], start[16], velocity[6] = {0, 0, 0, 0, 0, 0}, startTime = 0.0;
+    ZOTtracker::matrixIdentity(tool, 4);
+    ZOTtracker::matrixIdentity(start, 4);
+    start[11] = 400.0;
+    take(line, 3, 16, tool);
+    take(line, 19, 16, start);
+    take(line, 35, 6, velocity);
+    take(line, 41, 1, &startTime);
+    double pose[16], outVelocity[6], covariance[36];
+    tracker.poseEstimation(ptrs, line[1], tool, start, velocity, startTime, pose, outVelocity,
+                           covariance, nullptr, line[2] != 0.0, false, false, false);
+  }
+}
+
+}  // namespace
+
+extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
+  if (size > 200000) return 0;
+  const std::vector<std::string> parts = zot_fuzz::partsOf(data, size);
+  const std::vector<double> array = zot_fuzz::numbersOf(parts[0], 50000);
+  if (!zot_fuzz::reservePoolsFor(array)) return 0;
+  {
+    auto tracker = std::make_unique<ZOTtracker::GenericObjectTracker>();
+    if (tracker->setupFromGlobalArray((int)array.size(), array.data()) == 0 && parts.size() > 1) {
+      std::vector<std::string> lines;
+      size_t from = 0;
+      const std::string& frames = parts[1];
+      while (from < frames.size()) {
+        size_t end = frames.find('\n', from);
+        if (end == std::string::npos) end = frames.size();
+        lines.push_back(frames.substr(from, end - from));
+        from = end + 1;
+      }
+      runFrames(*tracker, lines);
+    }
+  }
+  zot_fuzz::releasePools();
+  return 0;
+}
