@@ -30,6 +30,7 @@ int GenericObjectTracker::setupFromGlobalArray(int count, const double* array) {
   m_contourTracker.m_nCams = 0;
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) m_contourTracker.m_camEnabled[c] = 0;
   m_multibody.m_nCams = 0;
+  if (setupFitsPools(count, array) != 0) return -1;
 
   int cursor = 0;
   if (setupCameraParam(cursor, array, count) != 0) return -1;
