@@ -1,10 +1,13 @@
 // Fuzz harness: a setup array as a host may compile it in, then a few frames
 // with the poses and times a host may pass. The input is text: the array's
 // numbers, a line "%%%", then one frame per line:
-//   image time initialise [tool pose 16] [initial pose 16] [velocity 6] [initial time]
-// image: 0 black, 1 white, 2 noise, 3 a bright square in the middle. Missing
-// values take defaults: identity tool pose, the object 400 in front of the
-// tool, no velocity, initial time 0. Numbers may be nan or inf.
+//   image time initialise [tool pose 16] [initial pose 16] [velocity 6]
+//   [initial time] [degree-of-freedom mask 6] [flags]
+// image: 0 black, 1 white, 2 noise, 3 a bright square in the middle. flags:
+// 1 timing, 2 verbose, 4 reuse the edge maps, 8 draw the result at the
+// initial pose afterwards. Missing values take defaults: identity tool pose,
+// the object 400 in front of the tool, no velocity, initial time 0, all
+// degrees of freedom, no flags. Numbers may be nan or inf.
 #include <cmath>
 #include <memory>
 
@@ -63,9 +66,18 @@ void runFrames(ZOTtracker::GenericObjectTracker& tracker, const std::vector<std:
     take(line, 19, 16, start);
     take(line, 35, 6, velocity);
     take(line, 41, 1, &startTime);
+    double mask[6] = {1, 1, 1, 1, 1, 1}, flagValue = 0.0;
+    take(line, 42, 6, mask);
+    take(line, 48, 1, &flagValue);
+    const int flags = std::isfinite(flagValue) ? (int)std::fmod(std::fabs(flagValue), 16.0) : 0;
+    tracker.m_doEdgeDetection = (flags & 4) == 0;
     double pose[16], outVelocity[6], covariance[36];
     tracker.poseEstimation(ptrs, line[1], tool, start, velocity, startTime, pose, outVelocity,
-                           covariance, nullptr, line[2] != 0.0, false, false, false);
+                           covariance, mask, line[2] != 0.0, flags & 1, false, flags & 2);
+    if (flags & 8) {
+      std::vector<unsigned char> colour(3 * images[0].size());
+      tracker.drawResult(start, colour.data(), 0, true, 50.0, tool);
+    }
   }
 }
 
