@@ -41,6 +41,23 @@ void take(const std::vector<double>& line, size_t from, size_t n, double* out) {
   for (size_t i = 0; i < n && from + i < line.size(); i++) out[i] = line[from + i];
 }
 
+// What a host may do between frames with a pose of its own: draw the
+// overlay, and sample the model of camera 0 with every optional output.
+void overlayAndSample(ZOTtracker::GenericObjectTracker& tracker, const double* pose,
+                      const double* framePose, size_t pixels) {
+  std::vector<unsigned char> colour(3 * pixels), faces(pixels), samples(pixels);
+  std::vector<double> normals(2 * pixels);
+  std::vector<int> ids(pixels);
+  tracker.drawResult(pose, colour.data(), 0, true, 50.0, framePose);
+  double T[16];
+  ZOTtracker::matrixProduct444(tracker.m_toolToCamera[0], pose, T);
+  const ZOTtracker::GenericObjectTracker::TrackingParameters& p = tracker.m_trackingParams;
+  tracker.m_multibody.sampleContour_Zbuffer(
+      0, T, tracker.m_K[0], tracker.m_imageWidth[0], tracker.m_imageHeight[0], tracker.m_zNear[0],
+      tracker.m_zFar[0], p.m_facingTolerance, p.m_minEdgeLength, p.m_samplingStep, faces.data(),
+      samples.data(), normals.data(), ids.data(), true, false, false, false);
+}
+
 void runFrames(ZOTtracker::GenericObjectTracker& tracker, const std::vector<std::string>& lines) {
   long pixels = 0;
   for (int c = 0; c < tracker.m_nCameras; c++)
@@ -74,10 +91,7 @@ void runFrames(ZOTtracker::GenericObjectTracker& tracker, const std::vector<std:
     double pose[16], outVelocity[6], covariance[36];
     tracker.poseEstimation(ptrs, line[1], tool, start, velocity, startTime, pose, outVelocity,
                            covariance, mask, line[2] != 0.0, flags & 1, false, flags & 2);
-    if (flags & 8) {
-      std::vector<unsigned char> colour(3 * images[0].size());
-      tracker.drawResult(start, colour.data(), 0, true, 50.0, tool);
-    }
+    if (flags & 8) overlayAndSample(tracker, start, tool, images[0].size());
   }
 }
 
