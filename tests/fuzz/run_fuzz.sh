@@ -17,11 +17,14 @@ for harness in "$build"/fuzz_*; do
   findings="$build/findings/$name"
   mkdir -p "$work" "$findings"
   log="$build/fuzz_$name.log"
-  "$harness" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -close_fd_mask=1 \
-    -print_final_stats=1 -dict="$here/$name.dict" -artifact_prefix="$findings/" \
+  # One worker process that is restarted after a finding, so that a run
+  # collects every finding instead of stopping at the first.
+  "$harness" -fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1 \
+    -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=8192 -close_fd_mask=1 \
+    -dict="$here/$name.dict" -artifact_prefix="$findings/" \
     "$work" "$here/corpus/$name" >"$log" 2>&1
-  runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
-  found=$(ls "$findings" | wc -l)
+  runs=$(sed -n 's/^#\([0-9]*\): cov:.*/\1/p' "$log" | tail -n 1)
+  found=$(ls "$findings" | grep -c -E '^(crash|leak|timeout|oom)-')
   echo "fuzz_$name: ${runs:-?} executions in $seconds s, $found finding(s) (log: $log)"
   [ "$found" -eq 0 ] || status=1
 done
