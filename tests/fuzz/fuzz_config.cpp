@@ -1,8 +1,9 @@
 // Fuzz harness: the five configuration files as a host's user may write
 // them. The input holds the camera, tracker, model, polyhedron and polyline
 // files, separated by lines "%%%"; the model file names the body files
-// p.txt and l.txt. They are parsed into a bounded setup array, and a tracker
-// is set up from it in pools of exactly the computed sizes.
+// p.txt and l.txt. They are parsed into a bounded setup array, which is
+// exported as a header, and a tracker is set up from it in pools of exactly
+// the computed sizes.
 #include <unistd.h>
 
 #include <cstdio>
@@ -50,6 +51,7 @@ extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
   const int code = parser.parseAllFiles(dir.c_str(), names[0], names[1], names[2], count,
                                         array.data(), (int)array.size());
   if (code != 0 || count < 0 || count > (int)array.size()) return 0;
+  parser.createGlobalArrayHeaderFile(dir.c_str(), count, array.data());
   array.resize((size_t)count);
   if (!zot_fuzz::reservePoolsFor(array)) return 0;
   {
