@@ -26,9 +26,16 @@ struct RenderObject {
 
 /// Draws the objects over `img` (which holds the background on entry): every
 /// pixel whose samples hit a face becomes the average of the hit faces' greys
-/// and the background. Only the objects' projected bounding boxes are cast.
+/// and the background. Only the objects' projected bounding boxes are cast,
+/// and each sample only against the objects whose box holds its pixel.
 void renderScene(unsigned char* img, const RenderCamera& cam,
                  const std::vector<RenderObject>& objects, int ss = 3);
+
+/// Per pixel the fraction of its ss x ss samples that hit one of the objects
+/// (0 to 1, the same samples as renderScene); `coverage` is resized to
+/// width x height. The objects' greys are not used.
+void renderCoverage(const RenderCamera& cam, const std::vector<RenderObject>& objects, int ss,
+                    std::vector<float>& coverage);
 
 /// Lambertian grey per face: ambient + diffuse * max(0, n . light) with the
 /// face normal (from its first three vertices, outward for counter-clockwise
