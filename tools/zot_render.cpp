@@ -23,6 +23,7 @@
 #include "GenericObjectTracker.h"
 #include "memory_handling.h"
 #include "scene_config.h"
+#include "scene_effects.h"
 #include "sequence.h"
 
 namespace {
@@ -33,8 +34,10 @@ struct Options {
               format = "png";
   bool noDistortion = false, video = false, quiet = false;
   double scale = 1.0, offsetTransl = 0.0, offsetRotDeg = 0.0;
-  int jobs = 0;
+  int jobs = 0, dropFirst = 0, dropCount = 0;
+  double modelScale = 1.0;
   zot_sim::SequenceSpec plan;
+  zot_sim::SceneEffects effects;
 };
 
 [[noreturn]] void fail(const std::string& message) {
@@ -62,6 +65,7 @@ Options parseArguments(int argc, char** argv) {
   Options o;
   std::string motion = "both", background = "clutter";
   std::vector<double> offset;
+  std::vector<int> drop;
   int seed = 1;
   CLI::App app(kDescription, "zot_render");
   app.footer(kFooter);
@@ -134,10 +138,11 @@ Options parseArguments(int argc, char** argv) {
       ->type_name("T R")
       ->expected(2)
       ->group(seq);
-  app.add_option("--background", background, "plain or clutter")
+  app.add_option("--background", background,
+                 "plain, clutter or textured (clutter under a wavy grain and a printed grid)")
       ->type_name("B")
       ->capture_default_str()
-      ->check(CLI::IsMember({"plain", "clutter"}))
+      ->check(CLI::IsMember({"plain", "clutter", "textured"}))
       ->group(img);
   app.add_option("--noise", o.plan.noise, "sensor noise, grey levels")
       ->type_name("SIGMA")
@@ -166,6 +171,42 @@ Options parseArguments(int argc, char** argv) {
       ->group(img);
   app.add_flag("--video", o.video, "write camN.avi (Motion-JPEG) instead of image files")
       ->group(img);
+  const std::string real = "real scenes (all off unless asked)";
+  app.add_flag("--texture", o.effects.facePrint,
+               "printed texture on the object's faces: rows of text-like strokes, a band and a "
+               "blob on every large face, laid out from --seed (edges that are not model edges)")
+      ->group(real);
+  app.add_option("--occluder", o.effects.occluderWidth,
+                 "a bar (a gripper finger) fixed to the tool, W object sizes wide where it "
+                 "crosses the object, in front of it in a grey of its own, sweeps across the "
+                 "object and back once over the sequence")
+      ->type_name("W")
+      ->check(CLI::Range(0.0, 2.0))
+      ->group(real);
+  app.add_option("--lighting", o.effects.lighting,
+                 "lighting changes over the sequence: the gain swings between 1 - A and 1 + A "
+                 "and a soft highlight of 150 A grey levels moves across the image")
+      ->type_name("A")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(real);
+  app.add_option("--motion-blur", o.effects.exposure,
+                 "motion blur: every frame averages 5 renders over an exposure of about E frame "
+                 "periods centred on its time stamp")
+      ->type_name("E")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(real);
+  app.add_option("--drop-frames", drop,
+                 "a camera stall: frames FIRST to FIRST + COUNT - 1 of the --frames are left out "
+                 "(images, time stamps and poses); the rest are numbered on")
+      ->type_name("FIRST COUNT")
+      ->expected(2)
+      ->group(real);
+  app.add_option("--model-scale", o.modelScale,
+                 "a wrong model: the model files written for tracking are scaled by S about the "
+                 "model's origin; the images show the true object")
+      ->type_name("S")
+      ->check(CLI::Range(0.5, 2.0))
+      ->group(real);
   app.add_option("--jobs", o.jobs, "frames rendered in parallel (default: number of cores)")
       ->type_name("N")
       ->check(CLI::Range(1, 256))
@@ -181,6 +222,13 @@ Options parseArguments(int argc, char** argv) {
       o.offsetTransl = offset[0];
       o.offsetRotDeg = offset[1];
     }
+    if (!drop.empty()) {
+      if (drop[0] < 1 || drop[1] < 1 || drop[0] + drop[1] >= o.plan.frames)
+        throw CLI::ValidationError("--drop-frames",
+                                   "FIRST >= 1 and COUNT >= 1 must leave frames after the stall");
+      o.dropFirst = drop[0];
+      o.dropCount = drop[1];
+    }
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     exit(0);
@@ -189,7 +237,8 @@ Options parseArguments(int argc, char** argv) {
     exit(2);
   }
   zot_sim::parseMotion(motion, o.plan.motion);
-  o.plan.clutter = background == "clutter";
+  o.plan.clutter = background != "plain";
+  o.effects.tableTexture = background == "textured";
   o.plan.seed = (uint64_t)seed;
   if (o.jobs == 0) o.jobs = std::max(1u, std::thread::hardware_concurrency());
   return o;
@@ -279,22 +328,30 @@ int main(int argc, char** argv) {
   if (!zot_sim::writeCameraFile(out + "camera.txt", cameras, "cameras of a rendered sequence",
                                 error) ||
       !zot_sim::copyFile(o.configDir + "/" + o.trackerFile, out + "tracker.txt", error) ||
-      !zot_sim::writeModelFile(o.outDir, "model.txt", model, error))
+      !zot_sim::writeModelFile(
+          o.outDir, "model.txt",
+          o.modelScale != 1.0 ? zot_sim::scaledModel(model, o.modelScale) : model, error))
     fail(error);
 
   checkConfiguration(o.outDir);
 
-  const zot_sim::SequenceRenderer renderer(cameras, model, o.plan);
+  const zot_sim::EffectsRenderer scene(cameras, model, o.plan, o.effects);
+  const zot_sim::SequenceRenderer& renderer = scene.sequence();
   for (const std::string& w : renderer.warnings())
     fprintf(stderr, "zot_render: warning: %s\n", w.c_str());
 
-  // Poses and time stamps.
-  const int n = o.plan.frames;
+  // Poses and time stamps of the frames kept; frame k of the output is
+  // frame kept[k] of the sequence.
+  std::vector<int> kept;
+  for (int i = 0; i < o.plan.frames; i++) {
+    if (i < o.dropFirst || i >= o.dropFirst + o.dropCount) kept.push_back(i);
+  }
+  const int n = (int)kept.size();
   std::vector<double> times(n);
   std::vector<zot_sim::Pose> toolPoses(n), truth(n);
   for (int i = 0; i < n; i++) {
-    times[i] = renderer.time(i);
-    renderer.poses(i, toolPoses[i].data(), nullptr, truth[i].data());
+    times[i] = renderer.time(kept[i]);
+    renderer.poses(kept[i], toolPoses[i].data(), nullptr, truth[i].data());
   }
   const std::vector<zot_sim::Pose> initial = {offsetPose(truth[0], o.offsetTransl, o.offsetRotDeg)};
   if (!zot_sim::writeNumberFile(out + "times.txt", times, "time stamp of every frame [s]", error) ||
@@ -323,13 +380,15 @@ int main(int argc, char** argv) {
   const auto start = std::chrono::steady_clock::now();
   std::vector<std::vector<std::vector<unsigned char>>> batch(o.jobs);
   std::vector<std::string> writeErrors(o.jobs);
+  std::vector<double> hidden(n, 0.0);
   for (int first = 0; first < n; first += o.jobs) {
     const int count = std::min(o.jobs, n - first);
     std::vector<std::thread> workers;
     for (int k = 0; k < count; k++) {
       workers.emplace_back([&, k] {
         const int frame = first + k;
-        renderer.render(frame, batch[k]);
+        scene.render(kept[frame], batch[k]);
+        if (o.effects.occluderWidth > 0.0) hidden[frame] = scene.hiddenOutline(kept[frame]);
         if (o.video) return;
         char name[64];
         for (int c = 0; c < nCams; c++) {
@@ -360,6 +419,31 @@ int main(int argc, char** argv) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   // How to track it.
+  // What makes the sequence hard, measured.
+  double meanMotion = 0.0, maxMotion = 0.0, stall = 0.0;
+  for (int k = 1; k < n; k++) {
+    const double moved = scene.vertexMotion(kept[k - 1], kept[k]);
+    if (kept[k] - kept[k - 1] > 1) {
+      stall = moved;
+      continue;
+    }
+    meanMotion += moved / std::max(1, n - 1 - (o.dropCount > 0));
+    maxMotion = std::max(maxMotion, moved);
+  }
+  char facts[512];
+  int used = snprintf(facts, sizeof facts,
+                      "Image motion of the model's vertices in cam 0: mean %.1f, max %.1f px "
+                      "per frame\n",
+                      meanMotion, maxMotion);
+  if (o.dropCount > 0)
+    used += snprintf(facts + used, sizeof facts - used,
+                     "Camera stall: frames %d to %d left out; the vertices jump up to %.1f px\n",
+                     o.dropFirst, o.dropFirst + o.dropCount - 1, stall);
+  if (o.effects.occluderWidth > 0.0)
+    snprintf(facts + used, sizeof facts - used,
+             "Occluder: hides at most %.0f %% of the object's outline in cam 0\n",
+             100.0 * *std::max_element(hidden.begin(), hidden.end()));
+
   std::string images;
   for (int c = 0; c < nCams; c++) {
     images += o.video ? " --images " + out + "cam" + std::to_string(c) + ".avi"
@@ -374,14 +458,14 @@ int main(int argc, char** argv) {
   for (int i = 0; i < argc; i++) fprintf(f, " %s", argv[i]);
   fprintf(f,
           "\n%d frames at %g fps, %d camera(s) of %d x %d, object size %g, viewing distance "
-          "%g\nTrack it with:\n%s\n",
+          "%g\n%sTrack it with:\n%s\n",
           n, o.plan.fps, nCams, cameras[0].width, cameras[0].height, renderer.objectSize(),
-          renderer.viewDistance(), command.c_str());
+          renderer.viewDistance(), facts, command.c_str());
   if (fclose(f) != 0) fail("cannot write " + out + "sequence.txt");
   if (!o.quiet) {
     if (isatty(fileno(stdout))) printf("\n");
-    printf("rendered %d frames of %d camera(s) into %s in %.1f s\ntrack them with:\n  %s\n", n,
-           nCams, o.outDir.c_str(), seconds, command.c_str());
+    printf("rendered %d frames of %d camera(s) into %s in %.1f s\n%strack them with:\n  %s\n", n,
+           nCams, o.outDir.c_str(), seconds, facts, command.c_str());
   }
   return 0;
 }
