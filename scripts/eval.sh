@@ -47,7 +47,7 @@ SCENES="textured_box textured_box_strict bracket_table fast_motion occluder ligh
 # than zot_render, the data and this script.
 render() {
   dir=$OUT/scenes/$1
-  options="--config data --jobs $JOBS -q $(scene_options "$1")"
+  options="--config data -q $(scene_options "$1")"
   if [ -f "$dir/sequence.txt" ] && [ "$(cat "$dir/options.txt" 2>/dev/null)" = "$options" ] &&
      [ -z "$(find "$RENDER" data scripts/eval.sh -newer "$dir/sequence.txt" 2>/dev/null | head -n 1)" ]; then
     return 0
@@ -56,7 +56,7 @@ render() {
   mkdir -p "$dir"
   echo "rendering $1 ..."
   # shellcheck disable=SC2086
-  if ! "$RENDER" $options "$dir" >"$dir.log" 2>&1; then
+  if ! "$RENDER" $options --jobs "$JOBS" "$dir" >"$dir.log" 2>&1; then
     grep -v '^$' "$dir.log" | tail -n 1 >"$dir.failed"
     rm -f "$dir/sequence.txt"
     return 1
@@ -116,7 +116,8 @@ for entry in $TRACKER; do
     message=""
     case $status in
       0 | 3 | 4) ;;
-      *) message="zot_track exit $status: $(grep -v '^$' "$run/track.err" | tail -n 1)" ;;
+      *) message="zot_track exit $status: $(grep -E '^(ERROR|FAILURE)' "$run/track.log" | tail -n 1)"
+         message="$message $(grep -v '^$' "$run/track.err" | tail -n 1)" ;;
     esac
     printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$s" "$name" "$cams" "$dir" "$run" "$message" >>"$manifest"
   done

@@ -294,7 +294,7 @@ int main(int argc, char** argv) {
   fprintf(csv,
           "scene,setting,cameras,frames,tracked,failures,mean_error,max_error,"
           "mean_error_deg,max_error_deg,mean_error_percent,median_ms,p95_ms,message\n");
-  printf("%-22s %-10s %4s %6s %7s %-18s %9s %9s %8s %8s %7s %7s %7s\n", "scene", "setting", "cams",
+  printf("%-20s %-10s %4s %6s %7s %-24s %9s %9s %8s %8s %7s %7s %7s\n", "scene", "setting", "cams",
          "frames", "tracked", "failures code x n", "mean err", "max err", "mean deg", "max deg",
          "mean %", "med ms", "p95 ms");
   bool allGood = true;
@@ -303,14 +303,14 @@ int main(int argc, char** argv) {
     for (char& c : message) c = c == '"' ? '\'' : c;
     if (!r.message.empty()) {
       allGood = false;
-      printf("%-22s %-10s %4s  FAILED: %s\n", r.scene.c_str(), r.setting.c_str(), r.cameras.c_str(),
+      printf("%-20s %-10s %4s  FAILED: %s\n", r.scene.c_str(), r.setting.c_str(), r.cameras.c_str(),
              r.message.c_str());
       fprintf(csv, "%s,%s,%s,,,,,,,,,,,\"%s\"\n", r.scene.c_str(), r.setting.c_str(),
               r.cameras.c_str(), message.c_str());
       continue;
     }
     const Figures f = figures(r);
-    printf("%-22s %-10s %4s %6d %7d %-18s %9s %9s %8s %8s %7s %7s %7s\n", r.scene.c_str(),
+    printf("%-20s %-10s %4s %6d %7d %-24s %9s %9s %8s %8s %7s %7s %7s\n", r.scene.c_str(),
            r.setting.c_str(), r.cameras.c_str(), f.frames, f.tracked, f.failures.c_str(),
            fixed(f.meanT, 2).c_str(), fixed(f.maxT, 2).c_str(), fixed(f.meanR, 2).c_str(),
            fixed(f.maxR, 2).c_str(), fixed(f.percent, 2).c_str(), fixed(f.medianMs, 2).c_str(),
