@@ -92,12 +92,12 @@ std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face,
     return r;
   };
   // Text: rows of glyphs of one to three strokes, words between gaps.
-  const double h = 0.09 * L, rowAngle = (unit(rng) - 0.5) * 0.3;
+  const double h = 0.1 * L, rowAngle = (unit(rng) - 0.5) * 0.3;
   const double c = std::cos(rowAngle), s = std::sin(rowAngle);
-  const int rows = 2 + (int)(unit(rng) * 2.0);
-  const double rowStart = y0 + (0.15 + 0.1 * unit(rng)) * (y1 - y0);
+  const int rows = 3 + (int)(unit(rng) * 3.0);
+  const double rowStart = y0 + (0.1 + 0.1 * unit(rng)) * (y1 - y0);
   for (int r = 0; r < rows; r++) {
-    const double v = rowStart + r * 1.8 * h;
+    const double v = rowStart + r * 1.6 * h;
     for (double u = x0 + 0.1 * (x1 - x0); u < x1; u += 0.75 * h) {
       if (unit(rng) < 0.18) continue;  // a gap between words
       const double cx = u * c - v * s, cy = u * s + v * c;
@@ -107,7 +107,7 @@ std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face,
         const double angle = rowAngle + (kind < 0.5 ? kPi / 2 : (kind < 0.75 ? 0.0 : 1.1));
         const double length = kind < 0.5 ? 0.5 * h : 0.25 * h;
         keep(rectangle(cx + (k - 1) * 0.2 * h * c, cy + (k - 1) * 0.2 * h * s, angle, length,
-                       0.08 * h));
+                       0.1 * h));
       }
     }
   }
