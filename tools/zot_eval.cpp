@@ -212,6 +212,7 @@ void plotScene(const std::vector<const Row*>& rows, const std::string& path) {
         }
         const cv::Point p(x, y1 - (int)std::lround(std::min(e, scale) / scale * panelH));
         if (previous.x >= 0) cv::line(img, previous, p, colour, 1, cv::LINE_AA);
+        cv::circle(img, p, 1, colour, cv::FILLED);  // a lone tracked frame shows too
         previous = p;
       }
     }
