@@ -75,37 +75,25 @@ TEST(ViewingFrustum, PlanesPassThroughTheImageCornersAndClipSegmentsAndPolygons)
   }
   EXPECT_EQ(fr.planes[18] + fr.planes[19] + fr.planes[22] + fr.planes[23], -1 + 1 + 1 - 100);
 
-  // Segments: cut at each plane, rejected wholly outside or shorter than the minimum.
-  const struct {
-    double a[3], b[3];  // (u, v, z)
-    double minLength;
-    int kept;
-    int coord;  // coordinate checked at the ends: 0 u, 1 v, 2 z
-    double end0, end1;
-  } segs[] = {{{-40, 20, 10}, {100, 20, 10}, 0.0, 1, 0, 0.0, kSw - 1.0},
-              {{30, 90, 10}, {30, -30, 10}, 0.0, 1, 1, kSh - 1.0, 0.0},
-              {{31.5, 23.5, 0.25}, {31.5, 23.5, 400}, 0.0, 1, 2, 1.0, 100.0},
-              {{-5, 20, 10}, {-50, 20, 10}, 0.0, 0, 0, 0, 0},
-              {{31.5, 23.5, 0.5}, {31.5, 23.5, 1.1}, 0.2, 0, 0, 0, 0},
-              {{31.5, 23.5, 0.5}, {31.5, 23.5, 1.1}, 0.05, 1, 2, 1.0, 1.1}};
-  for (const auto& s : segs) {
-    double seg[6], out[6] = {123};
-    fr.backProject(s.a[0], s.a[1], s.a[2], seg);
-    fr.backProject(s.b[0], s.b[1], s.b[2], seg + 3);
-    ASSERT_EQ(clipSegmentToViewingFrustum(seg, out, fr.planes, s.minLength), s.kept);
-    if (!s.kept) {
-      EXPECT_EQ(out[0], 123.0);
-      continue;
-    }
-    const double* ends[2] = {out, out + 3};
-    const double expected[2] = {s.end0, s.end1};
-    for (int e = 0; e < 2; e++) {
-      const double* P = ends[e];
-      const double got =
-          s.coord == 2 ? P[2] : P[s.coord] / P[2] * fr.K[s.coord * 4] + fr.K[2 + 3 * s.coord];
-      EXPECT_NEAR(got, expected[e], 1e-9);
-    }
-  }
+  // Segments are cut at the side planes and at near and far, and refused
+  // wholly outside or when shorter than the minimum length.
+  double seg[6], out[6];
+  fr.backProject(-40, 20, 10, seg);
+  fr.backProject(100, 20, 10, seg + 3);
+  ASSERT_EQ(clipSegmentToViewingFrustum(seg, out, fr.planes, 0.0), 1);
+  EXPECT_NEAR(out[0] / out[2] * fr.K[0] + fr.K[2], 0.0, 1e-9);
+  EXPECT_NEAR(out[3] / out[5] * fr.K[0] + fr.K[2], kSw - 1.0, 1e-9);
+  const double axis[6] = {0, 0, 0.25, 0, 0, 400}, shortAxis[6] = {0, 0, 0.5, 0, 0, 1.1};
+  ASSERT_EQ(clipSegmentToViewingFrustum(axis, out, fr.planes, 0.0), 1);
+  EXPECT_NEAR(out[2], 1.0, 1e-9);
+  EXPECT_NEAR(out[5], 100.0, 1e-9);
+  EXPECT_EQ(clipSegmentToViewingFrustum(shortAxis, out, fr.planes, 0.2), 0);
+  EXPECT_EQ(clipSegmentToViewingFrustum(shortAxis, out, fr.planes, 0.05), 1);
+  fr.backProject(-5, 20, 10, seg);
+  fr.backProject(-50, 20, 10, seg + 3);
+  out[0] = 123.0;
+  EXPECT_EQ(clipSegmentToViewingFrustum(seg, out, fr.planes, 0.0), 0);
+  EXPECT_EQ(out[0], 123.0);
 
   // A square straddling each side keeps its inner half; the new edge on the
   // plane carries id -1, the others keep the ids they started with.
@@ -129,23 +117,17 @@ TEST(ViewingFrustum, PlanesPassThroughTheImageCornersAndClipSegmentsAndPolygons)
     }
     EXPECT_EQ(nOnPlane, 1);
   }
-  double far[30] = {0, 0, 200, 1, 0, 200, 0, 1, 200}, sv[30];
-  int ids[10] = {0, 1, 2}, sids[10], n = 3;
-  poly_clip_to_view_frustum(n, far, sv, fr.planes, ids, sids);
-  EXPECT_EQ(n, 0);
 }
 
-TEST(ConvexFill, ConvexityRuleDepthTestMaskAndBounds) {
+TEST(ConvexFill, ConvexityRuleWindingsAndDepthTest) {
   const int full[4] = {0, 0, kSw - 1, kSh - 1};
   std::vector<unsigned char> a(kSw * kSh, 0), b(kSw * kSh, 0);
   auto count = [](const std::vector<unsigned char>& img, unsigned char v) {
     return (int)std::count(img.begin(), img.end(), v);
   };
-  // A reflex vertex, too few vertices or NaN are refused and draw nothing.
-  const double dart[8] = {10, 10, 30, 20, 10, 30, 15, 20}, nanTri[6] = {NAN, 1, 2, 3, 4, 5};
+  // A reflex vertex is refused and draws nothing.
+  const double dart[8] = {10, 10, 30, 20, 10, 30, 15, 20};
   EXPECT_EQ(fill(a.data(), 9, nullptr, nullptr, nullptr, 4, dart, full, 0, 0), -1);
-  EXPECT_EQ(fill(a.data(), 9, nullptr, nullptr, nullptr, 2, dart, full, 0, 0), -1);
-  EXPECT_EQ(fill(a.data(), 9, nullptr, nullptr, nullptr, 3, nanTri, full, 0, 0), -1);
   EXPECT_EQ(count(a, 9), 0);
   // Both windings fill pixel centres inside: columns 11..20, rows 6..15.
   const double ccw[8] = {10.5, 5.5, 10.5, 15.5, 20.5, 15.5, 20.5, 5.5};
@@ -155,15 +137,6 @@ TEST(ConvexFill, ConvexityRuleDepthTestMaskAndBounds) {
   EXPECT_EQ(count(a, 1), 100);
   EXPECT_EQ(a[6 * kSw + 11] + a[15 * kSw + 20] + a[5 * kSw + 11] + a[6 * kSw + 21], 2);
   EXPECT_EQ(a, b);
-  // Clip rectangle and mask limit what is written; a huge polygon is cut at the border.
-  std::vector<unsigned char> mask(kSw * kSh, 0), c(kSw * kSh, 0);
-  for (int x = 0; x < kSw; x++) mask[10 * kSw + x] = 1;
-  const int rect[4] = {12, 0, 14, kSh - 1}, wide[4] = {-100, -100, 1000, 1000};
-  fill(c.data(), 1, nullptr, nullptr, mask.data(), 4, ccw, rect, 0, 0);
-  EXPECT_EQ(count(c, 1), 3);
-  const double huge[6] = {-1e7, -1e7, 1e7, -1e7, 0, 1e7};
-  EXPECT_EQ(fill(c.data(), 2, nullptr, nullptr, nullptr, 3, huge, wide, 0, 0), 0);
-  EXPECT_EQ(count(c, 2), kSw * kSh);
 
   // Depth test on the stored -(a0) inverse depth: nearer surfaces win.
   std::vector<unsigned char> img(kSw * kSh, 0);
@@ -180,9 +153,6 @@ TEST(ConvexFill, ConvexityRuleDepthTestMaskAndBounds) {
   EXPECT_EQ(count(img, 60), 75);
   fill(img.data(), 70, depth.data(), idMap.data(), nullptr, 4, q2, full, 9, -0.2, 1.0, 0.01);
   EXPECT_EQ(count(img, 70), 100);
-  // Outside lower..upper nothing is written.
-  fill(img.data(), 80, depth.data(), idMap.data(), nullptr, 4, q1, full, 1, -0.5, 0.4, 0.01);
-  EXPECT_EQ(count(img, 80), 0);
 }
 
 TEST(LineWalking, IteratorAndClippingBetweenEnds) {
@@ -210,10 +180,6 @@ TEST(LineWalking, IteratorAndClippingBetweenEnds) {
         const int sx = std::abs(p[i].first - p[i - 1].first),
                   sy = std::abs(p[i].second - p[i - 1].second);
         EXPECT_TRUE(connectivity == 8 ? std::max(sx, sy) == 1 : sx + sy == 1);
-        const double dist = std::fabs((double)(l[3] - l[1]) * (p[i].first - l[0]) -
-                                      (double)(l[2] - l[0]) * (p[i].second - l[1])) /
-                            std::hypot(adx, ady);
-        EXPECT_LE(dist, connectivity == 8 ? 0.75 : 1.0);
       }
     }
   }
@@ -376,18 +342,6 @@ TEST_F(Model, InconsistentMeshesFailWithTheirMessages) {
   }
   Polyhedron flat;  // the open surface is fine when declared flat
   EXPECT_EQ(zot_test::buildPolyhedron(flat, open, true, 30.0), 0);
-  // Three collinear first vertices: a default normal and a warning.
-  zot_test::Mesh strip;
-  strip.vertices = {0, 0, 0, 1, 0, 0, 1, 1, 0, 2, 0, 0, 3, 0, 0};
-  strip.faceSizes = {3, 3};
-  strip.faceIndices = {0, 1, 2, 1, 3, 4};
-  Polyhedron ph;
-  CaptureStdout();
-  EXPECT_EQ(zot_test::buildPolyhedron(ph, strip, true, 30.0), 0);
-  EXPECT_EQ(GetCapturedStdout(),
-            "WARNING: polygon 1 has collinear edges -> cannot compute the face normal!\n"
-            "Vertices = [1 3 4 ];\n");
-  EXPECT_EQ(ph.m_faceNormals[5], 1.0);
 }
 
 TEST_F(Model, MultibodyCapacitiesGettersAndLocalFrames) {
@@ -443,16 +397,6 @@ TEST_F(Model, MultibodyCapacitiesGettersAndLocalFrames) {
   for (int i = 0; i < 3; i++) EXPECT_NEAR(mb.m_polylines[line].m_points[3 + i], expected[i], 1e-12);
   EXPECT_DOUBLE_EQ(mb.m_polyhedra[inactive].m_vertices[2], -3.0);
   EXPECT_NEAR(mb.m_polyhedra[box].m_faceNormals[2], -1.0, 1e-12);
-
-  Cylinder cyl;
-  const double nb[3] = {0, 0, -1}, p1[3] = {0, 0, 1}, nt[3] = {0, 0, 1}, p2[3] = {0, 0, 4};
-  EXPECT_EQ(cyl.init(0.5, nb, p1, nt, p2), 0);
-  EXPECT_EQ(cyl.m_bottomPlane[3] * 10 + cyl.m_topPlane[3], 10.0 - 4.0);
-  CaptureStdout();
-  EXPECT_EQ(cyl.init(0.5, nb, p1, nt, p1), -1);
-  cyl.changeLocalFrame(Tinv);
-  EXPECT_NE(GetCapturedStdout().find("ERROR: Cylinder::changeLocalFrame is not yet implemented!\n"),
-            std::string::npos);
 }
 
 // ---------------------------------------------------------------- visible contours
@@ -628,7 +572,7 @@ TEST_F(Visibility, BoxHalfHiddenBehindAnotherBoxAndTheRayCastingCheck) {
   EXPECT_EQ(checkedIds[2], 65536 + edge);
 }
 
-TEST_F(Visibility, MasksPresetDepthPolylinesAndTheSampleLimit) {
+TEST_F(Visibility, MasksPresetDepthAndTheSampleLimit) {
   Multibody plain, masked, preset, limited;
   for (Multibody* mb : {&plain, &masked, &preset, &limited})
     zot_test::addPolyhedronBody(*mb, zot_test::boxMesh(kOrigin, kUnit), false, 30.0);
@@ -668,23 +612,6 @@ TEST_F(Visibility, MasksPresetDepthPolylinesAndTheSampleLimit) {
             "WARNING: reached maximum number of sample points per camera!!!\n");
   ASSERT_EQ(first.size(), 10u);
   for (int k = 0; k < 10; k++) EXPECT_EQ(first[k].id, all[k].id);
-
-  // Polylines on the front face (z = 7) are sampled, behind the box (z = 9) not.
-  Multibody lines;
-  const double centre[3] = {0, 0, 8};
-  zot_test::addPolyhedronBody(lines, zot_test::boxMesh(centre, kUnit), false, 30.0);
-  zot_test::addPolylineBody(lines, {-0.5, 0.2, 7, 0.5, 0.2, 7}, {0, 1}, 0, 0);
-  zot_test::addPolylineBody(lines, {-0.5, 0.2, 9, 0.5, 0.2, 9}, {0, 1}, 0, 1);
-  initModel(lines);
-  matrixIdentity(T, 4);
-  int onFront = 0;
-  for (const Sample& s : sample(lines, T, 2)) {
-    EXPECT_NE(s.id >> 16, 2) << "polyline behind the box";
-    if ((s.id >> 16) != 1) continue;
-    onFront++;
-    EXPECT_NEAR(s.X[2], 7.0, 1e-9);
-  }
-  EXPECT_GE(onFront, 30);
 }
 
 TEST_F(Visibility, StepBordersAndBadPoses) {

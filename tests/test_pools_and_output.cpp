@@ -155,29 +155,13 @@ TEST_F(Pools, UsageReportHasItsExactFormIncludingThe32BitByteSums) {
 }
 
 // ---------------------------------------------------------------- messages and files
-TEST(Messages, EveryFailureCodePrintsItsFixedMessage) {
+TEST(Messages, FailureCodesPrintTheirFixedMessages) {
+  // The ends of the code table and the codes beyond it on both sides.
   CaptureStdout();
-  for (int code = 1; code >= -17; code--) printError(code);
+  for (int code : {1, 0, -1, -7, -16, -17}) printError(code);
   EXPECT_EQ(GetCapturedStdout(),
-            "UNKNOWN ERROR CODE!\n"
-            "UNKNOWN ERROR CODE!\n"
-            "FAILURE: Internal failure\n"
-            "FAILURE: Too many outliers\n"
-            "FAILURE: VLD failed\n"
-            "FAILURE: Divergence in pose estimation\n"
-            "FAILURE: Out of screen object\n"
-            "FAILURE: Max. Gauss-Newton iteration reached\n"
-            "FAILURE: SVD failed\n"
-            "FAILURE: Quicksort failed\n"
-            "FAILURE: Too high final reprojection error\n"
-            "FAILURE: Camera parser\n"
-            "FAILURE: Tracker parser\n"
-            "FAILURE: Model parser\n"
-            "FAILURE: Polyhedron parser\n"
-            "FAILURE: Polyline parser\n"
-            "FAILURE: projected point at infinity\n"
-            "FAILURE: Canny edge detection\n"
-            "UNKNOWN ERROR CODE!\n");
+            "UNKNOWN ERROR CODE!\nUNKNOWN ERROR CODE!\nFAILURE: Internal failure\n"
+            "FAILURE: SVD failed\nFAILURE: Canny edge detection\nUNKNOWN ERROR CODE!\n");
 }
 
 TEST(Messages, DiagnosticStringTakesWholeTextsAndTimingsUpToItsLimit) {
@@ -327,7 +311,7 @@ TEST(Drawing, LinesAndCirclesAreClippedToTheImage) {
   EXPECT_TRUE(corner.guardsIntact());
 }
 
-TEST(Drawing, ColourOrderFramesAndMatchingPoints) {
+TEST(Drawing, LinesReverseTheColourTripleAndCirclesSwapIt) {
   // Lines write (b, g, r) = (colour[2], colour[1], colour[0]); circles swap
   // the caller's array each time they draw.
   Canvas rgb(8, 8, true);
@@ -339,25 +323,4 @@ TEST(Drawing, ColourOrderFramesAndMatchingPoints) {
   EXPECT_EQ(rgb.at(4, 4)[0] * 10000 + col[0], 300030);
   drawCircle(rgb.data(), 8, 8, true, centre, 0, col, true);
   EXPECT_EQ(rgb.at(4, 4)[0], 10);
-
-  // A frame 10 units in front of the camera: white origin, x axis red, y
-  // green, z towards the camera drawn last in blue over the origin.
-  Canvas img(64, 64, true);
-  const double K[9] = {100, 0, 32, 0, 100, 32, 0, 0, 1};
-  double T[16];
-  TfromEuler(T, 0, 0, 0, 0, 0, 10);
-  drawCartesianFrame(K, T, 2.0, img.data(), 64, 64, true);
-  const unsigned char* pixels[4] = {img.at(31, 31), img.at(45, 32), img.at(32, 45), img.at(32, 32)};
-  const unsigned char expected[4][3] = {{255, 255, 255}, {0, 0, 255}, {0, 255, 0}, {255, 0, 0}};
-  for (int p = 0; p < 4; p++)
-    for (int ch = 0; ch < 3; ch++) EXPECT_EQ(pixels[p][ch], expected[p][ch]) << p << " " << ch;
-
-  // Samples green, normals red, matches blue, only where the weight is not 0.
-  Canvas m(40, 40, true);
-  const double samples[4] = {10, 10, 30, 30}, normals[4] = {1, 0, 0, 1};
-  const double matches[4] = {14, 10, 30, 34}, weights[2] = {1.0, 0.0};
-  drawMatchingPoints(2, samples, normals, matches, weights, m.data(), 40, 40, true, true, 6.0);
-  EXPECT_EQ(m.at(10, 10)[1] + m.at(5, 10)[2] + m.at(14, 10)[0] + m.at(30, 34)[2], 4 * 255);
-  EXPECT_EQ(m.at(10, 10)[0] + m.at(5, 10)[1] + m.at(30, 34)[0], 0);
-  EXPECT_TRUE(m.guardsIntact());
 }
