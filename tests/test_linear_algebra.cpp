@@ -263,18 +263,6 @@ TEST(Twists, LogarithmAndAngleAxisInvertTheirExponentials) {
     matrixProduct444(Taa, Tinv, P);
     for (int i = 0; i < 16; i++) ASSERT_NEAR(P[i], (i % 5 == 0) ? 1.0 : 0.0, 1e-12);
   }
-  // Increments multiply from the right.
-  double dT[16], expected[16];
-  TfromEuler(T, 10, -20, 30, 5, 6, 7);
-  const double xi[6] = {3, -4, 5, 1, 2, 3};
-  TfromTwist(xi, dT);
-  matrixProduct444(T, dT, expected);
-  updatePoseTwist(T, xi);
-  expectNear(T, expected, 16, 0.0);
-  TfromAngleAxis(xi, dT);
-  matrixProduct444(T, dT, expected);
-  updatePoseAngleAxis(T, xi);
-  expectNear(T, expected, 16, 0.0);
 }
 
 TEST(Projection, PinholeDepthZeroAndInverseDepthPoseVectors) {

@@ -279,7 +279,9 @@ TEST_F(Model, PolyhedronTopologyFeatureEdgesAndPairingOrder) {
   two.faceSizes = {4, 4};
   two.faceIndices = {0, 1, 2, 3, 1, 4, 5, 2};
   Polyhedron plates;
+  CaptureStdout();
   ASSERT_EQ(zot_test::buildPolyhedron(plates, two, true, 10.0), 0);
+  EXPECT_EQ(GetCapturedStdout(), "");  // the edge cross-check finds nothing wrong
   EXPECT_EQ(plates.m_nEdges, 7);
   const int sharedEdge[5] = {1, 2, 0, 1, 0}, boundary[5] = {0, 1, 0, -1, 1};
   for (int i = 0; i < 5; i++)
