@@ -311,7 +311,7 @@ TEST(Drawing, LinesAndCirclesAreClippedToTheImage) {
   EXPECT_TRUE(corner.guardsIntact());
 }
 
-TEST(Drawing, LinesReverseTheColourTripleAndCirclesSwapIt) {
+TEST(Drawing, ColourOrderAndTheCartesianFrame) {
   // Lines write (b, g, r) = (colour[2], colour[1], colour[0]); circles swap
   // the caller's array each time they draw.
   Canvas rgb(8, 8, true);
@@ -323,4 +323,14 @@ TEST(Drawing, LinesReverseTheColourTripleAndCirclesSwapIt) {
   EXPECT_EQ(rgb.at(4, 4)[0] * 10000 + col[0], 300030);
   drawCircle(rgb.data(), 8, 8, true, centre, 0, col, true);
   EXPECT_EQ(rgb.at(4, 4)[0], 10);
+
+  // A frame 10 units in front of the camera: x axis red, y axis green, z
+  // towards the camera drawn last in blue over the origin.
+  Canvas img(64, 64, true);
+  const double K[9] = {100, 0, 32, 0, 100, 32, 0, 0, 1};
+  double T[16];
+  TfromEuler(T, 0, 0, 0, 0, 0, 10);
+  drawCartesianFrame(K, T, 2.0, img.data(), 64, 64, true);
+  EXPECT_EQ(img.at(45, 32)[2] + img.at(32, 45)[1] + img.at(32, 32)[0], 3 * 255);
+  EXPECT_EQ(img.at(45, 32)[1] + img.at(32, 45)[2] + img.at(32, 32)[2], 0);
 }
