@@ -1,0 +1,926 @@
+// The contour tracker's pieces and its Gauss-Newton loop: reprojection and
+// Jacobians against central differences, the stacked residuals, matching
+// along normals on hand-made edge maps, the two least-squares solvers, the
+// loop on boxes rendered at known poses, edge detection per camera and the
+// edge-correlation analysis.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ContourTracker.h"
+#include "IO.h"
+#include "Imgproc.h"
+#include "Math.h"
+#include "alloc_counter.h"
+#include "memory_handling.h"
+#include "synthetic_images.h"
+#include "tracking_scene.h"
+
+using namespace ZOTtracker;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using zot_test::LoopParams;
+using zot_test::TrackingCamera;
+using zot_test::TrackingScene;
+
+namespace {
+
+constexpr int kMaxSamples = 400;
+const double kAllFree[6] = {1, 1, 1, 1, 1, 1};
+
+bool sameBits(const double* a, const double* b, int n) {
+  return std::memcmp(a, b, n * sizeof(double)) == 0;
+}
+
+// A camera a little off the reference (tool) frame.
+TrackingCamera offsetCamera() {
+  TrackingCamera cam;
+  TfromEuler(cam.camFromRef, 3.0, -2.0, 1.0, 10.0, -5.0, 20.0);
+  return cam;
+}
+
+// The object 500 in front of the camera, turned so that three faces show,
+// as a pose in the reference frame.
+void truePoseRef(const TrackingCamera& cam, double* poseRef) {
+  double poseCam[16], refFromCam[16];
+  TfromEuler(poseCam, 25.0, -30.0, 15.0, 5.0, -3.0, 500.0);
+  inverseTransform(cam.camFromRef, refFromCam);
+  matrixProduct444(refFromCam, poseCam, poseRef);
+}
+
+// A start 2 degrees and 5 mm off: pose * [R(axis, 2 deg) t].
+void offStart(const double* truth, double* start) {
+  const double k = 2.0 * ZOT_PI / 180.0 / 1.5;  // |(1, -1, 0.5)| = 1.5
+  const double rvec[3] = {k, -k, 0.5 * k}, t[3] = {3.0, -4.0, 0.0};
+  double R[9], D[16];
+  matrixRvecToRmat(rvec, R);
+  TfromRotTransl(R, t, D);
+  matrixProduct444(truth, D, start);
+}
+
+// Puts samples (3 doubles each) with their tangents into camera cam's buffers.
+void injectSamples(Multibody& model, int cam, const std::vector<double>& points,
+                   const std::vector<double>& tangents) {
+  std::copy(points.begin(), points.end(), model.m_samplePointsPerCam[cam]);
+  std::copy(tangents.begin(), tangents.end(), model.m_sampleTangentDirPerCam[cam]);
+  model.m_nSamplePointsPerCam[cam] = (int)points.size() / 3;
+}
+
+const std::vector<double> kPoints = {50, 40, 0, 0, -40, 30, -50, 10, -30, 20, 40, 30, -50, -40, 30};
+const std::vector<double> kTangents = {0, 0, 1, 1, 0, 0, 0, 1, 0, 0.6, 0, 0.8, 0, -1, 0};
+
+// Injected samples on the box at a general pose, seen by the offset camera.
+class Reprojection : public ::testing::Test {
+ protected:
+  Reprojection() : m_scene({offsetCamera()}, zot_test::trackingBox(), 100) {
+    truePoseRef(m_scene.m_cams[0], m_pose);
+    const TrackingCamera& cam = m_scene.m_cams[0];
+    for (int i = 0; i < 3; i++)  // P = [K | 0] * camFromRef
+      for (int j = 0; j < 4; j++) {
+        m_P[4 * i + j] = 0.0;
+        for (int k = 0; k < 3; k++) m_P[4 * i + j] += cam.K[3 * i + k] * cam.camFromRef[4 * k + j];
+      }
+    injectSamples(*m_scene.m_model, 0, kPoints, kTangents);
+  }
+  // Pixel of object point X at pose, by the independent projection.
+  void project(const double* pose, const double* X, double* uv) const {
+    double T[16];
+    m_scene.poseInCamera(pose, 0, T);
+    zot_test::projectObjectPoint(T, m_scene.m_cams[0].K, X, uv);
+  }
+  // The pose moved by eps along increment parameter j (rotations in degrees
+  // about the object's axes, translation in the object or reference frame).
+  static void moved(const double* pose, int j, double eps, bool objectFrame, double* out) {
+    double twist[6] = {0, 0, 0, 0, 0, 0}, D[16];
+    twist[j] = eps;
+    std::memcpy(out, pose, 16 * sizeof(double));
+    if (objectFrame || j < 3) {
+      updatePoseTwist(out, twist);
+    } else {
+      TfromTwist(twist, D);
+      matrixProduct444(D, pose, out);
+    }
+  }
+  ContourTracker& tracker() { return m_scene.m_tracker; }
+  TrackingScene m_scene;
+  double m_pose[16], m_P[12];
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- reprojection
+TEST_F(Reprojection, EveryJacobianColumnMatchesCentralDifferences) {
+  const int n = (int)kPoints.size() / 3;
+  const double eps = 1e-5;
+  for (bool objectFrame : {true, false}) {
+    ASSERT_EQ(tracker().computeReprojectionAndJacobian(*m_scene.m_model, 0, m_pose, m_P, true,
+                                                       objectFrame),
+              0);
+    for (int k = 0; k < n; k++) {
+      const double* X = &kPoints[3 * k];
+      double uv[2];
+      project(m_pose, X, uv);
+      EXPECT_NEAR(tracker().m_projPoints[0][2 * k], uv[0], 1e-9);
+      EXPECT_NEAR(tracker().m_projPoints[0][2 * k + 1], uv[1], 1e-9);
+      for (int j = 0; j < 6; j++) {
+        double plus[16], minus[16], a[2], b[2];
+        moved(m_pose, j, eps, objectFrame, plus);
+        moved(m_pose, j, -eps, objectFrame, minus);
+        project(plus, X, a);
+        project(minus, X, b);
+        const double du = (a[0] - b[0]) / (2 * eps), dv = (a[1] - b[1]) / (2 * eps);
+        EXPECT_NEAR(tracker().m_jacU[0][6 * k + j], du, 1e-6 * std::fmax(1.0, std::fabs(du)))
+            << "point " << k << " column " << j << " object frame " << objectFrame;
+        EXPECT_NEAR(tracker().m_jacV[0][6 * k + j], dv, 1e-6 * std::fmax(1.0, std::fabs(dv)))
+            << "point " << k << " column " << j << " object frame " << objectFrame;
+      }
+    }
+  }
+}
+
+// The stacked row d r / d increment is the normal times the image motion,
+// for all six columns, matched or not.
+TEST_F(Reprojection, TheNormalResidualJacobianMatchesCentralDifferences) {
+  const int n = (int)kPoints.size() / 3;
+  const int w = m_scene.m_cams[0].width, h = m_scene.m_cams[0].height;
+  std::memset(tracker().m_edgeMap[0], 0, (size_t)w * h);
+  double cost = -1.0;
+  ASSERT_EQ(tracker().computeOverallCostAndJacobian(
+                *m_scene.m_model, cost, m_pose, m_scene.m_camFromRef, m_scene.m_K, 1.0, 1.0, 4,
+                10.0, 20.0, true, true, false, true, false, false, false),
+            0);
+  ASSERT_EQ(tracker().m_nTotalPoints, n);
+  EXPECT_EQ(cost, 50.0) << "every point unmatched costs searchRange^2 / 2";
+  const double eps = 1e-6;
+  for (int k = 0; k < n; k++) {
+    const double* nrm = tracker().m_normals[0] + 2 * k;
+    for (int j = 0; j < 6; j++) {
+      double plus[16], minus[16], a[2], b[2];
+      moved(m_pose, j, eps, true, plus);
+      moved(m_pose, j, -eps, true, minus);
+      project(plus, &kPoints[3 * k], a);
+      project(minus, &kPoints[3 * k], b);
+      const double d = (nrm[0] * (a[0] - b[0]) + nrm[1] * (a[1] - b[1])) / (2 * eps);
+      EXPECT_NEAR(tracker().m_normalJacobian[6 * k + j], d, 1e-6 * std::fmax(1.0, std::fabs(d)))
+          << "point " << k << " column " << j;
+    }
+  }
+}
+
+TEST_F(Reprojection, NormalsAreUnitAndAQuarterTurnFromTheProjectedTangent) {
+  const int n = (int)kPoints.size() / 3;
+  for (int i = 0; i < 6 * n; i++) tracker().m_jacU[0][i] = -3.25;
+  tracker().computeReprojectionAndJacobian(*m_scene.m_model, 0, m_pose, m_P, false, true);
+  for (int i = 0; i < 6 * n; i++) ASSERT_EQ(tracker().m_jacU[0][i], -3.25) << "no Jacobian asked";
+  for (int k = 0; k < n; k++) {
+    const double* X = &kPoints[3 * k];
+    const double* D = &kTangents[3 * k];
+    const double Xb[3] = {X[0] + 1e-3 * D[0], X[1] + 1e-3 * D[1], X[2] + 1e-3 * D[2]};
+    double a[2], b[2];
+    project(m_pose, X, a);
+    project(m_pose, Xb, b);
+    const double t[2] = {b[0] - a[0], b[1] - a[1]};
+    const double* nrm = tracker().m_normals[0] + 2 * k;
+    EXPECT_NEAR(std::hypot(nrm[0], nrm[1]), 1.0, 1e-12);
+    EXPECT_NEAR((nrm[0] * t[0] + nrm[1] * t[1]) / std::hypot(t[0], t[1]), 0.0, 1e-6);
+    EXPECT_GT(nrm[0] * t[1] - nrm[1] * t[0], 0.0);  // (dv, -du)
+  }
+}
+
+// ---------------------------------------------------------------- stacked cost
+// A model edge along the object's y axis seen head-on projects onto the
+// column u = 159.5 + 600 * 20 / 500 = 183.5.
+class StackedCost : public ::testing::Test {
+ protected:
+  StackedCost() : m_scene({TrackingCamera()}, zot_test::trackingBox(), 100) {
+    matrixIdentity(m_pose, 4);
+    m_pose[11] = 500.0;
+    std::vector<double> points, tangents;
+    for (int i = 0; i < 10; i++) {
+      points.insert(points.end(), {20.0, -30.0 + 6.0 * i, 0.0});
+      tangents.insert(tangents.end(), {0.0, 1.0, 0.0});
+    }
+    injectSamples(*m_scene.m_model, 0, points, tangents);
+    std::memset(t().m_edgeMap[0], 0, 320 * 240);
+    std::memset(t().m_gradX[0], 0, 320 * 240 * sizeof(short));
+    std::memset(t().m_gradY[0], 0, 320 * 240 * sizeof(short));
+  }
+  void verticalEdge(int x) {
+    for (int y = 0; y < 240; y++) {
+      t().m_edgeMap[0][y * 320 + x] = 255;
+      t().m_gradX[0][y * 320 + x] = -400;
+    }
+  }
+  int evaluate(double searchRange, bool resample = false, bool match = true) {
+    return t().computeOverallCostAndJacobian(*m_scene.m_model, m_cost, m_pose,
+                                             m_scene.m_camFromRef, m_scene.m_K, 1.0, 1.0, 4,
+                                             searchRange, 20.0, true, true, resample, match, false,
+                                             false, false);
+  }
+  ContourTracker& t() { return m_scene.m_tracker; }
+  TrackingScene m_scene;
+  double m_pose[16];
+  double m_cost = -1.0;
+};
+
+TEST_F(StackedCost, ResidualsReachTheEdgeAndOneStepLandsOnIt) {
+  verticalEdge(187);
+  ASSERT_EQ(evaluate(10.0), 0);
+  ASSERT_EQ(t().m_nTotalPoints, 10);
+  double expectedCost = 0.0;
+  for (int i = 0; i < 10; i++) {
+    const double u = t().m_projPoints[0][2 * i], nx = t().m_normals[0][2 * i];
+    ASSERT_NEAR(u, 183.5, 1e-9);
+    ASSERT_EQ(t().m_inlierWeights[i], 1.0);
+    EXPECT_EQ(t().m_matchedPoints[0][2 * i], 187.0);
+    EXPECT_NEAR(t().m_residuals[i], (187.0 - u) * nx, 1e-9);
+    expectedCost += 0.5 * t().m_residuals[i] * t().m_residuals[i];
+  }
+  EXPECT_NEAR(m_cost, expectedCost / 10, 1e-12);
+  double dx[6];
+  const double xOnly[6] = {0, 0, 0, 1, 0, 0};
+  ASSERT_EQ(t().computePoseUpdate_squareLSE(dx, xOnly, false, nullptr), 0);
+  updatePoseTwist(m_pose, dx);
+  ASSERT_EQ(evaluate(10.0), 0);
+  for (int i = 0; i < 10; i++) EXPECT_NEAR(t().m_projPoints[0][2 * i], 187.0, 1e-6);
+  // Out of a 2-pixel search: unmatched, residual searchRange; without
+  // matching the old matches stay at a new pose.
+  m_pose[3] = 0.0;
+  ASSERT_EQ(evaluate(2.0), 0);
+  for (int i = 0; i < 10; i++) {
+    EXPECT_EQ(t().m_inlierWeights[i], 0.0);
+    EXPECT_EQ(t().m_residuals[i], 2.0);
+  }
+  EXPECT_EQ(m_cost, 2.0);
+  verticalEdge(184);
+  m_pose[3] = 1.0;
+  ASSERT_EQ(evaluate(2.0, false, false), 0);
+  EXPECT_EQ(t().m_inlierWeights[0], 0.0);
+  EXPECT_NEAR(t().m_projPoints[0][0], 183.5 + 1.2, 1e-9);
+}
+
+TEST_F(StackedCost, SamplesOnOrBehindTheCameraPlaneNeverMatchAndNoneIsOutOfScreen) {
+  std::memset(t().m_edgeMap[0], 255, 320 * 240);
+  for (int k = 0; k < 320 * 240; k++) t().m_gradX[0][k] = 300;
+  // Depth 500 + z: regular, on the camera plane, behind, just in front of it.
+  injectSamples(*m_scene.m_model, 0, {0, 0, 0, 10, 5, -500, 10, 5, -700, 10, 5, -500 + 1e-12},
+                {0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0});
+  ASSERT_EQ(evaluate(10.0), 0);
+  EXPECT_EQ(t().m_inlierWeights[0], 1.0);
+  EXPECT_EQ(t().m_inlierWeights[1], 0.0);
+  EXPECT_EQ(t().m_residuals[1], 10.0);
+  EXPECT_EQ(t().m_inlierWeights[3], 0.0);
+  double dx[6], covariance[36];
+  EXPECT_EQ(t().computePoseUpdate_squareLSE(dx, kAllFree, true, covariance), 0);
+  EXPECT_TRUE(isFiniteArray(dx, 6));
+  m_scene.m_model->m_nSamplePointsPerCam[0] = 0;
+  m_cost = 123.0;
+  EXPECT_EQ(evaluate(10.0), ZOT_ERR_OUT_OF_SCREEN);
+  m_pose[11] = -500.0;
+  EXPECT_EQ(evaluate(10.0, true), ZOT_ERR_OUT_OF_SCREEN);
+  EXPECT_EQ(m_cost, 123.0);
+}
+
+// ---------------------------------------------------------------- matching
+namespace {
+constexpr int kW = 128, kH = 96;
+TrackingCamera smallCamera() {
+  TrackingCamera cam;
+  cam.width = kW;
+  cam.height = kH;
+  return cam;
+}
+class Matching : public ::testing::Test {
+ protected:
+  Matching() : m_scene({smallCamera()}, zot_test::trackingBox(), 16) { clear(); }
+  void clear() {
+    std::memset(t().m_edgeMap[0], 0, kW * kH);
+    std::memset(t().m_gradX[0], 0, kW * kH * sizeof(short));
+    std::memset(t().m_gradY[0], 0, kW * kH * sizeof(short));
+  }
+  ContourTracker& t() { return m_scene.m_tracker; }
+  // An edge pixel (or with edge false only a gradient) with gradient (gx, gy).
+  void edge(int x, int y, short gx, short gy, bool isEdge = true) {
+    if (isEdge) t().m_edgeMap[0][y * kW + x] = 255;
+    t().m_gradX[0][y * kW + x] = gx;
+    t().m_gradY[0][y * kW + x] = gy;
+  }
+  bool canny(int x, int y, double nx, double ny, double range, double angle, int* found) {
+    const int start[2] = {x, y};
+    const double normal[2] = {nx, ny};
+    return t().measurement_single_line_nn_Canny(0, start, normal, range, angle, found);
+  }
+  bool dirDer(int x, int y, double nx, double ny, double range, double rel, int* found) {
+    const int start[2] = {x, y};
+    const double normal[2] = {nx, ny};
+    return t().measurement_single_line_nn_dir_der(0, start, normal, range, rel, 20.0, found);
+  }
+  TrackingScene m_scene;
+};
+}  // namespace
+
+TEST_F(Matching, TheNearestEdgeWinsTheMinusSideFirstAndTheLineIsClipped) {
+  int found[2] = {-1, -1};
+  edge(17, 10, 100, 0);
+  edge(23, 10, 100, 0);
+  ASSERT_TRUE(canny(20, 10, 1.0, 0.0, 10.0, 20.0, found));
+  EXPECT_EQ(found[0], 17);
+  EXPECT_EQ(found[1], 10);
+  ASSERT_TRUE(canny(20, 10, -1.0, 0.0, 10.0, 20.0, found));
+  EXPECT_EQ(found[0], 23);
+  edge(22, 10, -100, 0);  // nearer, either gradient sign
+  ASSERT_TRUE(canny(20, 10, 1.0, 0.0, 10.0, 20.0, found));
+  EXPECT_EQ(found[0], 22);
+  found[0] = found[1] = -5;
+  EXPECT_FALSE(canny(20, 10, 1.0, 0.0, 1.0, 20.0, found));
+  EXPECT_EQ(found[0], -5);
+  edge(20, 10, 100, 0);
+  ASSERT_TRUE(canny(20, 10, 1.0, 0.0, 0.0, 20.0, found));
+  EXPECT_EQ(found[0], 20);
+  EXPECT_FALSE(canny(21, 10, 1.0, 0.0, 0.0, 20.0, found));
+  // Clipped at the left and bottom borders, the other side goes on.
+  edge(6, 30, 100, 0);
+  ASSERT_TRUE(canny(1, 30, 1.0, 0.0, 8.0, 20.0, found));
+  EXPECT_EQ(found[0], 6);
+  edge(70, kH - 8, 0, 100);
+  ASSERT_TRUE(canny(70, kH - 2, 0.0, -1.0, 10.0, 20.0, found));
+  EXPECT_EQ(found[1], kH - 8);
+  EXPECT_FALSE(canny(0, 0, -1.0, 0.0, 50.0, 20.0, found));
+  // Diagonal normals walk 4-connected lines: 9 pixels within 3 of (20, 20).
+  clear();
+  const double h = std::sqrt(0.5);
+  int hits = 0;
+  for (int y = 15; y <= 25; y++)
+    for (int x = 15; x <= 25; x++) {
+      std::memset(t().m_edgeMap[0], 0, kW * kH);
+      edge(x, y, 100, 100);
+      if (!canny(20, 20, h, h, 3.0, 20.0, found)) continue;
+      hits++;
+      const int dx = x - 20, dy = y - 20;
+      EXPECT_TRUE(dx * dy >= 0 && std::abs(dx) <= 2 && std::abs(std::abs(dx) - std::abs(dy)) <= 1)
+          << x << "," << y;
+    }
+  EXPECT_EQ(hits, 9);
+}
+
+TEST_F(Matching, TheAngleTestIsStrictAndNeedsAGradient) {
+  edge(30, 30, 0, 5);  // against normal (0.6, 0.8): cosine 0.8 exactly
+  double angle = std::acos(0.8) * 180.0 / ZOT_PI;
+  for (int i = 0; i < 1000 && std::cos(angle * ZOT_PI / 180.0) != 0.8; i++)
+    angle = std::nextafter(angle, std::cos(angle * ZOT_PI / 180.0) > 0.8 ? 90.0 : 0.0);
+  ASSERT_EQ(std::cos(angle * ZOT_PI / 180.0), 0.8);
+  int found[2];
+  EXPECT_FALSE(canny(30, 30, 0.6, 0.8, 0.0, angle, found)) << "exactly the limit is rejected";
+  EXPECT_TRUE(canny(30, 30, 0.6, 0.8, 0.0, angle + 1e-9, found));
+  edge(40, 40, 0, 300);
+  edge(41, 40, 0, 0);
+  for (double maxAngle : {-5.0, 0.0, 89.0, 90.0}) {
+    EXPECT_FALSE(canny(40, 40, 1.0, 0.0, 0.0, maxAngle, found)) << maxAngle;
+    EXPECT_FALSE(canny(41, 40, 1.0, 0.0, 0.0, maxAngle, found)) << maxAngle;
+  }
+  edge(50, 40, 1, 300);
+  EXPECT_TRUE(canny(50, 40, 1.0, 0.0, 0.0, 0.0, found)) << "no angle limit";
+  // Projected points round half away from zero; outside or non-finite ones
+  // stay unmatched.
+  clear();
+  edge(0, 10, 100, 0);
+  edge(kW - 1, 20, 100, 0);
+  const double uv[] = {-0.4, 10.0, -0.6, 10.0, kW - 0.6, 20.0, kW - 0.5, 20.0, 5.0, std::nan(""),
+                       5.0,  1e300, 60.0, 60.0};
+  m_scene.m_model->m_nSamplePointsPerCam[0] = 7;
+  for (int k = 0; k < 7; k++) {
+    t().m_projPoints[0][2 * k] = uv[2 * k];
+    t().m_projPoints[0][2 * k + 1] = uv[2 * k + 1];
+    t().m_normals[0][2 * k] = 1.0;
+    t().m_normals[0][2 * k + 1] = 0.0;
+    t().m_matchFlags[0][k] = -9.0;
+  }
+  ASSERT_EQ(t().matchAlongNormals(*m_scene.m_model, 0, 3.0, 20.0, false, false), 0);
+  const double expected[7][3] = {{0, 10, 1}, {0, 0, 0}, {kW - 1, 20, 1}, {0, 0, 0},
+                                 {0, 0, 0},  {0, 0, 0}, {0, 0, 0}};
+  for (int k = 0; k < 7; k++) {
+    EXPECT_EQ(t().m_matchedPoints[0][2 * k], expected[k][0]) << k;
+    EXPECT_EQ(t().m_matchedPoints[0][2 * k + 1], expected[k][1]) << k;
+    EXPECT_EQ(t().m_matchFlags[0][k], expected[k][2]) << k;
+  }
+}
+
+TEST_F(Matching, DirectionalDerivativeTakesTheNearestPeak) {
+  int found[2] = {-1, -1};
+  // Peaks at x = 16 (4 away) and x = 23 (3 away) on row 40.
+  const short row[] = {0, 0, 0, 100, 800, 100, 0, 0, 0, 0, 100, 900, 100, 0, 0};
+  for (int i = 0; i < 15; i++) edge(12 + i, 40, row[i], 0, false);
+  ASSERT_TRUE(dirDer(20, 40, 1.0, 0.0, 8.0, 0.1, found));
+  EXPECT_EQ(found[0], 23);
+  EXPECT_EQ(found[1], 40);
+  // At equal distance the minus end wins.
+  const short shifted[] = {100, 900, 100};
+  for (int i = 0; i < 3; i++) edge(23 + i, 40, shifted[i], 0, false);
+  edge(22, 40, 0, 0, false);
+  ASSERT_TRUE(dirDer(20, 40, 1.0, 0.0, 8.0, 0.1, found));
+  EXPECT_EQ(found[0], 16);
+  EXPECT_FALSE(dirDer(20, 40, 1.0, 0.0, 8.0, 0.5, found)) << "below relThreshold * 8 * 255";
+  // A plateau of two equal values: the nearer is taken; across the normal
+  // the derivative is nothing.
+  const short plateau[] = {100, 700, 700, 100};
+  for (int i = 0; i < 4; i++) edge(21 + i, 50, plateau[i], 0, false);
+  ASSERT_TRUE(dirDer(20, 50, 1.0, 0.0, 8.0, 0.1, found));
+  EXPECT_EQ(found[0], 22);
+  EXPECT_FALSE(dirDer(20, 50, 0.0, 1.0, 8.0, 0.1, found));
+  // Lines too short for the window, or longer than it can hold.
+  EXPECT_FALSE(dirDer(0, 0, 1.0, 0.0, 0.0, 0.0, found));
+  CaptureStdout();
+  EXPECT_FALSE(dirDer(60, 48, std::sqrt(0.5), std::sqrt(0.5), 40.0, 0.0, found));
+  GetCapturedStdout();
+}
+
+// ---------------------------------------------------------------- solvers
+namespace {
+class PoseUpdate : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    doBigMalloc(100000, 10000, 100000, 10, 100000, 10, 100000);
+    const int w = 32, h = 32;
+    const double zNear = 1.0, zFar = 10.0;
+    m_tracker.init(&w, &h, &zNear, &zFar, 1, 200);
+  }
+  void TearDown() override { doBigFree(); }
+  // n rows of a seeded random Jacobian, residuals J * dx, weight 1.
+  void randomSystem(int n, const double* dx) {
+    zot_test::Lcg rng(7);
+    m_tracker.m_nTotalPoints = n;
+    for (int i = 0; i < n; i++) {
+      double r = 0.0;
+      for (int j = 0; j < 6; j++) {
+        const double v = 20.0 * (rng.uniform() - 0.5);
+        m_tracker.m_normalJacobian[6 * i + j] = v;
+        r += v * dx[j];
+      }
+      m_tracker.m_residuals[i] = r;
+      m_tracker.m_inlierWeights[i] = 1.0;
+    }
+  }
+  int rectangular(double* dx, const double* mask, bool covariance, double* cov) {
+    CaptureStdout();  // the solver prints its condition number
+    const int code = m_tracker.computePoseUpdate_rectangularLSE(dx, mask, covariance, cov);
+    GetCapturedStdout();
+    return code;
+  }
+  ContourTracker m_tracker;
+};
+}  // namespace
+
+TEST_F(PoseUpdate, BothSolversRecoverAKnownIncrementWithWeightsAsSwitches) {
+  const double truth[6] = {0.8, -1.5, 0.3, 2.0, -0.7, 4.0};
+  double dx[6], reference[6];
+  randomSystem(40, truth);
+  // Weight 3 is the same switch as 1; rows switched off do not count.
+  for (int i = 0; i < 40; i += 3) m_tracker.m_inlierWeights[i] = 3.0;
+  m_tracker.m_nTotalPoints = 45;
+  for (int i = 40; i < 45; i++) {
+    for (int j = 0; j < 6; j++) m_tracker.m_normalJacobian[6 * i + j] = 1e3 * (j + 1);
+    m_tracker.m_residuals[i] = 1e6;
+    m_tracker.m_inlierWeights[i] = 0.0;
+  }
+  ASSERT_EQ(m_tracker.computePoseUpdate_squareLSE(reference, kAllFree, false, nullptr), 0);
+  for (int j = 0; j < 6; j++) EXPECT_NEAR(reference[j], truth[j], 1e-9) << j;
+  ASSERT_EQ(rectangular(dx, kAllFree, false, nullptr), 0);
+  for (int j = 0; j < 6; j++) EXPECT_NEAR(dx[j], truth[j], 1e-9) << j;
+  // A mask value other than 0 frees the parameter, whatever it is.
+  const double odd[6] = {0.5, -2, 1, 1, 1, 3};
+  randomSystem(40, truth);
+  ASSERT_EQ(m_tracker.computePoseUpdate_squareLSE(dx, odd, false, nullptr), 0);
+  for (int j = 0; j < 6; j++) EXPECT_NEAR(dx[j], truth[j], 1e-9) << j;
+}
+
+TEST_F(PoseUpdate, FrozenUnobservedAndEmptyGiveExactZeros) {
+  const double truth[6] = {0.4, -0.9, 1.3, 5.0, 5.0, 5.0};
+  const double rotationOnly[6] = {1, 1, 1, 0, 0, 0}, frozen[6] = {0, 0, 0, 0, 0, 0};
+  double dx[6], cov[36];
+  for (bool square : {true, false}) {
+    randomSystem(30, truth);
+    const int code = square ? m_tracker.computePoseUpdate_squareLSE(dx, rotationOnly, true, cov)
+                            : rectangular(dx, rotationOnly, true, cov);
+    ASSERT_EQ(code, 0);
+    for (int j = 3; j < 6; j++) EXPECT_EQ(dx[j], 0.0) << j << " square " << square;
+    for (int a = 0; a < 36; a++) {
+      if (a / 6 >= 3 || a % 6 >= 3) {
+        EXPECT_EQ(cov[a], 0.0) << a << " square " << square;
+      }
+    }
+    EXPECT_GT(cov[0], 0.0);
+    randomSystem(30, truth);
+    ASSERT_EQ(rectangular(dx, frozen, true, nullptr), 0);
+    for (double v : dx) EXPECT_EQ(v, 0.0);
+  }
+  // An unobserved parameter; then no row at all.
+  randomSystem(30, truth);
+  for (int i = 0; i < 30; i++) m_tracker.m_normalJacobian[6 * i + 4] = 0.0;
+  ASSERT_EQ(m_tracker.computePoseUpdate_squareLSE(dx, kAllFree, false, nullptr), 0);
+  EXPECT_EQ(dx[4], 0.0);
+  for (int i = 0; i < 30; i++) m_tracker.m_inlierWeights[i] = 0.0;
+  for (bool square : {true, false}) {
+    for (double& v : dx) v = 9.0;
+    ASSERT_EQ(square ? m_tracker.computePoseUpdate_squareLSE(dx, kAllFree, false, nullptr)
+                     : rectangular(dx, kAllFree, false, nullptr),
+              0);
+    for (double v : dx) EXPECT_EQ(v, 0.0);
+  }
+}
+
+// Row i observes parameter i % 6 alone with gain sigma: the covariance
+// carries the cumulative scaling of its designed form in both solvers.
+TEST_F(PoseUpdate, TheCovarianceCarriesTheCumulativeScaling) {
+  const double sigma[6] = {2.0, 0.5, 4.0, 1.0, 3.0, 0.25};
+  const int k = 5;
+  zot_test::Lcg rng(3);
+  double rss = 0.0;
+  m_tracker.m_nTotalPoints = 6 * k;
+  for (int i = 0; i < 6 * k; i++) {
+    for (int j = 0; j < 6; j++) m_tracker.m_normalJacobian[6 * i + j] = j == i % 6 ? sigma[j] : 0.0;
+    m_tracker.m_residuals[i] = rng.uniform() - 0.5;
+    m_tracker.m_inlierWeights[i] = 1.0;
+    rss += m_tracker.m_residuals[i] * m_tracker.m_residuals[i];
+  }
+  double dx[6], cov[36];
+  for (double& c : cov) c = 7.0;
+  ASSERT_EQ(m_tracker.computePoseUpdate_squareLSE(dx, kAllFree, false, cov), 0);
+  for (double c : cov) EXPECT_EQ(c, 0.0) << "zero-filled without a request";
+  ASSERT_EQ(m_tracker.computePoseUpdate_squareLSE(dx, kAllFree, true, cov), 0);
+  double product = 1.0;
+  for (int a = 0; a < 6; a++) {  // in parameter order
+    product /= sigma[a] * sigma[a] * k;
+    const double expected = product * rss / (6 * k);
+    EXPECT_NEAR(cov[7 * a], expected, 1e-12 * expected) << a;
+    for (int b = 0; b < 6; b++) {
+      if (b != a) {
+        EXPECT_NEAR(cov[6 * a + b], 0.0, 1e-15);
+      }
+    }
+  }
+  ASSERT_EQ(rectangular(dx, kAllFree, true, cov), 0);
+  std::vector<int> order = {0, 1, 2, 3, 4, 5};  // by decreasing singular value
+  std::sort(order.begin(), order.end(), [&](int a, int b) { return sigma[a] > sigma[b]; });
+  product = 1.0;
+  for (int a : order) {
+    product /= sigma[a] * sigma[a] * k;
+    const double expected = product * rss / (6 * k - 6);
+    EXPECT_NEAR(cov[7 * a], expected, 1e-12 * expected) << a;
+  }
+}
+
+// ---------------------------------------------------------------- the loop
+namespace {
+class GaussNewton : public ::testing::Test {
+ protected:
+  GaussNewton() : m_scene({offsetCamera()}, zot_test::trackingBox(), kMaxSamples) {
+    truePoseRef(m_scene.m_cams[0], m_truth);
+    offStart(m_truth, m_start);
+  }
+  void renderTruth() {
+    m_scene.render(m_truth, zot_test::trackingBoxGreys(), 25);
+    ASSERT_EQ(m_scene.edgeDetect(), 0);
+  }
+  TrackingScene m_scene;
+  double m_truth[16], m_start[16];
+};
+}  // namespace
+
+TEST_F(GaussNewton, ConvergesFromTwoDegreesAndFiveMillimetresOff) {
+  renderTruth();
+  double pose[16], covariance[36];
+  std::memcpy(pose, m_start, sizeof pose);
+  EXPECT_GT(m_scene.meanVertexError(m_start, m_truth, 0), 5.0) << "the start is visibly wrong";
+  for (double& c : covariance) c = 7.0;
+  ASSERT_EQ(m_scene.run(pose, LoopParams(), covariance), 0);
+  EXPECT_LT(m_scene.meanVertexError(pose, m_truth, 0), 1.0);
+  for (double c : covariance) EXPECT_EQ(c, 0.0);
+  // A frozen rotation keeps the attitude exactly.
+  std::memcpy(pose, m_truth, sizeof pose);
+  pose[3] += 4.0;
+  pose[7] += 3.0;
+  double entry[16];
+  std::memcpy(entry, pose, sizeof pose);
+  LoopParams p;
+  p.dofMask[0] = p.dofMask[1] = p.dofMask[2] = 0.0;
+  ASSERT_EQ(m_scene.run(pose, p), 0);
+  for (int i : {0, 1, 2, 4, 5, 6, 8, 9, 10}) EXPECT_EQ(pose[i], entry[i]) << i;
+  EXPECT_LT(m_scene.meanVertexError(pose, m_truth, 0), 1.0);
+}
+
+// Every failure restores the entry pose bit for bit.
+TEST_F(GaussNewton, FailureCodesRestoreTheEntryPose) {
+  renderTruth();
+  struct Case {
+    const char* name;
+    std::function<void(LoopParams&)> change;
+    int code;
+  };
+  const Case cases[] = {
+      {"one iteration", [](LoopParams& p) { p.maxIterations = 1; }, ZOT_ERR_MAX_ITERATIONS},
+      {"zero bounds",
+       [](LoopParams& p) {
+         p.convRotDeg = p.convTransl = 0.0;
+         p.maxIterations = 4;
+       },
+       ZOT_ERR_MAX_ITERATIONS},
+      {"translation limit", [](LoopParams& p) { p.maxAbsTransl = 1.0; }, ZOT_ERR_DIVERGENCE},
+      {"rotation limit", [](LoopParams& p) { p.maxAbsRotDeg = 0.5; }, ZOT_ERR_DIVERGENCE},
+      {"final cost", [](LoopParams& p) { p.maxFinalCost = 1e-3; }, ZOT_ERR_FINAL_REPROJECTION},
+      {"inliers at the end", [](LoopParams& p) { p.minInliersAtEnd = kMaxSamples + 1; },
+       ZOT_ERR_TOO_MANY_OUTLIERS},
+      {"inliers in a loop", [](LoopParams& p) { p.minInliers = kMaxSamples + 1; },
+       ZOT_ERR_TOO_MANY_OUTLIERS},
+  };
+  for (const Case& c : cases) {
+    LoopParams p;
+    c.change(p);
+    double pose[16];
+    std::memcpy(pose, m_start, sizeof pose);
+    EXPECT_EQ(m_scene.run(pose, p), c.code) << c.name;
+    EXPECT_TRUE(sameBits(pose, m_start, 16)) << c.name;
+  }
+  // NaN in the pose, the object behind the camera, the only camera disabled.
+  for (int element : {0, 3, 11}) {
+    double pose[16];
+    std::memcpy(pose, m_start, sizeof pose);
+    pose[element] = std::nan("");
+    EXPECT_LT(m_scene.run(pose, LoopParams()), 0) << element;
+    EXPECT_TRUE(std::isnan(pose[element]));
+  }
+  double T[16], refFromCam[16], behind[16];
+  m_scene.poseInCamera(m_truth, 0, T);
+  for (int i = 0; i < 3; i++) T[4 * i + 3] = -T[4 * i + 3];
+  inverseTransform(m_scene.m_cams[0].camFromRef, refFromCam);
+  matrixProduct444(refFromCam, T, behind);
+  std::memcpy(T, behind, sizeof T);
+  EXPECT_EQ(m_scene.run(behind, LoopParams()), ZOT_ERR_OUT_OF_SCREEN);
+  EXPECT_TRUE(sameBits(behind, T, 16));
+  m_scene.m_tracker.m_camEnabled[0] = 0;
+  std::memcpy(T, m_start, sizeof T);
+  EXPECT_EQ(m_scene.run(T, LoopParams()), ZOT_ERR_OUT_OF_SCREEN);
+}
+
+TEST_F(GaussNewton, AnEmptyEdgeMapFailsWithTooFewInliers) {
+  m_scene.render(m_truth, {25, 25, 25, 25, 25, 25}, 25);
+  ASSERT_EQ(m_scene.edgeDetect(), 0);
+  double pose[16];
+  std::memcpy(pose, m_start, sizeof pose);
+  LoopParams p;
+  EXPECT_EQ(m_scene.run(pose, p), ZOT_ERR_TOO_MANY_OUTLIERS);
+  // With no minimum the zero increment converges at once at the cost of
+  // unmatched points.
+  p.minInliers = p.minInliersAtEnd = 0.0;
+  EXPECT_EQ(m_scene.run(pose, p), 0);
+  EXPECT_TRUE(sameBits(pose, m_start, 16));
+  EXPECT_EQ(m_scene.m_tracker.m_cost, 0.5 * p.searchRange * p.searchRange);
+}
+
+// The loop's designed messages (verbose) tell why it ended and whether it
+// re-sampled the contour.
+TEST_F(GaussNewton, VerboseMessagesFollowTheResampling) {
+  renderTruth();
+  double pose[16];
+  std::memcpy(pose, m_start, sizeof pose);
+  LoopParams p;
+  p.resampleRotDeg = p.resampleTransl = 0.0;
+  CaptureStdout();
+  ASSERT_EQ(m_scene.run(pose, p, nullptr, false, false, true), 0);
+  std::string out = GetCapturedStdout();
+  EXPECT_NE(out.find("EXIT GN: convergence (small roto-translation update). Iteration n. "),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("Resampling because of rotation "), std::string::npos) << out;
+  EXPECT_EQ(out.find("NO resampling"), std::string::npos) << out;
+  EXPECT_LT(m_scene.meanVertexError(pose, m_truth, 0), 1.0);
+  std::memcpy(pose, m_start, sizeof pose);
+  p.resampleRotDeg = 10.0;
+  p.resampleTransl = 20.0;
+  p.maxIterations = 3;
+  CaptureStdout();
+  EXPECT_EQ(m_scene.run(pose, p, nullptr, false, false, true), ZOT_ERR_MAX_ITERATIONS);
+  out = GetCapturedStdout();
+  EXPECT_EQ(out.find("Resampling because of"), std::string::npos) << out;
+  EXPECT_NE(out.find("NO resampling\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("EXIT GN: max. iteration reached\n"), std::string::npos) << out;
+}
+
+TEST_F(GaussNewton, TimingGoesToTheDiagnosticStringAndNothingIsAllocated) {
+  renderTruth();
+  double pose[16];
+  std::memcpy(pose, m_start, sizeof pose);
+  printf(" ");  // stdio buffers its output on first use; not ours to count
+  fflush(stdout);
+  m_global_output_string_counter = 0;
+  zot_test::startCountingAllocations();
+  const int code = m_scene.run(pose, LoopParams(), nullptr, true);
+  const long allocations = zot_test::stopCountingAllocations();
+  EXPECT_EQ(code, 0);
+  if (zot_test::allocationCountingAvailable()) {
+    EXPECT_EQ(allocations, 0);
+  }
+  const std::string log(m_global_output_string, m_global_output_string_counter);
+  m_global_output_string_counter = 0;
+  size_t at = 0;
+  for (const char* label :
+       {" ## GAUSS-NEWTON ITERATION 0\n", "VLD+sampling, cam 0 - elapsed [ms]: ",
+        "Match along normals, cam 0 - elapsed [ms]: ", "SVD solution of LSE - elapsed [ms]: ",
+        " ## GAUSS-NEWTON ITERATION 1\n"}) {
+    at = log.find(label, at);
+    ASSERT_NE(at, std::string::npos) << "missing or out of order: " << label << "\n" << log;
+  }
+  // Debug windows without a display carry on and fill the display buffer.
+  unsetenv("DISPLAY");
+  unsetenv("WAYLAND_DISPLAY");
+  unsetenv("QT_QPA_PLATFORM");
+  std::memcpy(pose, m_start, sizeof pose);
+  LoopParams p;
+  p.maxIterations = 2;
+  CaptureStdout();
+  EXPECT_EQ(m_scene.run(pose, p, nullptr, false, true, false), ZOT_ERR_MAX_ITERATIONS);
+  GetCapturedStdout();
+  const unsigned char* display = m_scene.m_tracker.m_displayImage;
+  bool green = false;
+  for (int k = 0; k < 320 * 240 && !green; k++)
+    green = display[3 * k] == 0 && display[3 * k + 1] == 255 && display[3 * k + 2] == 0;
+  EXPECT_TRUE(green);
+}
+
+TEST(GaussNewtonStereo, BothCamerasConvergeAndADisabledCameraIsLeftOut) {
+  std::vector<TrackingCamera> cams(2, offsetCamera());
+  double cam1FromCam0[16];
+  TfromEuler(cam1FromCam0, 0.0, -6.0, 0.0, -60.0, 0.0, 0.0);
+  matrixProduct444(cam1FromCam0, cams[0].camFromRef, cams[1].camFromRef);
+  TrackingScene scene(cams, zot_test::trackingBox(), kMaxSamples);
+  double truth[16], pose[16];
+  truePoseRef(scene.m_cams[0], truth);
+  scene.render(truth, zot_test::trackingBoxGreys(), 25);
+  ASSERT_EQ(scene.edgeDetect(), 0);
+  offStart(truth, pose);
+  ASSERT_EQ(scene.run(pose, LoopParams()), 0);
+  EXPECT_LT(scene.meanVertexError(pose, truth, 0), 1.0);
+  EXPECT_LT(scene.meanVertexError(pose, truth, 1), 1.0);
+  EXPECT_EQ(scene.m_tracker.m_nTotalPoints,
+            scene.m_model->getNSamplePointsPerCam(0) + scene.m_model->getNSamplePointsPerCam(1));
+  // Camera 1 disabled: its edge map is not refreshed, nothing of it stacked.
+  scene.m_tracker.m_camEnabled[1] = 0;
+  const std::vector<unsigned char> edges1(scene.m_tracker.m_edgeMap[1],
+                                          scene.m_tracker.m_edgeMap[1] + 320 * 240);
+  std::fill(scene.m_images[1].begin(), scene.m_images[1].end(), 0);
+  ASSERT_EQ(scene.edgeDetect(), 0);
+  EXPECT_TRUE(std::equal(edges1.begin(), edges1.end(), scene.m_tracker.m_edgeMap[1]));
+  scene.m_model->m_nSamplePointsPerCam[1] = 0;
+  offStart(truth, pose);
+  ASSERT_EQ(scene.run(pose, LoopParams()), 0);
+  EXPECT_LT(scene.meanVertexError(pose, truth, 0), 1.0);
+  EXPECT_EQ(scene.m_tracker.m_nTotalPoints, scene.m_model->getNSamplePointsPerCam(0));
+}
+
+// ---------------------------------------------------------------- edge detection
+TEST(ContourTrackerEdges, EachEnabledCameraGetsItsOwnSobelAndCanny) {
+  doBigMalloc(3000000, 700000, 100000, 10, 700000, 10, 2600000);
+  {
+    ContourTracker tracker;
+    const int widths[6] = {64, 48, 64, 64, 64, 64}, heights[6] = {48, 40, 48, 48, 48, 48};
+    const double zNear[6] = {1, 1, 1, 1, 1, 1}, zFar[6] = {9, 9, 9, 9, 9, 9};
+    // What the slots cannot hold is refused before reserving anything.
+    const uint64_t before = m_currentAllocDouble;
+    CaptureStdout();
+    tracker.init(widths, heights, zNear, zFar, 6, 10);
+    tracker.init(widths, heights, zNear, zFar, 1, -1);
+    EXPECT_EQ(GetCapturedStdout(),
+              "ERROR: contour tracker needs 0 to 5 cameras and a non-negative sample capacity, "
+              "not 6 cameras and 10 samples\n"
+              "ERROR: contour tracker needs 0 to 5 cameras and a non-negative sample capacity, "
+              "not 1 cameras and -1 samples\n");
+    EXPECT_EQ(m_currentAllocDouble, before);
+    EXPECT_EQ(tracker.edgeDetect(nullptr, 50, 100), 0) << "no camera, nothing to do";
+
+    tracker.init(widths, heights, zNear, zFar, 2, 10);
+    std::vector<unsigned char> images[2];
+    const unsigned char* ptrs[2];
+    for (int c = 0; c < 2; c++) {
+      images[c].assign((size_t)widths[c] * heights[c], 30);
+      zot_test::renderDisc(images[c].data(), widths[c], heights[c], 20.0 + 3 * c, 20.0, 10.0,
+                           200.0);
+      ptrs[c] = images[c].data();
+    }
+    ASSERT_EQ(tracker.edgeDetect(ptrs, 50, 100), 0);
+    for (int c = 0; c < 2; c++) {
+      const int w = widths[c], h = heights[c];
+      std::vector<short> dx(w * h), dy(w * h), tmp(2 * w * h);
+      std::vector<unsigned char> edges(w * h);
+      std::vector<int> buffer((w + 2) * (h + 5));
+      std::vector<unsigned char*> stack(w * h);
+      ASSERT_EQ(CannyAndSobel(ptrs[c], dx.data(), dy.data(), edges.data(), buffer.data(),
+                              stack.data(), tmp.data(), w, h, 50, 100),
+                0);
+      EXPECT_EQ(std::memcmp(edges.data(), tracker.m_edgeMap[c], w * h), 0) << c;
+      EXPECT_EQ(std::memcmp(dx.data(), tracker.m_gradX[c], w * h * sizeof(short)), 0) << c;
+      EXPECT_EQ(std::memcmp(dy.data(), tracker.m_gradY[c], w * h * sizeof(short)), 0) << c;
+      EXPECT_GT(std::count(edges.begin(), edges.end(), 255), 30) << "the disc outline";
+    }
+    // A disabled camera keeps its map; a failing camera stops the rest.
+    std::memset(tracker.m_edgeMap[1], 7, 48 * 40);
+    tracker.m_camEnabled[1] = 0;
+    ASSERT_EQ(tracker.edgeDetect(ptrs, 50, 100), 0);
+    EXPECT_EQ(tracker.m_edgeMap[1][100], 7);
+    tracker.m_camEnabled[1] = 1;
+    tracker.m_imageWidth[0] = tracker.m_imageHeight[0] = 20;
+    CaptureStdout();
+    EXPECT_EQ(tracker.edgeDetect(ptrs, 50, 100), ZOT_ERR_CANNY);
+    GetCapturedStdout();
+    EXPECT_EQ(tracker.m_edgeMap[1][100], 7);
+  }
+  doBigFree();
+}
+
+// ---------------------------------------------------------------- edge correlation
+// One test, since every call writes the same file: test programs that run
+// side by side must not race on it.
+TEST(EdgeCorrelation, CandidatesFollowTheImageAndAFileFailureIsReported) {
+  unsetenv("DISPLAY");  // the "corr" window must never wait for a key here
+  unsetenv("WAYLAND_DISPLAY");
+  unsetenv("QT_QPA_PLATFORM");
+  TrackingScene scene({TrackingCamera()}, zot_test::trackingBox(), 400);
+  double pose[16];
+  TfromEuler(pose, 25.0, -30.0, 15.0, 5.0, -3.0, 500.0);
+  scene.render(pose, zot_test::trackingBoxGreys(), 25);
+  const std::vector<unsigned char> reference = scene.m_images[0];
+  ASSERT_EQ(scene.edgeDetect(), 0);
+  const char* path = correlateEdgesOutputPath();
+  // Runs the analysis of `current` against the reference; for each line of
+  // its file, whether a candidate lies within 1 pixel of the point's pixel
+  // moved by shift (only points with a normal along x when shift != 0).
+  auto correlate = [&](const std::vector<unsigned char>& current, int shift, int* checked) {
+    const unsigned char* ref[1] = {reference.data()};
+    const unsigned char* cur[1] = {current.data()};
+    CaptureStdout();
+    scene.m_tracker.correlateEdges(*scene.m_model, ref, cur, pose, scene.m_K, scene.m_camFromRef);
+    const std::string out = GetCapturedStdout();
+    std::ifstream in(path);
+    std::string text;
+    int followed = 0;
+    *checked = 0;
+    while (std::getline(in, text)) {
+      std::istringstream fields(text);
+      int cam, count;
+      double X[3], n[2], uv[2];
+      fields >> cam >> X[0] >> X[1] >> X[2] >> n[0] >> n[1] >> count;
+      EXPECT_TRUE(fields && cam == 0 && count >= 0) << text;
+      EXPECT_NEAR(std::hypot(n[0], n[1]), 1.0, 1e-5);
+      if (shift != 0 && std::fabs(n[0]) < 0.95) continue;
+      zot_test::projectObjectPoint(pose, scene.m_cams[0].K, X, uv);
+      bool near = false;
+      for (int j = 0; j < count; j++) {
+        double x, y;
+        fields >> x >> y;
+        near = near || (std::fabs(x - std::round(uv[0]) - shift) <= 1.0 &&
+                        std::fabs(y - std::round(uv[1])) <= 1.0);
+      }
+      EXPECT_TRUE(fields) << text;
+      followed += near;
+      ++*checked;
+    }
+    return std::make_pair(followed, out);
+  };
+  int checked = 0;
+  auto [same, out] = correlate(reference, 0, &checked);
+  EXPECT_GT(checked, 20) << out;
+  EXPECT_EQ(same, checked) << "a candidate at every point itself";
+  // The current image is the reference moved 3 pixels to the right.
+  std::vector<unsigned char> shifted(reference.size(), 25);
+  for (int y = 0; y < 240; y++)
+    for (int x = 3; x < 320; x++) shifted[y * 320 + x] = reference[y * 320 + x - 3];
+  auto [moved, out2] = correlate(shifted, 3, &checked);
+  EXPECT_GT(checked, 5);
+  EXPECT_EQ(moved, checked) << out2;
+  // Points and candidates no longer coincide: green discs and blue
+  // candidates both show.
+  const unsigned char* d = scene.m_tracker.m_displayImage;
+  bool green = false, blue = false;
+  for (int k = 0; k < 320 * 240; k++) {
+    green = green || (d[3 * k] == 0 && d[3 * k + 1] == 255 && d[3 * k + 2] == 0);
+    blue = blue || (d[3 * k] == 255 && d[3 * k + 1] == 0 && d[3 * k + 2] == 0);
+  }
+  EXPECT_TRUE(green && blue);
+  // A file that cannot be opened is reported and the analysis goes on.
+  std::remove(path);
+  ASSERT_EQ(mkdir(path, 0700), 0) << path;
+  auto [none, out3] = correlate(reference, 0, &checked);
+  rmdir(path);
+  EXPECT_NE(out3.find(std::string("ERROR: cannot open ") + path + " for writing\n"),
+            std::string::npos)
+      << out3;
+  std::remove(path);
+}
