@@ -193,13 +193,7 @@ TEST_F(ConfigFiles, HandWrittenFilesGiveTheirValuesInOrder) {
   EXPECT_TRUE(std::equal(polyline, polyline + 22, m_array.begin() + line));
   EXPECT_EQ(m_count, line + 18 + 14);
   EXPECT_EQ(m_array[m_count - 1], 12.0);
-  // A hundred local frames are accepted; CR-LF lines keep the name intact.
-  std::string frames;
-  for (int i = 0; i < 100; i++) frames += "1 0 0 " + std::to_string(i) + " 0 1 0 0 0 0 1 0\n";
-  write("hundred.txt", "100\n" + frames + "1\nC\n2\n0 0 0\n0 0 1\n0 0 1\n0 0 1\n");
-  ASSERT_EQ(parse("model", "hundred.txt"), 0);
-  EXPECT_EQ(m_count, 1 + 1200 + 1 + 14);
-  EXPECT_EQ(m_array[1 + 99 * 12 + 3], 99);
+  // CR-LF lines keep the name intact.
   write("crlf.txt", "0\r\n1\r\nP\r\n0\r\n30\r\nmy solid.poly\r\n\r\n");
   EXPECT_EQ(parse("model", "crlf.txt"), 0);
 }
@@ -432,15 +426,9 @@ TEST_F(TrackerSetup, BadArraysAreRefusedWithTheirMessage) {
        "ERROR: total numbers read 136 should be: 60\n"},
       {0, nan, 0, "ERROR: setup array value 0 (cameras) is not an integer: nan\n"},
       {camera1, 0.0, 0, "ERROR: camera 1: image of 0 x 120 pixels, each side must be 1 to 16384\n"},
-      {camera1 + 1, 1e12, 0, "ERROR: setup array value 29 (image height) is not an integer: 1e+12\n"},
       {camera1 - 1, 51.0, 0,
        "ERROR: setup array value 27: 51 mask polygons, at most 50 are supported\n"},
-      {tracker + 8, nan, 0,
-       "ERROR: setup array value 63 (maximum iterations) is not an integer: nan\n"},
       {model, 101.0, 0, "ERROR: setup array value 78: 101 local frames, at most 100 are supported\n"},
-      {model, 6.0, 0,
-       "ERROR: setup array too short (local frames): values 79 to 150 needed, it holds 139\n"
-       "ERROR: total numbers read 151 should be: 139\n"},
       {model + 1, 51.0, 0, "ERROR: setup array value 79: 51 bodies, at most 50 are supported\n"},
       {body, 3.0, 0,
        "ERROR: body 1 has the unknown type 3 (0 polyhedron, 1 polyline, 2 cylinder)\n"},
@@ -450,9 +438,6 @@ TEST_F(TrackerSetup, BadArraysAreRefusedWithTheirMessage) {
       {faces, 7.0, 0,
        "ERROR: setup array too short (vertices on a polyhedron face): value 139 needed, it holds "
        "139\nERROR: total numbers read 140 should be: 139\n"},
-      {faces + 1, 101.0, 0,
-       "ERROR: setup array value 109: 101 vertices on a polyhedron face, at most 100 are "
-       "supported\n"},
       {faces + 2, 9.0, 0, "ERROR: polygon 0 refers to vertex 8, but there are only 8 vertices!\n"},
       {good.size() - 1, 0.0, good.size() - 1,
        "ERROR: setup array too short (polyhedron face): values 135 to 138 needed, it holds 138\n"
@@ -523,12 +508,9 @@ TEST_F(TrackerSetup, IntegersTruncateFlagsAndCylindersFollowTheirRules) {
   EXPECT_EQ(c.m_bottomPlane[3], 3.0);  // -(nb . p1)
   EXPECT_DOUBLE_EQ(c.m_topPlane[3], -(0.6 * 2 + 0.8 * 13));
   EXPECT_EQ(mb.m_maxVisibleEdges, 12) << "a cylinder adds no edges";
-  // Any flat flag but 0.0 means flat, NaN included.
-  for (double flag : {-1.0, std::numeric_limits<double>::quiet_NaN()}) {
-    a[body + 1] = flag;
-    ASSERT_EQ(setupWith(*m_tracker, a, &out), 0) << out;
-    EXPECT_TRUE(m_tracker->m_multibody.m_polyhedra[0].m_isFlat) << flag;
-  }
+  a[body + 1] = std::numeric_limits<double>::quiet_NaN();  // any flag but 0.0 means flat
+  ASSERT_EQ(setupWith(*m_tracker, a, &out), 0) << out;
+  EXPECT_TRUE(m_tracker->m_multibody.m_polyhedra[0].m_isFlat);
 }
 
 TEST_F(TrackerSetup, OnlyDistortedCamerasGoThroughTheUndistortionTables) {

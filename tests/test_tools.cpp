@@ -310,33 +310,9 @@ TEST_F(ZotTrack, AFailedFrameIsReportedAndTrackingGoesOn) {
 }
 
 // ---------------------------------------------------------------- sequence files
-TEST(SequenceFiles, PosesCamerasModelsAndTimingLines) {
+TEST(SequenceFiles, CamerasModelsAndTimingLines) {
   zot_test::freshDirectory(kDir);
-  zot_sim::Pose a, b, c;
   std::string error;
-  // 16 numbers, 12 numbers and translation + rotation vector give one pose.
-  ASSERT_TRUE(zot_sim::parsePose("0 -1 0 10, 1 0 0 20; 0 0 1 30 0 0 0 1", a, error)) << error;
-  ASSERT_TRUE(zot_sim::parsePose("0 -1 0 10 1 0 0 20 0 0 1 30", b, error)) << error;
-  ASSERT_TRUE(zot_sim::parsePose("10 20 30 0 0 90", c, error)) << error;
-  for (int k = 0; k < 16; k++) {
-    EXPECT_EQ(a[k], b[k]) << k;
-    EXPECT_NEAR(a[k], c[k], 1e-12) << k;
-  }
-  for (const char* bad : {"1 2 3", "2 0 0 0 0 1 0 0 0 0 1 0", "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 2",
-                          "1 0 0 x"})
-    EXPECT_FALSE(zot_sim::parsePose(bad, a, error)) << bad;
-  double dt, dr;
-  ASSERT_TRUE(zot_sim::parsePose("13 24 30 0 0 90.5", c, error));
-  ASSERT_TRUE(zot_sim::parsePose("10 20 30 0 0 90", a, error));
-  zot_sim::poseError(c.data(), a.data(), &dt, &dr);
-  EXPECT_NEAR(dt, 5.0, 1e-12);
-  EXPECT_NEAR(dr, 0.5, 1e-9);
-  const std::string path = kDir + "/poses_test.txt";
-  std::ofstream(path) << "# comment\n\n10 20 30 0 0 90\n  # indented\n1 0 0 0 0 1 0 0 0 0 1 0\n1 2\n";
-  std::vector<zot_sim::Pose> poses;
-  EXPECT_FALSE(zot_sim::readPoseFile(path, poses, error));
-  EXPECT_EQ(error, path + ":6: a pose needs 16, 12 or 6 numbers, found 2");
-
   // Camera and model files written and read back.
   std::vector<zot_sim::CameraConfig> cams, again;
   zot_sim::ModelConfig model, modelAgain;

@@ -339,24 +339,6 @@ TEST_F(PoseEstimation, TheOverlayDrawsContourAndFrameOverTheUndistortedImage) {
   EXPECT_TRUE(std::all_of(dst.begin(), dst.end(), [](unsigned char v) { return v == 42; }));
 }
 
-// The defaults (convergence bounds of 0) can never converge.
-TEST(DefaultParameters, EveryFrameRunsIntoTheIterationLimit) {
-  const zot_sim::Mesh mesh = zot_test::chamferedBoxMesh();
-  TrackerScene scene({monoCamera()}, boxSetup({monoCamera()}, withRoom({})), kMaxSamples);
-  ASSERT_EQ(scene.m_setupCode, 0);
-  double truth[16], tool[16], pose[16], velocity[6], covariance[36];
-  TfromEuler(truth, 150.0, 30.0, 10.0, 10.0, -5.0, 450.0);
-  matrixIdentity(tool, 4);
-  zot_sim::RenderObject o{};
-  o.mesh = &mesh;
-  o.faceGrey = zot_test::chamferedBoxGreys();
-  scene.render(truth, {o}, 30);
-  EXPECT_EQ(scene.m_tracker->poseEstimation(scene.m_imagePtrs, 0.0, tool, truth, kZero, 0.0, pose,
-                                            velocity, covariance, nullptr, true, false, false,
-                                            false),
-            ZOT_ERR_MAX_ITERATIONS);
-}
-
 // ---------------------------------------------------------------- sequences
 namespace {
 // Tracks kFrames frames of the part (and optionally its slot) moving in
