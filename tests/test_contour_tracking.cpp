@@ -578,36 +578,6 @@ TEST_F(GaussNewton, TimingGoesToTheDiagnosticStringAndNothingIsAllocated) {
   }
 }
 
-TEST(GaussNewtonStereo, BothCamerasConvergeAndADisabledCameraIsLeftOut) {
-  std::vector<TrackingCamera> cams(2, offsetCamera());
-  double cam1FromCam0[16];
-  TfromEuler(cam1FromCam0, 0.0, -6.0, 0.0, -60.0, 0.0, 0.0);
-  matrixProduct444(cam1FromCam0, cams[0].camFromRef, cams[1].camFromRef);
-  TrackingScene scene(cams, zot_test::trackingBox(), kMaxSamples);
-  double truth[16], pose[16];
-  truePoseRef(scene.m_cams[0], truth);
-  scene.render(truth, zot_test::trackingBoxGreys(), 25);
-  ASSERT_EQ(scene.edgeDetect(), 0);
-  offStart(truth, pose);
-  ASSERT_EQ(scene.run(pose, LoopParams()), 0);
-  EXPECT_LT(scene.meanVertexError(pose, truth, 0), 1.0);
-  EXPECT_LT(scene.meanVertexError(pose, truth, 1), 1.0);
-  EXPECT_EQ(scene.m_tracker.m_nTotalPoints,
-            scene.m_model->getNSamplePointsPerCam(0) + scene.m_model->getNSamplePointsPerCam(1));
-  // Camera 1 disabled: its edge map is not refreshed, nothing of it stacked.
-  scene.m_tracker.m_camEnabled[1] = 0;
-  const std::vector<unsigned char> edges1(scene.m_tracker.m_edgeMap[1],
-                                          scene.m_tracker.m_edgeMap[1] + 320 * 240);
-  std::fill(scene.m_images[1].begin(), scene.m_images[1].end(), 0);
-  ASSERT_EQ(scene.edgeDetect(), 0);
-  EXPECT_TRUE(std::equal(edges1.begin(), edges1.end(), scene.m_tracker.m_edgeMap[1]));
-  scene.m_model->m_nSamplePointsPerCam[1] = 0;
-  offStart(truth, pose);
-  ASSERT_EQ(scene.run(pose, LoopParams()), 0);
-  EXPECT_LT(scene.meanVertexError(pose, truth, 0), 1.0);
-  EXPECT_EQ(scene.m_tracker.m_nTotalPoints, scene.m_model->getNSamplePointsPerCam(0));
-}
-
 // ---------------------------------------------------------------- edge detection
 TEST(ContourTrackerEdges, EachEnabledCameraGetsItsOwnSobelAndCanny) {
   doBigMalloc(3000000, 700000, 100000, 10, 700000, 10, 2600000);

@@ -55,7 +55,7 @@ const char* kTetrahedron =
     "nv 4\nv 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nnf 4\nf 3 1 3 2\nf 3 1 2 4\nf 3 1 4 3\nf 3 2 3 4\n";
 const char* kPolyline = "nv 3\nv 0 0 0\nv 1 0 0\nv 1 1 0\nne 2\ne 1 2\ne 2 3\n";
 // Values of the sample configuration: stereo camera file, tracker, model.
-constexpr int kStereoValues = 73, kMonoValues = 28, kModelValues = 123;
+constexpr int kStereoValues = 73, kModelValues = 123;
 constexpr double kGuard = -12345.5;
 
 // Fixture files in a fresh directory and a large array whose tail is
@@ -305,18 +305,6 @@ TEST_F(ConfigFiles, TheBoundedParserFailsInTheFileWhereTheArrayIsFull) {
     ASSERT_GE(out.size(), message.size());
     ASSERT_EQ(out.substr(out.size() - message.size()), message);
   }
-  // The mono configuration with exactly its room gives the unbounded result.
-  std::vector<double> unbounded(4096, kGuard);
-  int n = 0;
-  CaptureStdout();
-  ASSERT_EQ(m_parser.parseAllFiles(zot_test::dataDirectory().c_str(), "camera_mono.txt",
-                                   "tracker.txt", "model_chamfered_box.txt", n, unbounded.data()),
-            0);
-  m_array.assign(m_array.size(), kGuard);
-  ASSERT_EQ(parseSample("camera_mono.txt", kMonoValues + 23 + kModelValues), 0);
-  GetCapturedStdout();
-  EXPECT_EQ(n, kMonoValues + 23 + kModelValues);
-  EXPECT_TRUE(std::equal(unbounded.begin(), unbounded.end(), m_array.begin()));
 }
 
 // The header holds three values per line, six decimals; read back it gives
