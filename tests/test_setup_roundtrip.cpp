@@ -159,8 +159,9 @@ TEST_F(ConfigFiles, HandWrittenFilesGiveTheirValuesInOrder) {
         "# cameras\n1\n# size\n640 480\n#a\n#b\n50 1500 trailing words\n#K\n"
         "600 601 319.5 239.5 0.5\n-0.2 0.05 0.001 -0.002 0.01\n1 0 0 10 0 1 0 20 0 0 1 30\n0\n");
   CaptureStdout();
-  ASSERT_EQ(parse("camera", "camera.txt"), 0);
+  int code = parse("camera", "camera.txt");
   GetCapturedStdout();
+  ASSERT_EQ(code, 0);
   ASSERT_EQ(m_count, 28);
   EXPECT_TRUE(std::equal(kCameraValues, kCameraValues + 28, m_array.begin()));
   // Comment lines of any length; item lines up to 199 characters.
@@ -174,8 +175,9 @@ TEST_F(ConfigFiles, HandWrittenFilesGiveTheirValuesInOrder) {
         "1\n640 480\n50 1500\n600 601 319.5 239.5 0\n0 0 0 0 0\n1 0 0 0 0 1 0 0 0 0 1 0\n2\n"
         "# first\n3 1 2\n3 4\n5 6 rest dropped\n   # second\n  2 7 8 9 10\n");
   CaptureStdout();
-  ASSERT_EQ(parse("camera", "masks.txt"), 0);
+  code = parse("camera", "masks.txt");
   GetCapturedStdout();
+  ASSERT_EQ(code, 0);
   const double masks[] = {2, 3, 1, 2, 3, 4, 5, 6, 2, 7, 8, 9, 10};
   ASSERT_EQ(m_count, 27 + 13);
   EXPECT_TRUE(std::equal(masks, masks + 13, m_array.begin() + 27));
@@ -274,8 +276,9 @@ TEST_F(ConfigFiles, BadFilesGiveTheirCodeAndMessage) {
 TEST_F(ConfigFiles, TheBoundedParserFailsInTheFileWhereTheArrayIsFull) {
   const int total = kStereoValues + 23 + kModelValues;
   CaptureStdout();
-  ASSERT_EQ(parseSample("camera_stereo.txt", total), 0);
+  const int code = parseSample("camera_stereo.txt", total);
   GetCapturedStdout();
+  ASSERT_EQ(code, 0);
   ASSERT_EQ(m_count, total);
   const std::vector<double> full(m_array.begin(), m_array.begin() + total);
   // Where each file's values start: polyhedron values after the body's code,
