@@ -124,13 +124,9 @@ std::vector<double> smallArray(int nCameras = 2, double dist3 = 0.0) {
     c.cy = 59.5;
   }
   cams[0].dist[3] = dist3;
-  std::vector<double> a;
-  zot_test::appendCameraSection(a, cams);
-  zot_test::appendTrackerSection(a, zot_test::convergingParameters());
-  a.insert(a.end(), {0.0, 1.0});  // no local frames, one body
   const double centre[3] = {0, 0, 0}, half[3] = {50, 40, 30};
-  zot_test::appendPolyhedronBody(a, zot_sim::boxMesh(centre, half), false, 30.0);
-  return a;
+  return zot_test::oneBodySetup(cams, zot_test::convergingParameters(),
+                                zot_sim::boxMesh(centre, half));
 }
 
 // Set-up from an exact copy of `a` (so that a read past its end shows under

@@ -50,12 +50,7 @@ void perturb(const double* pose, const double* axis, double angleDeg, const doub
 // A setup array of the given cameras, parameters and the chamfered box.
 std::vector<double> boxSetup(const std::vector<SetupCamera>& cams,
                              const GenericObjectTracker::TrackingParameters& p) {
-  std::vector<double> a;
-  zot_test::appendCameraSection(a, cams);
-  zot_test::appendTrackerSection(a, p);
-  a.insert(a.end(), {0.0, 1.0});  // no local frames, one body
-  zot_test::appendPolyhedronBody(a, zot_test::chamferedBoxMesh(), false, 30.0);
-  return a;
+  return zot_test::oneBodySetup(cams, p, zot_test::chamferedBoxMesh());
 }
 
 GenericObjectTracker::TrackingParameters withRoom(GenericObjectTracker::TrackingParameters p) {

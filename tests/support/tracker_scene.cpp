@@ -117,6 +117,17 @@ void appendPolylineBody(std::vector<double>& a, int supportBody, int supportFace
   for (int v : edges) a.push_back(v);
 }
 
+std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
+                                 const GenericObjectTracker::TrackingParameters& p,
+                                 const zot_sim::Mesh& mesh) {
+  std::vector<double> a;
+  appendCameraSection(a, cams);
+  appendTrackerSection(a, p);
+  a.insert(a.end(), {0.0, 1.0});  // no local frames, one body
+  appendPolyhedronBody(a, mesh, false, 30.0);
+  return a;
+}
+
 GenericObjectTracker::TrackingParameters convergingParameters() {
   GenericObjectTracker::TrackingParameters p;
   p.m_maxNSamplePointsPerCam = 400;

@@ -50,6 +50,12 @@ void appendPolyhedronBody(std::vector<double>& a, const zot_sim::Mesh& mesh, boo
 void appendPolylineBody(std::vector<double>& a, int supportBody, int supportFace,
                         const std::vector<double>& points, const std::vector<int>& edges);
 
+// Cameras, parameters, no local frames and the mesh as one polyhedron body
+// (not flat, feature angle 30 degrees).
+std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
+                                 const ZOTtracker::GenericObjectTracker::TrackingParameters& p,
+                                 const zot_sim::Mesh& mesh);
+
 // Tracking parameters that converge (the defaults never do).
 ZOTtracker::GenericObjectTracker::TrackingParameters convergingParameters();
 
