@@ -89,7 +89,7 @@ class ConfigFiles : public ::testing::Test {
     return m_parser.parsePolyline(path(name).c_str(), m_count, m_array.data());
   }
   int parseSample(const char* camera, int capacity) {
-    return m_parser.parseAllFiles(zot_test::dataDirectory().c_str(), camera, "tracker.txt",
+    return m_parser.parseAllFiles(ZOT_DATA_DIR, camera, "tracker.txt",
                                   "model_chamfered_box.txt", m_count, m_array.data(), capacity);
   }
   std::string m_dir;
@@ -104,7 +104,7 @@ std::vector<double> sampleArray() {
   int count = 0;
   FileParser parser;
   CaptureStdout();
-  EXPECT_EQ(parser.parseAllFiles(zot_test::dataDirectory().c_str(), "camera_stereo.txt",
+  EXPECT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, "camera_stereo.txt",
                                  "tracker.txt", "model_chamfered_box.txt", count, a.data(),
                                  (int)a.size()),
             0);

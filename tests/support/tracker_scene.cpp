@@ -11,11 +11,6 @@ using namespace ZOTtracker;
 
 namespace zot_test {
 
-std::string dataDirectory() {
-  const std::string self = __FILE__;  // tests/support/tracker_scene.cpp
-  return self.substr(0, self.rfind('/')) + "/../../data";
-}
-
 TrackerPools::TrackerPools(long maxPixels, int nCams, int maxSamples, long modelValues,
                            int setups) {
   // Per camera: undistortion maps, five tables and the undistorted image;
@@ -235,17 +230,6 @@ double TrackerScene::meanVertexError(const zot_sim::Mesh& mesh, const double* po
     sum += std::hypot(c.fx * (a[0] / a[2] - b[0] / b[2]), c.fy * (a[1] / a[2] - b[1] / b[2]));
   }
   return sum / (double)n;
-}
-
-void poseDifference(const double* a, const double* b, double* angleDeg, double* distance) {
-  double aInv[16], D[16], R[9], t[3], rvec[3];
-  inverseTransform(a, aInv);
-  matrixProduct444(aInv, b, D);
-  rotTranslFromT(D, R, t);
-  matrixRmatToRvec(R, rvec);
-  *angleDeg = norm(rvec, 3) * 180.0 / ZOT_PI;
-  *distance = std::sqrt((a[3] - b[3]) * (a[3] - b[3]) + (a[7] - b[7]) * (a[7] - b[7]) +
-                        (a[11] - b[11]) * (a[11] - b[11]));
 }
 
 }  // namespace zot_test

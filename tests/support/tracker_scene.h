@@ -14,9 +14,6 @@
 
 namespace zot_test {
 
-// data/ beside tests/.
-std::string dataDirectory();
-
 // Pools of all seven types for `setups` set-ups of a tracker with nCams
 // cameras of at most maxPixels pixels, maxSamples samples per camera and a
 // model of about modelValues setup-array values; released (with the overrun
@@ -96,8 +93,5 @@ class TrackerScene {
   std::vector<std::vector<unsigned char>> m_images;
   unsigned char* m_imagePtrs[ZOTtracker::ZOT_MAX_CAMERAS];
 };
-
-// Rotation angle (degrees) and translation distance between two poses.
-void poseDifference(const double* a, const double* b, double* angleDeg, double* distance);
 
 }  // namespace zot_test
