@@ -2,8 +2,7 @@
 // and camera arrays of a tracker set up for a box: reprojection and Jacobians
 // against central differences, the stacked residuals, matching along normals
 // on hand-made edge maps, the two least-squares solvers, the loop on the box
-// rendered at a known pose, edge detection per camera and the
-// edge-correlation analysis.
+// rendered at a known pose and the edge-correlation analysis.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -20,7 +19,6 @@
 
 #include "ContourTracker.h"
 #include "IO.h"
-#include "Imgproc.h"
 #include "Math.h"
 #include "box_models.h"
 #include "memory_handling.h"
@@ -579,52 +577,6 @@ TEST_F(GaussNewton, VerboseMessagesFollowTheResampling) {
   EXPECT_EQ(out.find("Resampling because of"), std::string::npos) << out;
   EXPECT_NE(out.find("NO resampling\n"), std::string::npos) << out;
   EXPECT_NE(out.find("EXIT GN: max. iteration reached\n"), std::string::npos) << out;
-}
-
-// ---------------------------------------------------------------- edge detection
-TEST(ContourTrackerEdges, EachEnabledCameraGetsItsOwnSobelAndCanny) {
-  doBigMalloc(3000000, 700000, 100000, 10, 700000, 10, 2600000);
-  {
-    ContourTracker tracker;
-    const int widths[2] = {64, 48}, heights[2] = {48, 40};
-    const double zNear[2] = {1, 1}, zFar[2] = {9, 9};
-    tracker.init(widths, heights, zNear, zFar, 2, 10);
-    std::vector<unsigned char> images[2];
-    const unsigned char* ptrs[2];
-    for (int c = 0; c < 2; c++) {
-      images[c].assign((size_t)widths[c] * heights[c], 30);
-      zot_test::renderDisc(images[c].data(), widths[c], heights[c], 20.0 + 3 * c, 20.0, 10.0,
-                           200.0);
-      ptrs[c] = images[c].data();
-    }
-    ASSERT_EQ(tracker.edgeDetect(ptrs, 50, 100), 0);
-    for (int c = 0; c < 2; c++) {
-      const int w = widths[c], h = heights[c];
-      std::vector<short> dx(w * h), dy(w * h), tmp(2 * w * h);
-      std::vector<unsigned char> edges(w * h);
-      std::vector<int> buffer((w + 2) * (h + 5));
-      std::vector<unsigned char*> stack(w * h);
-      ASSERT_EQ(CannyAndSobel(ptrs[c], dx.data(), dy.data(), edges.data(), buffer.data(),
-                              stack.data(), tmp.data(), w, h, 50, 100),
-                0);
-      EXPECT_EQ(std::memcmp(edges.data(), tracker.m_edgeMap[c], w * h), 0) << c;
-      EXPECT_EQ(std::memcmp(dx.data(), tracker.m_gradX[c], w * h * sizeof(short)), 0) << c;
-      EXPECT_EQ(std::memcmp(dy.data(), tracker.m_gradY[c], w * h * sizeof(short)), 0) << c;
-      EXPECT_GT(std::count(edges.begin(), edges.end(), 255), 30) << "the disc outline";
-    }
-    // A disabled camera keeps its map; a failing camera stops the rest.
-    std::memset(tracker.m_edgeMap[1], 7, 48 * 40);
-    tracker.m_camEnabled[1] = 0;
-    ASSERT_EQ(tracker.edgeDetect(ptrs, 50, 100), 0);
-    EXPECT_EQ(tracker.m_edgeMap[1][100], 7);
-    tracker.m_camEnabled[1] = 1;
-    tracker.m_imageWidth[0] = tracker.m_imageHeight[0] = 20;
-    CaptureStdout();
-    EXPECT_EQ(tracker.edgeDetect(ptrs, 50, 100), ZOT_ERR_CANNY);
-    GetCapturedStdout();
-    EXPECT_EQ(tracker.m_edgeMap[1][100], 7);
-  }
-  doBigFree();
 }
 
 // ---------------------------------------------------------------- edge correlation
