@@ -189,8 +189,17 @@ class Reprojection : public Rig {
 }  // namespace
 
 // ---------------------------------------------------------------- reprojection
+// Every column of the image Jacobian (translation in the object or the tool
+// frame) and of the stacked normal-residual rows (matched or not) against
+// central differences of the independent projection.
 TEST_F(Reprojection, EveryJacobianColumnMatchesCentralDifferences) {
   const int n = (int)kPoints.size() / 3;
+  clearEdges();
+  ASSERT_EQ(evaluate(10.0, false), 0);
+  ASSERT_EQ(t().m_nTotalPoints, n);
+  EXPECT_EQ(m_cost, 50.0) << "every point unmatched costs searchRange^2 / 2";
+  const std::vector<double> rows(t().m_normalJacobian, t().m_normalJacobian + 6 * n);
+  const std::vector<double> normals(t().m_normals[0], t().m_normals[0] + 2 * n);
   const double eps = 1e-5;
   for (bool objectFrame : {true, false}) {
     ASSERT_EQ(t().computeReprojectionAndJacobian(model(), 0, m_pose, m_P, true, objectFrame), 0);
@@ -207,35 +216,16 @@ TEST_F(Reprojection, EveryJacobianColumnMatchesCentralDifferences) {
         project(plus, X, a);
         project(minus, X, b);
         const double du = (a[0] - b[0]) / (2 * eps), dv = (a[1] - b[1]) / (2 * eps);
+        const double dr = normals[2 * k] * du + normals[2 * k + 1] * dv;
         EXPECT_NEAR(t().m_jacU[0][6 * k + j], du, 1e-6 * std::fmax(1.0, std::fabs(du)))
             << "point " << k << " column " << j << " object frame " << objectFrame;
         EXPECT_NEAR(t().m_jacV[0][6 * k + j], dv, 1e-6 * std::fmax(1.0, std::fabs(dv)))
             << "point " << k << " column " << j << " object frame " << objectFrame;
+        if (objectFrame) {
+          EXPECT_NEAR(rows[6 * k + j], dr, 1e-6 * std::fmax(1.0, std::fabs(dr)))
+              << "normal row " << k << " column " << j;
+        }
       }
-    }
-  }
-}
-
-// The stacked row d r / d increment is the normal times the image motion,
-// for all six columns, matched or not.
-TEST_F(Reprojection, TheNormalResidualJacobianMatchesCentralDifferences) {
-  const int n = (int)kPoints.size() / 3;
-  clearEdges();
-  ASSERT_EQ(evaluate(10.0, false), 0);
-  ASSERT_EQ(t().m_nTotalPoints, n);
-  EXPECT_EQ(m_cost, 50.0) << "every point unmatched costs searchRange^2 / 2";
-  const double eps = 1e-6;
-  for (int k = 0; k < n; k++) {
-    const double* nrm = t().m_normals[0] + 2 * k;
-    for (int j = 0; j < 6; j++) {
-      double plus[16], minus[16], a[2], b[2];
-      moved(m_pose, j, eps, true, plus);
-      moved(m_pose, j, -eps, true, minus);
-      project(plus, &kPoints[3 * k], a);
-      project(minus, &kPoints[3 * k], b);
-      const double d = (nrm[0] * (a[0] - b[0]) + nrm[1] * (a[1] - b[1])) / (2 * eps);
-      EXPECT_NEAR(t().m_normalJacobian[6 * k + j], d, 1e-6 * std::fmax(1.0, std::fabs(d)))
-          << "point " << k << " column " << j;
     }
   }
 }

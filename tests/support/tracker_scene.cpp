@@ -72,29 +72,14 @@ std::vector<SetupCamera> camerasOfSetupArray(const std::vector<double>& a) {
 
 void appendTrackerSection(std::vector<double>& a,
                           const GenericObjectTracker::TrackingParameters& p) {
-  a.insert(a.end(), {(double)p.m_maxNSamplePointsPerCam,
-                     p.m_facingTolerance,
-                     (double)p.m_samplingStep,
-                     p.m_minEdgeLength,
-                     (double)p.m_searchRange,
-                     (double)p.m_cannyLowThreshold,
-                     (double)p.m_cannyHighThreshold,
-                     p.m_maxAngleDeg,
-                     (double)p.m_maxIterations,
-                     p.m_convergenceRot,
-                     p.m_convergenceTransl,
-                     p.m_maxAbsRot,
-                     p.m_maxAbsTransl,
-                     p.m_minInliersLoop,
-                     p.m_minInliersFinal,
-                     p.m_maxFinalCost,
-                     p.m_resampleRot,
-                     p.m_resampleTransl,
-                     p.m_kfAccNoiseRot,
-                     p.m_kfAccNoiseTransl,
-                     p.m_measStdRot,
-                     p.m_measStdTransl,
-                     p.m_kfInitialCov});
+  a.insert(a.end(),
+           {(double)p.m_maxNSamplePointsPerCam, p.m_facingTolerance, (double)p.m_samplingStep,
+            p.m_minEdgeLength, (double)p.m_searchRange, (double)p.m_cannyLowThreshold,
+            (double)p.m_cannyHighThreshold, p.m_maxAngleDeg, (double)p.m_maxIterations,
+            p.m_convergenceRot, p.m_convergenceTransl, p.m_maxAbsRot, p.m_maxAbsTransl,
+            p.m_minInliersLoop, p.m_minInliersFinal, p.m_maxFinalCost, p.m_resampleRot,
+            p.m_resampleTransl, p.m_kfAccNoiseRot, p.m_kfAccNoiseTransl, p.m_measStdRot,
+            p.m_measStdTransl, p.m_kfInitialCov});
 }
 
 void appendPolyhedronBody(std::vector<double>& a, const zot_sim::Mesh& mesh, bool flat,
@@ -181,12 +166,9 @@ TrackerScene::TrackerScene(const std::vector<SetupCamera>& cams, const std::vect
       m_pools(largestImage(cams), (int)cams.size(), maxSamples, (long)setup.size()),
       m_tracker(new GenericObjectTracker()),
       m_setupCode(m_tracker->setupFromGlobalArray((int)setup.size(), setup.data())) {
-  for (int c = 0; c < ZOT_MAX_CAMERAS; c++) m_imagePtrs[c] = nullptr;
-  for (size_t c = 0; c < cams.size(); c++) {
-    m_images.emplace_back((size_t)cams[c].width * cams[c].height, 0);
-  }
-  for (size_t c = 0; c < cams.size() && c < (size_t)ZOT_MAX_CAMERAS; c++)
-    m_imagePtrs[c] = m_images[c].data();
+  for (const SetupCamera& c : cams) m_images.emplace_back((size_t)c.width * c.height, 0);
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++)
+    m_imagePtrs[c] = c < (int)cams.size() ? m_images[c].data() : nullptr;
 }
 
 void TrackerScene::poseInCamera(const double* objInTool, int cam, double* T) const {
