@@ -233,7 +233,8 @@ TEST_F(Reprojection, EveryJacobianColumnMatchesCentralDifferences) {
 // ---------------------------------------------------------------- stacked cost
 // A model edge along the object's y axis seen head-on projects onto the
 // column u = 159.5 + 600 * 20 / 500 = 183.5; the edge is at 187.
-TEST_F(Rig, ResidualsReachTheEdgeAndOneStepLandsOnIt) {
+using StackedCost = Rig;
+TEST_F(StackedCost, ResidualsReachTheEdgeAndOneStepLandsOnIt) {
   matrixIdentity(m_pose, 4);
   m_pose[11] = 500.0;
   std::vector<double> points, tangents;
@@ -572,7 +573,8 @@ TEST_F(GaussNewton, VerboseMessagesFollowTheResampling) {
 // ---------------------------------------------------------------- edge correlation
 // One test, since every call writes the same file: test programs that run
 // side by side must not race on it.
-TEST_F(Rig, EdgeCandidatesFollowTheImageAndAFileFailureIsReported) {
+using EdgeCorrelation = Rig;
+TEST_F(EdgeCorrelation, CandidatesFollowTheImageAndAFileFailureIsReported) {
   unsetenv("DISPLAY");  // the "corr" window must never wait for a key here
   unsetenv("WAYLAND_DISPLAY");
   unsetenv("QT_QPA_PLATFORM");
