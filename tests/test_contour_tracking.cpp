@@ -139,16 +139,6 @@ class Rig : public ::testing::Test {
   double m_cost = -1.0;
 };
 
-// A start 2 degrees and 5 mm off: pose * [R(axis, 2 deg) t].
-void offStart(const double* truth, double* start) {
-  const double k = 2.0 * ZOT_PI / 180.0 / 1.5;  // |(1, -1, 0.5)| = 1.5
-  const double rvec[3] = {k, -k, 0.5 * k}, t[3] = {3.0, -4.0, 0.0};
-  double R[9], D[16];
-  matrixRvecToRmat(rvec, R);
-  TfromRotTransl(R, t, D);
-  matrixProduct444(truth, D, start);
-}
-
 const std::vector<double> kPoints = {50, 40, 0, 0, -40, 30, -50, 10, -30, 20, 40, 30, -50, -40, 30};
 const std::vector<double> kTangents = {0, 0, 1, 1, 0, 0, 0, 1, 0, 0.6, 0, 0.8, 0, -1, 0};
 
@@ -461,7 +451,8 @@ class GaussNewton : public Rig {
  protected:
   GaussNewton() : Rig(offsetCamera()) {
     truePose(m_truth);
-    offStart(m_truth, m_start);
+    const double axis[3] = {1.0, -1.0, 0.5}, shift[3] = {3.0, -4.0, 0.0};
+    zot_test::perturb(m_truth, axis, 2.0, shift, m_start);  // 2 degrees and 5 mm off
   }
   void SetUp() override {
     Rig::SetUp();

@@ -148,6 +148,16 @@ zot_sim::Mesh slotPlateMesh() {
   return m;
 }
 
+void perturb(const double* pose, const double* axis, double angleDeg, const double* t,
+             double* out) {
+  const double k = angleDeg * ZOT_PI / 180.0 / norm(axis, 3);
+  const double rvec[3] = {axis[0] * k, axis[1] * k, axis[2] * k};
+  double R[9], D[16];
+  matrixRvecToRmat(rvec, R);
+  TfromRotTransl(R, t, D);
+  matrixProduct444(pose, D, out);
+}
+
 // ================================================================ rig
 
 namespace {

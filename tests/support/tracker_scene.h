@@ -65,6 +65,10 @@ std::vector<unsigned char> chamferedBoxGreys();
 // above the top face, so that the renderer shows its outline.
 zot_sim::Mesh slotPlateMesh();
 
+// pose * [R(axis, angleDeg) t]: the pose moved in its own frame.
+void perturb(const double* pose, const double* axis, double angleDeg, const double* t,
+             double* out);
+
 // ---------------------------------------------------------------- rig
 class TrackerScene {
  public:
