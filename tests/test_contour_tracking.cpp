@@ -617,15 +617,6 @@ TEST_F(EdgeCorrelation, CandidatesFollowTheImageAndAFileFailureIsReported) {
   auto [moved, out2] = correlate(shifted, 3, &checked);
   EXPECT_GT(checked, 5);
   EXPECT_EQ(moved, checked) << out2;
-  // Points and candidates no longer coincide: green discs and blue
-  // candidates both show.
-  const unsigned char* d = t().m_displayImage;
-  bool green = false, blue = false;
-  for (int k = 0; k < 320 * 240; k++) {
-    green = green || (d[3 * k] == 0 && d[3 * k + 1] == 255 && d[3 * k + 2] == 0);
-    blue = blue || (d[3 * k] == 255 && d[3 * k + 1] == 0 && d[3 * k + 2] == 0);
-  }
-  EXPECT_TRUE(green && blue);
   // A file that cannot be opened is reported and the analysis goes on.
   std::remove(path);
   ASSERT_EQ(mkdir(path, 0700), 0) << path;
