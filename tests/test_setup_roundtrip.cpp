@@ -19,7 +19,6 @@
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "IO.h"
-#include "Imgproc.h"
 #include "Math.h"
 #include "memory_handling.h"
 #include "tool_runner.h"
