@@ -35,13 +35,8 @@ namespace {
 constexpr int kMaxSamples = 1500;  // room for the overlay's dense contour
 const double kZero[6] = {0, 0, 0, 0, 0, 0};
 
-// A setup array of the given cameras, parameters and the chamfered box.
-std::vector<double> boxSetup(const std::vector<SetupCamera>& cams,
-                             const GenericObjectTracker::TrackingParameters& p) {
-  return zot_test::oneBodySetup(cams, p, zot_test::chamferedBoxMesh());
-}
-
-GenericObjectTracker::TrackingParameters withRoom(GenericObjectTracker::TrackingParameters p) {
+GenericObjectTracker::TrackingParameters withRoom() {
+  GenericObjectTracker::TrackingParameters p = zot_test::convergingParameters();
   p.m_maxNSamplePointsPerCam = kMaxSamples;
   return p;
 }
@@ -57,10 +52,10 @@ SetupCamera monoCamera() {
 // preset to 7 so that a failure that writes them shows.
 class PoseEstimation : public ::testing::Test {
  protected:
-  explicit PoseEstimation(const GenericObjectTracker::TrackingParameters& p =
-                              withRoom(zot_test::convergingParameters()))
+  PoseEstimation()
       : m_mesh(zot_test::chamferedBoxMesh()),
-        m_scene({monoCamera()}, boxSetup({monoCamera()}, p), kMaxSamples) {
+        m_scene({monoCamera()}, zot_test::oneBodySetup({monoCamera()}, withRoom(), m_mesh),
+                kMaxSamples) {
     TfromEuler(m_truth, 150.0, 30.0, 10.0, 10.0, -5.0, 450.0);
     TfromEuler(m_tool, 10.0, 20.0, -30.0, 300.0, -200.0, 800.0);
     const double axis[3] = {1.0, -1.0, 0.5}, t[3] = {3.0, -4.0, 0.0};
@@ -85,10 +80,10 @@ class PoseEstimation : public ::testing::Test {
     m_scene.render(objInTool, {o}, 30, 2, 1.5);
   }
   // One frame from m_start (initialise) or from the filter.
-  int frame(double time, bool initialise, bool timing = false, bool verbose = false) {
+  int frame(double time, bool initialise, bool timing = false) {
     return tracker().poseEstimation(m_scene.m_imagePtrs, time, m_tool, m_start, kZero, 0.0,
                                     m_pose, m_velocity, m_covariance, nullptr, initialise, timing,
-                                    false, verbose);
+                                    false, false);
   }
   GenericObjectTracker& tracker() { return *m_scene.m_tracker; }
   zot_sim::Mesh m_mesh;
@@ -368,7 +363,9 @@ TEST(TrackingSequence, ThreeCamerasAroundThePartTrackEveryFrame) {
     matrixProduct444(toCentre, R, tmp);
     matrixProduct444(tmp, back, cams[c].camInTool);
   }
-  TrackerScene scene(cams, boxSetup(cams, zot_test::convergingParameters()), 400);
+  const std::vector<double> setup =
+      zot_test::oneBodySetup(cams, zot_test::convergingParameters(), zot_test::chamferedBoxMesh());
+  TrackerScene scene(cams, setup, 400);
   ASSERT_EQ(scene.m_setupCode, 0);
   const SequenceResult r = trackSequence(scene, 10, false);
   EXPECT_LT(r.worstDegrees, 0.5);
