@@ -97,24 +97,10 @@ class ConfigFiles : public ::testing::Test {
   FileParser m_parser;
 };
 
-// The sample stereo configuration as a setup array.
-std::vector<double> sampleArray() {
-  std::vector<double> a(10000);
-  int count = 0;
-  FileParser parser;
-  CaptureStdout();
-  EXPECT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, "camera_stereo.txt",
-                                 "tracker.txt", "model_chamfered_box.txt", count, a.data(),
-                                 (int)a.size()),
-            0);
-  GetCapturedStdout();
-  a.resize(count);
-  return a;
-}
-
-// Two 160 x 120 cameras without distortion, the converging parameters and a box.
-std::vector<double> smallArray(int nCameras = 2, double dist3 = 0.0) {
-  std::vector<SetupCamera> cams(nCameras);
+// Two 160 x 120 cameras, the first with tangential distortion p2, the
+// converging parameters and a box.
+std::vector<double> smallArray(double p2 = 0.0) {
+  std::vector<SetupCamera> cams(2);
   for (SetupCamera& c : cams) {
     c.width = 160;
     c.height = 120;
@@ -122,7 +108,7 @@ std::vector<double> smallArray(int nCameras = 2, double dist3 = 0.0) {
     c.cx = 79.5;
     c.cy = 59.5;
   }
-  cams[0].dist[3] = dist3;
+  cams[0].dist[3] = p2;
   const double centre[3] = {0, 0, 0}, half[3] = {50, 40, 30};
   return zot_test::oneBodySetup(cams, zot_test::convergingParameters(),
                                 zot_sim::boxMesh(centre, half));
@@ -323,7 +309,7 @@ TEST_F(ConfigFiles, TheHeaderRoundTripKeepsTheSampleConfiguration) {
             "ERROR: cannot open " +
                 m_dir + "/no/dir/global_array_declaration.h for writing\n");
 #if ZOT_HAVE_COMPILED_SETUP
-  const std::vector<double> sample = sampleArray();
+  const std::vector<double> sample = zot_test::sampleSetupArray(ZOT_DATA_DIR);
   ASSERT_EQ(setup_global_array_counter, (int)sample.size());
   for (size_t i = 0; i < sample.size(); i++) {
     EXPECT_NEAR(setup_global_array[i], sample[i], 5e-7) << i;
@@ -336,7 +322,7 @@ TEST_F(ConfigFiles, TheHeaderRoundTripKeepsTheSampleConfiguration) {
 
 // ---------------------------------------------------------------- set-up
 TEST_F(TrackerSetup, TheSampleConfigurationSetsUpAndTheTotalIsChecked) {
-  std::vector<double> a = sampleArray();
+  std::vector<double> a = zot_test::sampleSetupArray(ZOT_DATA_DIR);
   std::string out;
   ASSERT_EQ(setupWith(*m_tracker, a, &out), 0) << out;
   EXPECT_EQ(out, "");
@@ -485,7 +471,7 @@ TEST_F(TrackerSetup, IntegersTruncateFlagsAndCylindersFollowTheirRules) {
 
 TEST_F(TrackerSetup, OnlyDistortedCamerasGoThroughTheUndistortionTables) {
   std::string out;
-  ASSERT_EQ(setupWith(*m_tracker, smallArray(2, -0.01), &out), 0) << out;
+  ASSERT_EQ(setupWith(*m_tracker, smallArray(-0.01), &out), 0) << out;
   GenericObjectTracker& t = *m_tracker;
   EXPECT_EQ(t.m_undistort[0], 1);
   EXPECT_EQ(t.m_undistort[1], 0);

@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "IO.h"
 #include "Math.h"
@@ -327,15 +326,7 @@ SequenceResult trackSequence(TrackerScene& scene, int frames, bool withSlot) {
 // masks), with room for the overlay and a final cost bound that allows for
 // unmatched samples near corners.
 TEST(TrackingSequence, AStereoPairWithDistortionTracksEveryFrame) {
-  std::vector<double> a(10000);
-  int count = 0;
-  FileParser parser;
-  CaptureStdout();
-  ASSERT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, "camera_stereo.txt",
-                                 "tracker.txt", "model_chamfered_box.txt", count, a.data(), 10000),
-            0);
-  GetCapturedStdout();
-  a.resize(count);
+  std::vector<double> a = zot_test::sampleSetupArray(ZOT_DATA_DIR);
   const int trackerStart = 73;
   a[trackerStart] = 2500;
   a[trackerStart + 15] = 15.0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "FileParser.h"
 #include "Math.h"
 #include "memory_handling.h"
 #include "synthetic_images.h"
@@ -105,6 +106,16 @@ std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
   appendTrackerSection(a, p);
   a.insert(a.end(), {0.0, 1.0});  // no local frames, one body
   appendPolyhedronBody(a, mesh, false, 30.0);
+  return a;
+}
+
+std::vector<double> sampleSetupArray(const char* dataDir) {
+  std::vector<double> a(10000);
+  int count = 0;
+  FileParser parser;
+  const int code = parser.parseAllFiles(dataDir, "camera_stereo.txt", "tracker.txt",
+                                        "model_chamfered_box.txt", count, a.data(), (int)a.size());
+  a.resize(code == 0 ? count : 0);
   return a;
 }
 

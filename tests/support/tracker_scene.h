@@ -53,6 +53,11 @@ std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
                                  const ZOTtracker::GenericObjectTracker::TrackingParameters& p,
                                  const zot_sim::Mesh& mesh);
 
+// The stereo configuration of data/ (camera_stereo.txt, tracker.txt,
+// model_chamfered_box.txt in dataDir) as the parser writes it; empty when
+// it fails.
+std::vector<double> sampleSetupArray(const char* dataDir);
+
 // Tracking parameters that converge (the defaults never do).
 ZOTtracker::GenericObjectTracker::TrackingParameters convergingParameters();
 
