@@ -90,14 +90,12 @@ class Rig : public ::testing::Test {
   double* const* K() const { return m_scene.m_tracker->m_K; }
   double* const* camFromTool() const { return m_scene.m_tracker->m_toolToCamera; }
   // The box at pose with six clearly different face greys, then the edges.
-  void render(const double* pose, bool edges = true) {
+  void render(const double* pose) {
     zot_sim::RenderObject o{};
     o.mesh = &m_box;
     o.faceGrey = {70, 120, 170, 215, 95, 145};
     m_scene.render(pose, {o}, 25, 3);
-    if (edges) {
-      ASSERT_EQ(t().edgeDetect(m_scene.m_imagePtrs, 50, 100), 0);
-    }
+    ASSERT_EQ(t().edgeDetect(m_scene.m_imagePtrs, 50, 100), 0);
   }
   int run(double* pose, const LoopParams& p, double* covariance = nullptr, bool verbose = false) {
     return t().poseUpdateLoop(
