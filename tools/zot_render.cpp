@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <opencv2/core.hpp>
@@ -21,10 +22,13 @@
 
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
+#include "PoolSizes.h"
 #include "memory_handling.h"
 #include "scene_config.h"
 #include "scene_effects.h"
 #include "sequence.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -291,10 +295,10 @@ void checkConfiguration(const std::string& directory) {
   if (parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt", "model.txt", count,
                            array.data(), zot_sim::kSetupArrayCapacity) != 0)
     fail("the configuration written to " + directory + " does not parse");
-  size_t sizes[7];
-  if (!zot_sim::poolSizesForSetup(array.data(), count, sizes))
-    fail("the configuration written to " + directory + " has no usable camera");
-  ZOTtracker::doBigMalloc(sizes[0], sizes[1], sizes[2], sizes[3], sizes[4], sizes[5], sizes[6]);
+  size_t sizes[ZOTtracker::ZOT_N_POOLS];
+  if (ZOTtracker::computePoolSizes(count, array.data(), ZOTtracker::ZOT_POOL_MARGIN, sizes) != 0)
+    fail("the configuration written to " + directory + " is refused (see the message above)");
+  ZOTtracker::reservePools(sizes);
   int rc;
   {
     std::unique_ptr<ZOTtracker::GenericObjectTracker> tracker(
@@ -323,11 +327,14 @@ int main(int argc, char** argv) {
     if (o.noDistortion) std::fill(c.dist, c.dist + 5, 0.0);
     if (o.scale != 1.0) scaleCamera(c, o.scale);
   }
-  if (!zot_sim::makeDirectories(o.outDir)) fail("cannot create the directory " + o.outDir);
+  std::error_code ec;
+  fs::create_directories(o.outDir, ec);
+  if (!fs::is_directory(o.outDir)) fail("cannot create the directory " + o.outDir);
   const std::string out = o.outDir + "/";
   if (!zot_sim::writeCameraFile(out + "camera.txt", cameras, "cameras of a rendered sequence",
                                 error) ||
-      !zot_sim::copyFile(o.configDir + "/" + o.trackerFile, out + "tracker.txt", error) ||
+      !fs::copy_file(fs::path(o.configDir) / o.trackerFile, out + "tracker.txt",
+                     fs::copy_options::overwrite_existing, ec) ||
       !zot_sim::writeModelFile(
           o.outDir, "model.txt",
           o.modelScale != 1.0 ? zot_sim::scaledModel(model, o.modelScale) : model, error))
@@ -373,7 +380,7 @@ int main(int argc, char** argv) {
       videos[c].open(path, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), o.plan.fps,
                      cv::Size(cameras[c].width, cameras[c].height), false);
       if (!videos[c].isOpened()) fail("cannot write the video " + path);
-    } else if (!zot_sim::makeDirectories(out + "cam" + std::to_string(c))) {
+    } else if (fs::create_directories(out + "cam" + std::to_string(c), ec), ec) {
       fail("cannot create " + out + "cam" + std::to_string(c));
     }
   }

@@ -31,6 +31,7 @@
 #include "IO.h"
 #include "Math.h"
 #include "frame_timing.h"
+#include "PoolSizes.h"
 #include "memory_handling.h"
 #include "scene_config.h"
 
@@ -640,10 +641,11 @@ Setup setUp(const Options& o) {
     fail("the configuration is inconsistent: " + error);
   Setup s;
   s.objectSize = zot_sim::modelSize(model, nullptr);
-  size_t pools[7];
-  if (!zot_sim::poolSizesForSetup(setup.data(), (int)setup.size(), pools))
-    fail("the configuration has no usable camera");
-  ZOTtracker::doBigMalloc(pools[0], pools[1], pools[2], pools[3], pools[4], pools[5], pools[6]);
+  size_t pools[ZOTtracker::ZOT_N_POOLS];
+  if (ZOTtracker::computePoolSizes((int)setup.size(), setup.data(), ZOTtracker::ZOT_POOL_MARGIN,
+                                   pools) != 0)
+    fail("the configuration is refused (see the message above)");
+  ZOTtracker::reservePools(pools);
   s.tracker.reset(new GenericObjectTracker());
   if (s.tracker->setupFromGlobalArray((int)setup.size(), setup.data()) != 0)
     fail("the tracker refuses the configuration (see the message above)");

@@ -3,7 +3,6 @@
 // the simulation sees exactly the numbers the tracker will see.
 #include "scene_config.h"
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -193,29 +193,6 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
   model = ModelConfig();
   addLocalFrames(model, setup->nLocalFrames, setup->localFrames);
   for (int b = 0; b < setup->nBodies; b++) model.bodies.push_back(bodyOf(setup->bodies[b]));
-  return true;
-}
-
-bool poolSizesForSetup(const double* array, int count, size_t* sizes) {
-  std::vector<CameraConfig> cameras;
-  std::string error;
-  int cursor = 0;
-  if (!decodeCameraSection(array, count, cursor, cameras, error) || cursor >= count) return false;
-  size_t px = 0;
-  for (const CameraConfig& c : cameras) px = std::max(px, (size_t)c.width * c.height);
-  const size_t n = cameras.size();
-  const size_t samples = (size_t)std::max(0.0, std::min(1e7, array[cursor]));
-  const size_t model = (size_t)(count - cursor);  // tracker and model values
-  // Measured use of a 640 x 480 configuration is about (2n + 7) px bytes,
-  // px byte pointers, (3n + 1) px doubles, (5n + 2) px ints and (2n + 2) px
-  // shorts; the margins cover the sample buffers and the model topology.
-  sizes[0] = (2 * n + 8) * px + 100 * model + 100000;
-  sizes[1] = px + 10000;
-  sizes[2] = (3 * n + 2) * px + 200 * n * samples + 100 * model + 100000;
-  sizes[3] = 10000;
-  sizes[4] = (5 * n + 3) * px + 100 * n * samples + 100 * model + 100000;
-  sizes[5] = 20 * model + 10000;
-  sizes[6] = (2 * n + 3) * px + 10000;
   return true;
 }
 
@@ -592,21 +569,6 @@ bool writeModelFile(const std::string& directory, const std::string& fileName,
   return ok;
 }
 
-bool copyFile(const std::string& from, const std::string& to, std::string& error) {
-  std::ifstream in(from, std::ios::binary);
-  if (!in) {
-    error = "cannot read " + from;
-    return false;
-  }
-  std::ofstream out(to, std::ios::binary);
-  out << in.rdbuf();
-  if (!out) {
-    error = "cannot write " + to;
-    return false;
-  }
-  return true;
-}
-
 double modelSize(const ModelConfig& model, double* centre, double* diagonal) {
   double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
   for (const BodyConfig& b : model.bodies) {
@@ -816,21 +778,9 @@ void poseError(const double* estimate, const double* reference, double* translat
   *rotationErrorDeg = std::acos(c) * 57.29577951308232;
 }
 
-bool makeDirectories(const std::string& path) {
-  if (path.empty()) return false;
-  for (size_t pos = 1; pos <= path.size(); pos++) {
-    if (pos == path.size() || path[pos] == '/') {
-      const std::string part = path.substr(0, pos);
-      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-  }
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 bool pathExists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
 }
 
 }  // namespace zot_sim

@@ -68,11 +68,6 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
                       std::vector<double>& trackingParameters, ModelConfig& model,
                       std::string& error);
 
-/// Pool sizes (elements for doBigMalloc, in its order Uchar, UcharPtr,
-/// Double, Float, Int, IntPtr, Short) that comfortably hold a tracker set
-/// up from this setup array: the per-camera images, maps and tables, the
-/// sample buffers and the model. False when the camera section is unusable.
-bool poolSizesForSetup(const double* array, int count, size_t* sizes);
 
 /// Reads `directory`/`fileName` with FileParser::parseCameraFile and decodes
 /// the cameras. Returns 0, or the parser's negative code (with its message
@@ -110,8 +105,6 @@ bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& c
 bool writeModelFile(const std::string& directory, const std::string& fileName,
                     const ModelConfig& model, std::string& error);
 
-/// Copies a file byte for byte. Returns false with a reason on failure.
-bool copyFile(const std::string& from, const std::string& to, std::string& error);
 
 /// Largest extent of the axis-aligned bounding box of all polyhedron and
 /// polyline vertices (0 without vertices); `centre` and `diagonal` (either
@@ -146,8 +139,6 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
 void poseError(const double* estimate, const double* reference, double* translationError,
                double* rotationErrorDeg);
 
-/// Creates a directory and its missing parents; true when it exists afterwards.
-bool makeDirectories(const std::string& path);
 /// True when a file or directory exists.
 bool pathExists(const std::string& path);
 
