@@ -25,12 +25,14 @@ using zot_test::runCommand;
 const std::string kTools = ZOT_TOOLS_DIR;
 const std::string kData = ZOT_DATA_DIR;
 const std::string kDir = kTools + "/first_hour/" + std::to_string(getpid());
+const std::string kMeshDir = kDir + "/meshes", kSeq = kDir + "/seq";
 
 // The scratch directory stays only after a failure, for a look.
 class ScratchCleanup : public testing::Environment {
   void TearDown() override {
-    if (testing::UnitTest::GetInstance()->Passed())
+    if (testing::UnitTest::GetInstance()->Passed()) {
       EXPECT_EQ(std::system(("rm -rf " + kDir).c_str()), 0);
+    }
   }
 };
 testing::Environment* const kCleanup = testing::AddGlobalTestEnvironment(new ScratchCleanup);
@@ -47,32 +49,26 @@ const std::vector<std::vector<int>> kTetraFaces = {{0, 2, 1}, {0, 1, 3}, {0, 3, 
 
 std::string binaryPly() {
   std::string b =
-      "ply\nformat binary_little_endian 1.0\ncomment made by the test\nelement vertex 4\n"
-      "property float x\nproperty float y\nproperty float z\nproperty uchar red\n"
-      "element face 4\nproperty list uchar int vertex_indices\nend_header\n";
-  for (int v = 0; v < 4; v++) {
-    for (int k = 0; k < 3; k++) {
-      const float x = (float)kTetraVertices[3 * v + k];
-      b.append((const char*)&x, 4);
-    }
-    b.push_back('\x7f');
+      "ply\nformat binary_little_endian 1.0\nelement vertex 4\nproperty float x\n"
+      "property float y\nproperty float z\nproperty uchar red\nelement face 4\n"
+      "property list uchar int vertex_indices\nend_header\n";
+  for (size_t k = 0; k < kTetraVertices.size(); k++) {
+    const float x = (float)kTetraVertices[k];
+    b.append((const char*)&x, 4).append(k % 3 == 2 ? "\x7f" : "");  // x y z red
   }
-  for (const auto& f : kTetraFaces) {
-    b.push_back('\x03');
-    for (int i : f) b.append((const char*)&i, 4);
-  }
+  for (const auto& f : kTetraFaces) b.append("\x03").append((const char*)f.data(), 12);
   return b;
 }
 
 TEST(MeshFormats, EveryFormatGivesTheSameTetrahedron) {
-  zot_test::freshDirectory(kDir);
+  zot_test::freshDirectory(kMeshDir);
   const struct {
     const char* name;
     std::string text;
   } rows[] = {
       {"points.cao",
-       "V1\n# 3D Points\n4\n0 0 0\n10 0 0\n0 10 0\n0 0 10\n# 3D Lines\n0\n# Faces from 3D lines\n0\n"
-       "# Faces from 3D points\n4\n3 0 2 1\n3 0 1 3\n3 0 3 2 name=side\n3 1 2 3\n0\n0\n"},
+       "V1\n# points\n4\n0 0 0\n10 0 0\n0 10 0\n0 0 10\n0\n0\n4\n3 0 2 1\n3 0 1 3\n"
+       "3 0 3 2 name=side\n3 1 2 3\n0\n0\n"},
       // The first face from lines given in scrambled order and direction.
       {"lines.cao",
        "V1\n4\n0 0 0\n10 0 0\n0 10 0\n0 0 10\n3\n1 0\n2 1\n0 2\n1\n3 0 2 1\n3\n3 0 1 3\n"
@@ -83,7 +79,8 @@ TEST(MeshFormats, EveryFormatGivesTheSameTetrahedron) {
        " coordIndex [ 0 2 1 -1, 0 1 3 -1 0 3 2 -1 1 2 3 ] } } ] }\n"},
       {"flipped.wrl",
        "#VRML V2.0 utf8\nShape { geometry IndexedFaceSet { ccw FALSE coord Coordinate {\n"
-       " point [ 0 0 0, 10 0 0, 0 10 0, 0 0 10 ] } coordIndex [ 1 2 0 -1 3 1 0 -1 2 3 0 -1 3 2 1 -1 ] } }\n"},
+       " point [ 0 0 0, 10 0 0, 0 10 0, 0 0 10 ] } coordIndex [ 1 2 0 -1 3 1 0 -1 2 3 0 -1 3 2 1 "
+       "-1 ] } }\n"},
       {"ascii.ply",
        "ply\nformat ascii 1.0\nelement vertex 4\nproperty double x\nproperty double y\n"
        "property double z\nelement face 4\nproperty list uchar int vertex_index\nend_header\n"
@@ -92,7 +89,7 @@ TEST(MeshFormats, EveryFormatGivesTheSameTetrahedron) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    const std::string path = kDir + "/" + row.name;
+    const std::string path = kMeshDir + "/" + row.name;
     writeFile(path, row.text);
     zot_sim::MeshImport m;
     std::string error;
@@ -112,15 +109,13 @@ TEST(MeshFormats, EveryFormatGivesTheSameTetrahedron) {
 // A .cao line that bounds no face is a polyline segment; anything the
 // tracker cannot represent is refused with its file and line.
 TEST(MeshFormats, CaoLinesBecomeAPolylineAndUnsupportedElementsAreNamed) {
-  zot_test::freshDirectory(kDir);
+  zot_test::freshDirectory(kMeshDir);
   const std::string head = "V1\n4\n0 0 0\n10 0 0\n0 10 0\n0 0 10\n";
-  writeFile(kDir + "/marking.cao", head + "2\n0 1\n2 3\n0\n4\n3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n0\n0\n");
+  // Line 0 1 is an edge of the face, line 1 2 is not.
+  writeFile(kMeshDir + "/slot.cao", head + "2\n0 1\n1 2\n0\n1\n3 0 1 3\n0\n0\n");
   zot_sim::MeshImport m;
   std::string error;
-  ASSERT_TRUE(zot_sim::readMeshFile(kDir + "/marking.cao", m, error)) << error;
-  EXPECT_EQ(m.segments, std::vector<int>({}));  // both lines are face edges
-  writeFile(kDir + "/slot.cao", head + "1\n1 2\n0\n1\n3 0 1 3\n0\n0\n");
-  ASSERT_TRUE(zot_sim::readMeshFile(kDir + "/slot.cao", m, error)) << error;
+  ASSERT_TRUE(zot_sim::readMeshFile(kMeshDir + "/slot.cao", m, error)) << error;
   EXPECT_EQ(m.segments, std::vector<int>({1, 2}));
 
   const struct {
@@ -128,10 +123,12 @@ TEST(MeshFormats, CaoLinesBecomeAPolylineAndUnsupportedElementsAreNamed) {
     std::string text, expected;
   } bad[] = {
       {"cylinder.cao", head + "0\n0\n1\n3 0 1 2\n1\n0 3 2.5 # a pin\n0\n", "cylinder on line 12"},
-      {"open.cao", head + "3\n0 1\n1 2\n2 3\n1\n3 0 1 2\n0\n0\n0\n", "open.cao:12: the lines of this face do not form"},
+      {"open.cao", head + "3\n0 1\n1 2\n2 3\n1\n3 0 1 2\n0\n0\n0\n",
+       "open.cao:12: the lines of this face do not form"},
       {"index.cao", head + "0\n0\n1\n3 0 1 4\n", "index.cao:10: point 4 refers to none"},
       {"box.wrl", "#VRML V2.0 utf8\nShape {\n geometry Box { size 1 1 1 } }\n", "box.wrl:3: Box"},
-      {"moved.wrl", "#VRML V2.0 utf8\nTransform {\n translation 5 0 0 }\n", "moved.wrl:3: Transform"},
+      {"moved.wrl", "#VRML V2.0 utf8\nTransform {\n translation 5 0 0 }\n",
+       "moved.wrl:3: Transform"},
       {"big.ply", "ply\nformat binary_big_endian 1.0\nend_header\n", "big.ply:2: format"},
       {"short.ply",
        "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\n"
@@ -141,25 +138,26 @@ TEST(MeshFormats, CaoLinesBecomeAPolylineAndUnsupportedElementsAreNamed) {
   };
   for (const auto& row : bad) {
     SCOPED_TRACE(row.name);
-    writeFile(kDir + "/" + row.name, row.text);
-    EXPECT_FALSE(zot_sim::readMeshFile(kDir + "/" + row.name, m, error));
+    writeFile(kMeshDir + "/" + row.name, row.text);
+    EXPECT_FALSE(zot_sim::readMeshFile(kMeshDir + "/" + row.name, m, error));
     EXPECT_NE(error.find(row.expected), std::string::npos) << error;
   }
 }
 
 // ---------------------------------------------------------------- first pose
+// One frame of the chamfered box over clutter, rendered once.
 class FirstPose : public testing::Test {
  protected:
-  static bool toolsBuilt() {
-    return zot_sim::pathExists(kTools + "/zot_init") && zot_sim::pathExists(kTools + "/zot_render");
-  }
-  void SetUp() override {
-    if (!toolsBuilt()) GTEST_SKIP() << "zot_init and zot_render are built only with OpenCV";
+  static void SetUpTestSuite() {
+    if (!zot_sim::pathExists(kTools + "/zot_init")) return;
     zot_test::freshDirectory(kDir);
     const CommandResult r = runCommand(kTools + "/zot_render -q --config " + kData +
                                            " --camera camera_mono.txt --frames 1 --jobs 1 " + kSeq,
                                        kDir + "/render");
     ASSERT_EQ(r.status, 0) << r.err;
+  }
+  void SetUp() override {
+    if (!zot_sim::pathExists(kTools + "/zot_init")) GTEST_SKIP() << "built only with OpenCV";
     std::vector<zot_sim::Pose> truth;
     std::string error;
     ASSERT_TRUE(zot_sim::readPoseFile(kSeq + "/truth_poses.txt", truth, error)) << error;
@@ -178,14 +176,15 @@ class FirstPose : public testing::Test {
     double toCamera[16], T[16];
     ZOTtracker::inverseTransform(cams[0].toolFromCamera.data(), toCamera);
     ZOTtracker::matrixProduct444(toCamera, m_truth.data(), T);
-    const double corners[10][3] = {{-60, -40, 0}, {-60, 40, 0},  {-60, 40, 45}, {-60, 25, 60},
+    const double corners[10][3] = {{-60, -40, 0},  {-60, 40, 0}, {-60, 40, 45}, {-60, 25, 60},
                                    {-60, -40, 60}, {60, -40, 0}, {60, 40, 0},   {60, 40, 45},
-                                   {60, 25, 60},  {60, -40, 60}};
+                                   {60, 25, 60},   {60, -40, 60}};
     for (int i = first; i < first + count; i++) {
       double uv[2];
       zot_sim::projectDistorted(cam, T, corners[i], uv);
-      lines += std::to_string(uv[0] + 3.0 * ((i % 3) - 1)) + " " + std::to_string(uv[1] - 2.5 * ((i % 2) * 2 - 1)) +
-               " " + std::to_string(corners[i][0]) + " " + std::to_string(corners[i][1]) + " " +
+      lines += std::to_string(uv[0] + 3.0 * ((i % 3) - 1)) + " " +
+               std::to_string(uv[1] - 2.5 * ((i % 2) * 2 - 1)) + " " +
+               std::to_string(corners[i][0]) + " " + std::to_string(corners[i][1]) + " " +
                std::to_string(corners[i][2]) + "\n";
     }
     return lines;
@@ -197,7 +196,6 @@ class FirstPose : public testing::Test {
                           "/" + name + "_pose.txt --overlay " + kDir + "/" + name + ".png",
                       kDir + "/" + name);
   }
-  const std::string kSeq = kDir + "/seq";
   zot_sim::Pose m_truth{};
 };
 
@@ -243,9 +241,9 @@ TEST_F(FirstPose, InitialPoseInTheWrongUnitGivesAHint) {
   for (int k : {3, 7, 11}) metres[k] /= 1000.0;
   std::string error;
   ASSERT_TRUE(zot_sim::writePoseFile(kDir + "/metres.txt", {metres}, "", error));
-  const CommandResult r = runCommand(kTools + "/zot_track -q --config " + kSeq + " --images " + kSeq +
-                                         "/cam0/%06d.png --initial-pose " + kDir + "/metres.txt --out " +
-                                         kDir + "/metres",
+  const CommandResult r = runCommand(kTools + "/zot_track -q --config " + kSeq + " --images " +
+                                         kSeq + "/cam0/%06d.png --initial-pose " + kDir +
+                                         "/metres.txt --out " + kDir + "/metres",
                                      kDir + "/metres");
   EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.err.find("outside every camera's view"), std::string::npos) << r.err;

@@ -76,16 +76,20 @@ Options parseArguments(int argc, char** argv) {
   app.add_option("--config", o.configDir, "directory with the camera, tracker and model files")
       ->type_name("DIR")
       ->required();
-  app.add_option("--camera", o.cameraFile, "camera file in DIR (default: camera.txt)")->type_name("FILE");
-  app.add_option("--tracker", o.trackerFile, "tracker file in DIR (default: tracker.txt)")->type_name("FILE");
-  app.add_option("--model", o.modelFile, "model file in DIR (default: model.txt)")->type_name("FILE");
+  app.add_option("--camera", o.cameraFile, "camera file in DIR (default: camera.txt)")
+      ->type_name("FILE");
+  app.add_option("--tracker", o.trackerFile, "tracker file in DIR (default: tracker.txt)")
+      ->type_name("FILE");
+  app.add_option("--model", o.modelFile, "model file in DIR (default: model.txt)")
+      ->type_name("FILE");
   app.add_option("--image", o.image, "the first frame: an image file or a video (its first frame)")
       ->type_name("FILE")
       ->required();
   app.add_option("--cam", o.cam, "camera of the image (default: 0)")->type_name("N");
   app.add_option("--points", o.pointsFile, "the point pairs (see below)")->type_name("FILE");
   app.add_flag("--click", o.click, "click the image positions in a window");
-  app.add_option("--out", o.out, "pose file to write (default: initial_pose.txt)")->type_name("FILE");
+  app.add_option("--out", o.out, "pose file to write (default: initial_pose.txt)")
+      ->type_name("FILE");
   app.add_option("--overlay", o.overlay,
                  "picture of the result: the model (yellow) at the pose, the given\n"
                  "points (green circles) and the model points projected (red\n"
@@ -103,7 +107,8 @@ Options parseArguments(int argc, char** argv) {
     usageError(e.what());
   }
   o.refine = !noRefine;
-  if (o.pointsFile.empty() && !o.click) usageError("give the point pairs with --points FILE, or --click");
+  if (o.pointsFile.empty() && !o.click)
+    usageError("give the point pairs with --points FILE, or --click");
   return o;
 }
 
@@ -129,7 +134,8 @@ std::vector<PointPair> readPoints(const std::string& path) {
       char* end = nullptr;
       const double x = strtod(w.c_str(), &end);
       if (*end != '\0' || !std::isfinite(x))
-        fail(path + ":" + std::to_string(n) + ": expected numbers (u v X Y Z or X Y Z), got '" + w + "'");
+        fail(path + ":" + std::to_string(n) + ": expected numbers (u v X Y Z or X Y Z), got '" + w +
+             "'");
       v.push_back(x);
     }
     if (v.size() != 5 && v.size() != 3)
@@ -172,8 +178,8 @@ void checkPairs(const std::vector<PointPair>& pairs, int width, int height, doub
   for (const PointPair& p : pairs) {
     if (p.image.x < 0 || p.image.y < 0 || p.image.x > width - 1 || p.image.y > height - 1) {
       char text[160];
-      snprintf(text, sizeof text, ": image point (%g, %g) lies outside the %d x %d image", p.image.x,
-               p.image.y, width, height);
+      snprintf(text, sizeof text, ": image point (%g, %g) lies outside the %d x %d image",
+               p.image.x, p.image.y, width, height);
       fail(p.where + text);
     }
   }
@@ -191,9 +197,12 @@ void checkPairs(const std::vector<PointPair>& pairs, int width, int height, doub
     image.push_back(p.image);
   }
   if (!spreadBeyondALine(model, 3))
-    fail(source + ": all model points lie on one line; the pose needs points spread over a plane or in space");
+    fail(source +
+         ": all model points lie on one line; the pose needs points spread over a plane or in "
+         "space");
   if (!spreadBeyondALine(image, 2))
-    fail(source + ": all image points lie on one line; the pose needs points spread over the image");
+    fail(source +
+         ": all image points lie on one line; the pose needs points spread over the image");
 }
 
 // ---------------------------------------------------------------- clicking
@@ -212,8 +221,9 @@ void onMouse(int event, int x, int y, int, void* data) {
 // a right click are dropped. Enter ends early once four are given.
 void clickPoints(std::vector<PointPair>& pairs, const cv::Mat& frame) {
   if (getenv("DISPLAY") == nullptr && getenv("WAYLAND_DISPLAY") == nullptr)
-    fail("--click needs a display and there is none (DISPLAY is not set): give the pairs as\n"
-         "\"u v X Y Z\" lines in --points FILE instead");
+    fail(
+        "--click needs a display and there is none (DISPLAY is not set): give the pairs as\n"
+        "\"u v X Y Z\" lines in --points FILE instead");
   const std::string window = "zot_init: click the model point";
   try {
     cv::namedWindow(window, cv::WINDOW_AUTOSIZE);
@@ -232,11 +242,13 @@ void clickPoints(std::vector<PointPair>& pairs, const cv::Mat& frame) {
     }
     cv::Mat view;
     cv::cvtColor(frame, view, cv::COLOR_GRAY2BGR);
-    for (const PointPair& k : kept) cv::circle(view, k.image, 4, cv::Scalar(0, 255, 0), 1, cv::LINE_AA);
+    for (const PointPair& k : kept)
+      cv::circle(view, k.image, 4, cv::Scalar(0, 255, 0), 1, cv::LINE_AA);
     char text[200];
     snprintf(text, sizeof text, "click (%g, %g, %g)   right: skip  Enter: done  Esc: cancel",
              p.model.x, p.model.y, p.model.z);
-    cv::putText(view, text, cv::Point(8, 20), cv::FONT_HERSHEY_SIMPLEX, 0.45, cv::Scalar(0, 255, 255), 1, cv::LINE_AA);
+    cv::putText(view, text, cv::Point(8, 20), cv::FONT_HERSHEY_SIMPLEX, 0.45,
+                cv::Scalar(0, 255, 255), 1, cv::LINE_AA);
     cv::imshow(window, view);
     state.button = 0;
     int key = -1;
@@ -326,8 +338,9 @@ void writeOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, const doub
     double x[3];
     for (int r = 0; r < 3; r++)
       x[r] = Tcam[4 * r] * X.x + Tcam[4 * r + 1] * X.y + Tcam[4 * r + 2] * X.z + Tcam[4 * r + 3];
-    const cv::Point2d u(K.at<double>(0, 0) * x[0] / x[2] + K.at<double>(0, 1) * x[1] / x[2] + K.at<double>(0, 2),
-                        K.at<double>(1, 1) * x[1] / x[2] + K.at<double>(1, 2));
+    const cv::Point2d u(
+        K.at<double>(0, 0) * x[0] / x[2] + K.at<double>(0, 1) * x[1] / x[2] + K.at<double>(0, 2),
+        K.at<double>(1, 1) * x[1] / x[2] + K.at<double>(1, 2));
     cv::circle(view, undistorted[i], 5, cv::Scalar(0, 220, 0), 1, cv::LINE_AA);
     cv::drawMarker(view, u, cv::Scalar(0, 0, 255), cv::MARKER_CROSS, 8, 1);
     cv::putText(view, std::to_string(i + 1), undistorted[i] + cv::Point2d(6, -6),
@@ -351,7 +364,8 @@ int main(int argc, char** argv) {
     dup2(savedStdout, 1);
     close(savedStdout);
   }
-  if (!session.ok()) fail("cannot set the tracker up from " + o.configDir + ": " + session.message());
+  if (!session.ok())
+    fail("cannot set the tracker up from " + o.configDir + ": " + session.message());
   ZOTtracker::GenericObjectTracker& tracker = *session.tracker();
   if (o.cam < 0 || o.cam >= tracker.m_nCameras)
     usageError("--cam " + std::to_string(o.cam) + ": the configuration has " +
@@ -361,7 +375,8 @@ int main(int argc, char** argv) {
   zot_sim::ModelConfig model;
   std::string error;
   const std::vector<double>& setup = session.setupArray();
-  if (!zot_sim::decodeSetupArray(setup.data(), (int)setup.size(), cameras, parameters, model, error))
+  if (!zot_sim::decodeSetupArray(setup.data(), (int)setup.size(), cameras, parameters, model,
+                                 error))
     fail("the configuration is inconsistent: " + error);
   const zot_sim::CameraConfig& camera = cameras[o.cam];
   const double modelSize = zot_sim::modelSize(model, nullptr);
@@ -393,7 +408,8 @@ int main(int argc, char** argv) {
     std::ofstream saved(o.out + ".points.txt");
     saved << "# u v X Y Z, clicked with zot_init\n";
     for (const PointPair& p : pairs)
-      saved << p.image.x << " " << p.image.y << " " << p.model.x << " " << p.model.y << " " << p.model.z << "\n";
+      saved << p.image.x << " " << p.image.y << " " << p.model.x << " " << p.model.y << " "
+            << p.model.z << "\n";
   }
 
   // Perspective-n-point in the camera as recorded (with its distortion).
@@ -434,10 +450,13 @@ int main(int argc, char** argv) {
       std::copy(r.pose, r.pose + 16, finalTool);
       double dt = 0.0, dr = 0.0;
       zot_sim::poseError(finalTool, poseTool, &dt, &dr);
-      snprintf(text, sizeof text, "moved the pose by %.3g (model units) and %.3g deg; %d of %d contour samples matched",
-               dt, dr, r.matchedSamples, r.samples);
+      snprintf(
+          text, sizeof text,
+          "moved the pose by %.3g (model units) and %.3g deg; %d of %d contour samples matched", dt,
+          dr, r.matchedSamples, r.samples);
     } else {
-      snprintf(text, sizeof text, "failed (%d %s): the pose from the points is kept", r.code, r.message);
+      snprintf(text, sizeof text, "failed (%d %s): the pose from the points is kept", r.code,
+               r.message);
     }
     refinement = text;
   } else {
@@ -447,20 +466,23 @@ int main(int argc, char** argv) {
   const std::vector<double> finalError = residuals(pairs, finalCam, K, dist);
 
   if (!o.quiet) {
-    printf("point  image (u, v)         model (X, Y, Z)                 residual [px]: points  refined\n");
+    printf(
+        "point  image (u, v)         model (X, Y, Z)                 residual [px]: points  "
+        "refined\n");
     for (size_t i = 0; i < pairs.size(); i++)
-      printf("%5zu  (%7.1f, %7.1f)  (%9.3f, %9.3f, %9.3f)  %22.2f  %7.2f\n", i + 1, pairs[i].image.x,
-             pairs[i].image.y, pairs[i].model.x, pairs[i].model.y, pairs[i].model.z, pnpError[i],
-             finalError[i]);
+      printf("%5zu  (%7.1f, %7.1f)  (%9.3f, %9.3f, %9.3f)  %22.2f  %7.2f\n", i + 1,
+             pairs[i].image.x, pairs[i].image.y, pairs[i].model.x, pairs[i].model.y,
+             pairs[i].model.z, pnpError[i], finalError[i]);
     printf("rms residual: %.2f px from the points, %.2f px after the refinement\n", rms(pnpError),
            rms(finalError));
     printf("edge refinement: %s\n", refinement.c_str());
   }
   if (rms(pnpError) > 5.0)
-    fprintf(stderr,
-            "zot_init: warning: the points disagree by %.1f px rms: a point may be mislabelled, or\n"
-            "the model unit or the camera file may not match the image\n",
-            rms(pnpError));
+    fprintf(
+        stderr,
+        "zot_init: warning: the points disagree by %.1f px rms: a point may be mislabelled, or\n"
+        "the model unit or the camera file may not match the image\n",
+        rms(pnpError));
   writeOverlay(tracker, o.cam, finalTool, finalCam, pairs, K, dist, 0.4 * modelSize, o.overlay);
   std::vector<zot_sim::Pose> poses(1);
   std::copy(finalTool, finalTool + 16, poses[0].begin());

@@ -672,12 +672,15 @@ std::string outOfView(const GenericObjectTracker& tracker, const zot_sim::ModelC
           x[r] = T[4 * r] * v[i] + T[4 * r + 1] * v[i + 1] + T[4 * r + 2] * v[i + 2] + T[4 * r + 3];
         for (int r = 0; r < 3; r++) centre[r] += x[r];
         if (x[2] < tracker.m_zNear[c] || x[2] > tracker.m_zFar[c]) continue;
-        const double u = K[0] * x[0] / x[2] + K[1] * x[1] / x[2] + K[2], w = K[4] * x[1] / x[2] + K[5];
-        if (u >= 0 && u < tracker.m_imageWidth[c] && w >= 0 && w < tracker.m_imageHeight[c]) return "";
+        const double u = K[0] * x[0] / x[2] + K[1] * x[1] / x[2] + K[2],
+                     w = K[4] * x[1] / x[2] + K[5];
+        if (u >= 0 && u < tracker.m_imageWidth[c] && w >= 0 && w < tracker.m_imageHeight[c])
+          return "";
       }
     }
     char line[200];
-    snprintf(line, sizeof line, "%sits centre at (%.4g, %.4g, %.4g) in cam %d, whose depth range is %g to %g",
+    snprintf(line, sizeof line,
+             "%sits centre at (%.4g, %.4g, %.4g) in cam %d, whose depth range is %g to %g",
              c ? "; " : "", centre[0] / std::max(n, 1), centre[1] / std::max(n, 1),
              centre[2] / std::max(n, 1), c, tracker.m_zNear[c], tracker.m_zFar[c]);
     where += line;
@@ -882,8 +885,10 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
            double objectSize, double runSeconds, const std::string& csvPath, bool csvOk,
            std::string hint) {
   if (hint.empty() && !results.empty() && results[0].status == ZOTtracker::ZOT_ERR_OUT_OF_SCREEN)
-    hint = std::string("the first frame failed with -5 (the model leaves the image at the\n"
-                       "initial pose): ") + kUnitsHint;
+    hint = std::string(
+               "the first frame failed with -5 (the model leaves the image at the\n"
+               "initial pose): ") +
+           kUnitsHint;
   if (!hint.empty()) fprintf(stderr, "zot_track: %s\n", hint.c_str());
   std::string summary = summaryText(results, s.expected >= 0 ? s.expected : (int)results.size(),
                                     objectSize, !s.truth.empty());

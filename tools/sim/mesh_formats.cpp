@@ -46,7 +46,8 @@ bool toIndex(const std::string& word, long& value) {
 
 double numberAt(const std::string& path, int line, const std::string& word, const char* what) {
   double v = 0.0;
-  if (!toNumber(word, v)) refuse(path, line, std::string("expected ") + what + ", got '" + word + "'");
+  if (!toNumber(word, v))
+    refuse(path, line, std::string("expected ") + what + ", got '" + word + "'");
   return v;
 }
 
@@ -54,7 +55,8 @@ double numberAt(const std::string& path, int line, const std::string& word, cons
 int indexAt(const std::string& path, int line, const std::string& word, long limit, int base,
             const char* what) {
   long v = 0;
-  if (!toIndex(word, v)) refuse(path, line, std::string("expected ") + what + ", got '" + word + "'");
+  if (!toIndex(word, v))
+    refuse(path, line, std::string("expected ") + what + ", got '" + word + "'");
   if (v - base < 0 || v - base >= limit)
     refuse(path, line,
            std::string(what) + " " + word + " refers to none of the " + std::to_string(limit));
@@ -95,16 +97,16 @@ void readCao(const std::string& path, const std::string& text, MeshImport& m) {
   auto count = [&](const char* what, bool optional) -> long {
     if (at >= lines.size()) {
       if (optional) return 0;
-      refuse(path, lastLine, std::string("the file ends where the number of ") + what +
-                                 " is expected");
+      refuse(path, lastLine,
+             std::string("the file ends where the number of ") + what + " is expected");
     }
     const DataLine& d = lines[at++];
     if (d.words[0].rfind("load", 0) == 0)
       refuse(path, d.number, "loading other model files (load) is not supported");
     long n = 0;
     if (!toIndex(d.words[0], n) || n < 0)
-      refuse(path, d.number, std::string("expected the number of ") + what + ", got '" +
-                                 d.words[0] + "'");
+      refuse(path, d.number,
+             std::string("expected the number of ") + what + ", got '" + d.words[0] + "'");
     return n;
   };
   auto item = [&](const char* what, size_t minWords) -> const DataLine& {
@@ -112,15 +114,17 @@ void readCao(const std::string& path, const std::string& text, MeshImport& m) {
       refuse(path, lastLine, std::string("the file ends inside the list of ") + what);
     const DataLine& d = lines[at++];
     if (d.words.size() < minWords)
-      refuse(path, d.number, std::string("expected ") + std::to_string(minWords) +
-                                 " numbers for one of the " + what);
+      refuse(
+          path, d.number,
+          std::string("expected ") + std::to_string(minWords) + " numbers for one of the " + what);
     return d;
   };
 
   const long nPoints = count("points", false);
   for (long i = 0; i < nPoints; i++) {
     const DataLine& d = item("points", 3);
-    for (int k = 0; k < 3; k++) m.vertices.push_back(numberAt(path, d.number, d.words[k], "a coordinate"));
+    for (int k = 0; k < 3; k++)
+      m.vertices.push_back(numberAt(path, d.number, d.words[k], "a coordinate"));
   }
   const long nLines = count("lines", false);
   std::vector<std::pair<int, int>> segments;
@@ -138,7 +142,8 @@ void readCao(const std::string& path, const std::string& text, MeshImport& m) {
     const DataLine& d = item("faces from lines", 1);
     long n = 0;
     if (!toIndex(d.words[0], n) || n < 3 || (long)d.words.size() < n + 1)
-      refuse(path, d.number, "expected a face: the number of its lines (3 or more), then as many line indices");
+      refuse(path, d.number,
+             "expected a face: the number of its lines (3 or more), then as many line indices");
     std::vector<int> ids;
     for (long k = 0; k < n; k++) {
       const int l = indexAt(path, d.number, d.words[1 + k], (long)segments.size(), 0, "line");
@@ -169,9 +174,11 @@ void readCao(const std::string& path, const std::string& text, MeshImport& m) {
     const DataLine& d = item("faces from points", 1);
     long n = 0;
     if (!toIndex(d.words[0], n) || n < 3 || (long)d.words.size() < n + 1)
-      refuse(path, d.number, "expected a face: the number of its points (3 or more), then as many point indices");
+      refuse(path, d.number,
+             "expected a face: the number of its points (3 or more), then as many point indices");
     std::vector<int> face;
-    for (long k = 0; k < n; k++) face.push_back(indexAt(path, d.number, d.words[1 + k], nPoints, 0, "point"));
+    for (long k = 0; k < n; k++)
+      face.push_back(indexAt(path, d.number, d.words[1 + k], nPoints, 0, "point"));
     m.faces.push_back(face);
   }
   // Cylinders and circles have no polyhedron equivalent: name every one.
@@ -180,8 +187,9 @@ void readCao(const std::string& path, const std::string& text, MeshImport& m) {
     const long n = count(what, true);
     for (long i = 0; i < n; i++) {
       const DataLine& d = item(what, 1);
-      unsupported += (unsupported.empty() ? "" : ", ") + std::string(what).substr(0, strlen(what) - 1) +
-                     " on line " + std::to_string(d.number);
+      unsupported += (unsupported.empty() ? "" : ", ") +
+                     std::string(what).substr(0, strlen(what) - 1) + " on line " +
+                     std::to_string(d.number);
     }
   }
   if (!unsupported.empty())
@@ -236,7 +244,8 @@ std::vector<WrlToken> wrlTokens(const std::string& text) {
       i++;
     } else {
       const size_t start = i;
-      while (i < text.size() && !isspace((unsigned char)text[i]) && !strchr(",{}[]#\"", text[i])) i++;
+      while (i < text.size() && !isspace((unsigned char)text[i]) && !strchr(",{}[]#\"", text[i]))
+        i++;
       tokens.push_back({text.substr(start, i - start), line});
     }
   }
@@ -283,21 +292,26 @@ void readWrl(const std::string& path, const std::string& text, MeshImport& m) {
         for (long idx : indices) {
           if (idx >= 0) {
             if (idx >= nv)
-              refuse(path, faceSetLine, "the IndexedFaceSet here has an index " + std::to_string(idx) +
-                                            " beyond its " + std::to_string(nv) + " points");
+              refuse(path, faceSetLine,
+                     "the IndexedFaceSet here has an index " + std::to_string(idx) +
+                         " beyond its " + std::to_string(nv) + " points");
             face.push_back((int)(base + idx));
             continue;
           }
           if (face.empty()) continue;
-          if (face.size() < 3) refuse(path, faceSetLine, "the IndexedFaceSet here has a face with fewer than 3 points");
+          if (face.size() < 3)
+            refuse(path, faceSetLine,
+                   "the IndexedFaceSet here has a face with fewer than 3 points");
           if (!ccw) std::reverse(face.begin(), face.end());
           m.faces.push_back(face);
           face.clear();
         }
       }
       nodes.pop_back();
-    } else if (w.text == "USE" || w.text == "PROTO" || w.text == "EXTERNPROTO" || w.text == "Inline") {
-      refuse(path, w.line, w.text + " is not supported: export the model as plain IndexedFaceSet nodes");
+    } else if (w.text == "USE" || w.text == "PROTO" || w.text == "EXTERNPROTO" ||
+               w.text == "Inline") {
+      refuse(path, w.line,
+             w.text + " is not supported: export the model as plain IndexedFaceSet nodes");
     } else if (i + 1 < t.size() && t[i + 1].text == "{" &&
                (w.text == "Box" || w.text == "Cone" || w.text == "Cylinder" || w.text == "Sphere" ||
                 w.text == "Extrusion" || w.text == "ElevationGrid" || w.text == "IndexedLineSet" ||
@@ -310,27 +324,33 @@ void readWrl(const std::string& path, const std::string& text, MeshImport& m) {
       double v[4] = {0, 0, 0, 0};
       for (int k = 0; k < n; k++)
         v[k] = i + 1 + k < t.size() ? numberAt(path, w.line, t[i + 1 + k].text, "a number") : 0.0;
-      const bool identity = w.text == "scale" ? v[0] == 1 && v[1] == 1 && v[2] == 1
+      const bool identity = w.text == "scale"      ? v[0] == 1 && v[1] == 1 && v[2] == 1
                             : w.text == "rotation" ? v[3] == 0
                                                    : v[0] == 0 && v[1] == 0 && v[2] == 0;
       if (!identity)
-        refuse(path, w.line, "Transform with a " + w.text +
-                                 " is not supported: apply it to the coordinates in the CAD program");
+        refuse(path, w.line,
+               "Transform with a " + w.text +
+                   " is not supported: apply it to the coordinates in the CAD program");
       i += n;
     } else if (inside == "Coordinate" && w.text == "point") {
-      list(i, [&](const WrlToken& x) { points.push_back(numberAt(path, x.line, x.text, "a coordinate")); });
-      if (points.size() % 3 != 0) refuse(path, w.line, "the point list does not hold x y z triples");
+      list(i, [&](const WrlToken& x) {
+        points.push_back(numberAt(path, x.line, x.text, "a coordinate"));
+      });
+      if (points.size() % 3 != 0)
+        refuse(path, w.line, "the point list does not hold x y z triples");
     } else if (inside == "IndexedFaceSet" && w.text == "coordIndex") {
       list(i, [&](const WrlToken& x) {
         long v = 0;
-        if (!toIndex(x.text, v) || v < -1) refuse(path, x.line, "expected a vertex index or -1, got '" + x.text + "'");
+        if (!toIndex(x.text, v) || v < -1)
+          refuse(path, x.line, "expected a vertex index or -1, got '" + x.text + "'");
         indices.push_back(v);
       });
     } else if (inside == "IndexedFaceSet" && w.text == "ccw" && i + 1 < t.size()) {
       ccw = t[++i].text != "FALSE";
     }
   }
-  if (!nodes.empty()) refuse(path, t.back().line, "the file ends inside a " + nodes.back() + " node");
+  if (!nodes.empty())
+    refuse(path, t.back().line, "the file ends inside a " + nodes.back() + " node");
 }
 
 // ================================================================ .ply
@@ -390,7 +410,8 @@ void readPly(const std::string& path, const std::string& data, MeshImport& m) {
     std::vector<std::string> w;
     for (std::string s; ws >> s;) w.push_back(s);
     if (line == 1) {
-      if (w.size() != 1 || w[0] != "ply") refuse(path, 1, "not a PLY file (the first line should be ply)");
+      if (w.size() != 1 || w[0] != "ply")
+        refuse(path, 1, "not a PLY file (the first line should be ply)");
       continue;
     }
     if (w.empty() || w[0] == "comment" || w[0] == "obj_info") continue;
@@ -398,18 +419,21 @@ void readPly(const std::string& path, const std::string& data, MeshImport& m) {
       done = true;
     } else if (w[0] == "format") {
       if (w.size() < 2 || (w[1] != "ascii" && w[1] != "binary_little_endian"))
-        refuse(path, line, "format " + (w.size() > 1 ? w[1] : std::string()) +
-                               " is not supported (ascii or binary_little_endian)");
+        refuse(path, line,
+               "format " + (w.size() > 1 ? w[1] : std::string()) +
+                   " is not supported (ascii or binary_little_endian)");
       binary = w[1] == "binary_little_endian";
     } else if (w[0] == "element") {
       long n = 0;
-      if (w.size() != 3 || !toIndex(w[2], n) || n < 0) refuse(path, line, "expected element NAME COUNT");
+      if (w.size() != 3 || !toIndex(w[2], n) || n < 0)
+        refuse(path, line, "expected element NAME COUNT");
       if (w[1] == "edge") refuse(path, line, "edge elements are not supported (faces only)");
       elements.push_back({w[1], n, line, {}});
     } else if (w[0] == "property") {
       if (elements.empty()) refuse(path, line, "a property before any element");
       const bool isList = w.size() == 5 && w[1] == "list";
-      if (!isList && w.size() != 3) refuse(path, line, "expected property TYPE NAME or property list COUNTTYPE TYPE NAME");
+      if (!isList && w.size() != 3)
+        refuse(path, line, "expected property TYPE NAME or property list COUNTTYPE TYPE NAME");
       PlyProperty p = isList ? PlyProperty{w[4], w[3], w[2]} : PlyProperty{w[2], w[1], ""};
       if (plyTypeSize(p.type) == 0 || (isList && plyTypeSize(p.countType) == 0))
         refuse(path, line, "unknown property type in '" + text + "'");
@@ -428,12 +452,14 @@ void readPly(const std::string& path, const std::string& data, MeshImport& m) {
       const std::string& n = e.properties[k].name;
       for (int a = 0; a < 3; a++)
         if (isVertex && n == std::string(1, char('x' + a))) xyz[a] = (int)k;
-      if (isFace && (n == "vertex_indices" || n == "vertex_index") && !e.properties[k].countType.empty())
+      if (isFace && (n == "vertex_indices" || n == "vertex_index") &&
+          !e.properties[k].countType.empty())
         list = (int)k;
     }
     if (isVertex && std::min({xyz[0], xyz[1], xyz[2]}) < 0)
       refuse(path, e.headerLine, "the vertex element has no x, y and z properties");
-    if (isFace && list < 0) refuse(path, e.headerLine, "the face element has no vertex_indices list");
+    if (isFace && list < 0)
+      refuse(path, e.headerLine, "the face element has no vertex_indices list");
     const long nv = (long)m.vertices.size() / 3;
     for (long i = 0; i < e.count; i++) {
       const std::string where = e.name + " " + std::to_string(i);
@@ -473,7 +499,9 @@ void readPly(const std::string& path, const std::string& data, MeshImport& m) {
           const double v = next(p.type);
           if ((int)k != list) continue;
           if (v < 0 || v >= nv || v != std::floor(v))
-            refuse(path, at, where + " refers to vertex " + std::to_string((long)v) + " of " + std::to_string(nv));
+            refuse(path, at,
+                   where + " refers to vertex " + std::to_string((long)v) + " of " +
+                       std::to_string(nv));
           face.push_back((int)v);
         }
       }

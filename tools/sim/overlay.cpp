@@ -16,7 +16,8 @@ namespace {
 // behind the camera.
 bool project(const double* K, const double* T, const double* X, double* uv) {
   double x[3];
-  for (int r = 0; r < 3; r++) x[r] = T[4 * r] * X[0] + T[4 * r + 1] * X[1] + T[4 * r + 2] * X[2] + T[4 * r + 3];
+  for (int r = 0; r < 3; r++)
+    x[r] = T[4 * r] * X[0] + T[4 * r + 1] * X[1] + T[4 * r + 2] * X[2] + T[4 * r + 3];
   if (x[2] <= 1e-9) return false;
   uv[0] = K[0] * x[0] / x[2] + K[1] * x[1] / x[2] + K[2];
   uv[1] = K[4] * x[1] / x[2] + K[5];
@@ -45,8 +46,8 @@ void drawTrackingOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, con
   int step = 1, np = 0;
   for (; step <= 64; step *= 2) {
     tracker.m_multibody.sampleContour_Zbuffer(cam, T, K, width, height, tracker.m_zNear[cam],
-                                              tracker.m_zFar[cam], 1.0, 1.0, step, nullptr,
-                                              nullptr, nullptr, nullptr, true, false, false, false);
+                                              tracker.m_zFar[cam], 1.0, 1.0, step, nullptr, nullptr,
+                                              nullptr, nullptr, true, false, false, false);
     np = tracker.m_multibody.getNSamplePointsPerCam(cam);
     if (np < capacity) break;
   }
@@ -60,8 +61,10 @@ void drawTrackingOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, con
     if (!project(K, T, X, uv0) || !project(K, T, ahead, uv1)) continue;
     const double du = uv1[0] - uv0[0], dv = uv1[1] - uv0[1], len = std::hypot(du, dv);
     if (!(len > 0.0)) continue;
-    const int a[2] = {roundToPixel(uv0[0] - half * du / len), roundToPixel(uv0[1] - half * dv / len)};
-    const int b[2] = {roundToPixel(uv0[0] + half * du / len), roundToPixel(uv0[1] + half * dv / len)};
+    const int a[2] = {roundToPixel(uv0[0] - half * du / len),
+                      roundToPixel(uv0[1] - half * dv / len)};
+    const int b[2] = {roundToPixel(uv0[0] + half * du / len),
+                      roundToPixel(uv0[1] + half * dv / len)};
     drawLine(bgr, width, height, true, a, b, kOverlayContour);
   }
   if (axisLength > 0.0) drawCartesianFrame(K, T, axisLength, bgr, width, height, true);
