@@ -1,5 +1,6 @@
 #include "overlay.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -40,20 +41,23 @@ void drawTrackingOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, con
   double T[16];
   matrixProduct444(tracker.m_toolToCamera[cam], pose, T);
   const double* K = tracker.m_K[cam];
-  // The sampler stops at the sample capacity: widen the step until the
-  // whole contour fits, then join each sample to where the next one lies.
+  // The sampler stops at the sample capacity: a coarse pass measures the
+  // contour's length, and the step is chosen so that the whole of it fits;
+  // each sample is then drawn as a segment as long as the step.
   const int capacity = tracker.m_trackingParams.m_maxNSamplePointsPerCam;
-  int step = 1, np = 0;
-  for (; step <= 64; step *= 2) {
+  auto sample = [&](int step) {
     tracker.m_multibody.sampleContour_Zbuffer(cam, T, K, width, height, tracker.m_zNear[cam],
                                               tracker.m_zFar[cam], 1.0, 1.0, step, nullptr, nullptr,
                                               nullptr, nullptr, true, false, false, false);
-    np = tracker.m_multibody.getNSamplePointsPerCam(cam);
-    if (np < capacity) break;
-  }
+    return tracker.m_multibody.getNSamplePointsPerCam(cam);
+  };
+  const int coarse = 32;
+  const long length = (long)sample(coarse) * coarse;
+  const int step = std::max(1, (int)std::ceil(1.25 * length / std::max(capacity, 1)));
+  const int np = step >= coarse ? tracker.m_multibody.getNSamplePointsPerCam(cam) : sample(step);
   const double* points = tracker.m_multibody.getSamplePointsPerCam(cam);
   const double* tangents = tracker.m_multibody.getSampleTangentDirPerCam(cam);
-  const double half = 0.5 * std::fmin(step, 64) + 0.5;
+  const double half = 0.5 * std::min(step, coarse) + 0.5;
   for (int k = 0; k < np; k++) {
     const double* X = points + 3 * k;
     double ahead[3], uv0[2], uv1[2];
