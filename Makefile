@@ -50,6 +50,20 @@ $(DEMO_SEQ)/sequence.txt: $(BUILD)/zot_render $(DEMO_DATA)
 	$(BUILD)/zot_render --config data --camera camera_stereo.txt --tracker tracker_demo.txt \
 	  --model model_chamfered_box.txt --frames 150 $(DEMO_SEQ)
 
+# Tracking quality on hard rendered scenes (printed faces, a textured table,
+# a moving occluder, changing light, fast motion, a camera stall, a wrong
+# model): scripts/eval.sh renders them once into $(EVAL_OUT)/scenes/ (again
+# when zot_render, data/ or the script change), tracks each with every
+# tracker file of TRACKER (blank-separated, PATH or NAME=PATH; default the
+# demo's and the designed one) and prints a row per scene and setting; the
+# table goes to $(EVAL_OUT)/eval.csv, a plot per scene to $(EVAL_OUT)/plots/.
+EVAL_OUT ?= out/eval
+TRACKER ?=
+.PHONY: eval
+eval: configure
+	cmake --build $(BUILD) -j $(JOBS) --target zot_render zot_track zot_eval
+	BUILD=$(BUILD) EVAL_OUT=$(EVAL_OUT) JOBS=$(JOBS) TRACKER="$(TRACKER)" ./scripts/eval.sh
+
 bench: build
 	@for b in $(BUILD)/bench_*; do [ -x "$$b" ] && { echo "== $$b"; "$$b"; }; done
 

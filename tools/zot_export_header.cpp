@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "FileParser.h"
+#include "scene_config.h"
 
 namespace fs = std::filesystem;
 
@@ -94,6 +95,10 @@ int main(int argc, char** argv) {
   if (code != 0)
     fail("the configuration in '" + configDir + "' does not parse (code " + std::to_string(code) +
          ", see the message above)");
+  // The parser takes "6l2.43" as 6 and wraps large integers; refuse such files.
+  std::string error;
+  if (!zot_sim::checkConfigFilesStrictly(configDir, camera, tracker, model, error))
+    fail("malformed configuration: " + error);
 
   const std::string path = out + "/global_array_declaration.h";
   std::error_code ignored;

@@ -24,6 +24,7 @@
 #include "GenericObjectTracker.h"
 #include "Math.h"
 #include "memory_handling.h"
+#include "scene_config.h"
 
 namespace {
 
@@ -88,7 +89,10 @@ Options parseArguments(int argc, char** argv) {
   app.footer(
       "A closed mesh must have every edge shared by exactly two faces with opposite\n"
       "directions (consistent winding); faces wound inward are reversed and\n"
-      "reported. Exit status: 0 on success, 1 on bad input, 2 on bad arguments.");
+      "reported. Coordinates are written with 17 significant digits, so that they\n"
+      "read back exactly; a mesh smaller than 2^20 steps of doubles at its distance\n"
+      "from the origin is refused. Exit status: 0 on success, 1 on bad input, 2 on\n"
+      "bad arguments.");
   app.add_option("INPUT", o.input, "the mesh to convert (.obj or .stl)")->required();
   app.add_option("OUTPUT", o.output, "the polyhedron file to write")->required();
   app.add_option("--scale", o.scale, "multiply all coordinates by S (applied after --units)")
@@ -276,20 +280,62 @@ void faceNormal(const Mesh& m, const std::vector<int>& f, double* n) {
   }
 }
 
-double bboxDiagonal(const Mesh& m) {
-  double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+// Axis-aligned bounding box of the vertices (lo > hi without vertices).
+void bounds(const Mesh& m, double* lo, double* hi) {
+  for (int k = 0; k < 3; k++) {
+    lo[k] = HUGE_VAL;
+    hi[k] = -HUGE_VAL;
+  }
   for (size_t i = 0; i < m.v.size(); i += 3)
     for (int k = 0; k < 3; k++) {
       lo[k] = std::min(lo[k], m.v[i + k]);
       hi[k] = std::max(hi[k], m.v[i + k]);
     }
-  double d[3];
+}
+
+double bboxDiagonal(const Mesh& m) {
+  double lo[3], hi[3], d[3];
+  bounds(m, lo, hi);
   matrixSub31(hi, lo, d);
   return m.v.empty() ? 0.0 : length(d);
 }
 
-// Merges vertices closer than tol through a grid of cells of size tol;
-// faces are remapped and unreferenced vertices dropped. Returns the count merged.
+// Largest side of the bounding box.
+double extentOf(const double* lo, const double* hi) {
+  return std::max(hi[0] - lo[0], std::max(hi[1] - lo[1], hi[2] - lo[2]));
+}
+
+// Steps of doubles a part needs across its largest side, at the spacing of
+// doubles at its largest coordinate: about six significant digits of the
+// part's size, what the default merge tolerance (1e-6 of the diagonal) and
+// the coplanarity tests rely on.
+constexpr double kLeastStepsAcross = 1 << 20;
+
+// Refuses a mesh so small against its distance from the origin that
+// doubles cannot hold its shape.
+void checkResolution(const Mesh& m) {
+  double lo[3], hi[3], largest = 0.0;
+  bounds(m, lo, hi);
+  for (int k = 0; k < 3; k++)
+    largest = std::max(largest, std::max(std::fabs(lo[k]), std::fabs(hi[k])));
+  const double step = std::nextafter(largest, HUGE_VAL) - largest;
+  const double extent = extentOf(lo, hi);
+  if (extent < kLeastStepsAcross * step) {
+    char text[400];
+    snprintf(text, sizeof text,
+             "the mesh's extent %g is below what doubles resolve at its offset: coordinates up "
+             "to %g are %g apart, and the part needs %.0f such steps across (move it nearer the "
+             "origin or scale it up)",
+             extent, largest, step, kLeastStepsAcross);
+    fail(text);
+  }
+}
+
+// Merges vertices closer than tol through a grid of cells of at least size
+// tol, counted from the bounding box's corner and never finer than
+// kLeastStepsAcross cells across the box, so that cell numbers stay far from
+// overflowing whatever the offset or the tolerance; faces are remapped and
+// unreferenced vertices dropped. Returns the count merged.
 int mergeVertices(Mesh& m, double tol) {
   const int n = (int)m.v.size() / 3;
   std::vector<int> map(n);
@@ -298,11 +344,15 @@ int mergeVertices(Mesh& m, double tol) {
   auto key = [](long long x, long long y, long long z) {
     return (x * 73856093LL) ^ (y * 19349663LL) ^ (z * 83492791LL);
   };
-  const double cell = tol > 0.0 ? tol : 1.0;
+  double lo[3], hi[3];
+  bounds(m, lo, hi);
+  double cell = std::max(tol, extentOf(lo, hi) / kLeastStepsAcross);
+  if (!(cell > 0.0)) cell = 1.0;
   for (int i = 0; i < n; i++) {
     const double* p = &m.v[3 * i];
-    const long long c[3] = {(long long)std::floor(p[0] / cell), (long long)std::floor(p[1] / cell),
-                            (long long)std::floor(p[2] / cell)};
+    const long long c[3] = {(long long)std::floor((p[0] - lo[0]) / cell),
+                            (long long)std::floor((p[1] - lo[1]) / cell),
+                            (long long)std::floor((p[2] - lo[2]) / cell)};
     int found = -1;
     for (int dx = -1; dx <= 1 && found < 0; dx++)
       for (int dy = -1; dy <= 1 && found < 0; dy++)
@@ -501,7 +551,7 @@ void writePolyhedron(const Mesh& m, const std::string& path) {
   if (f == nullptr) fail("cannot write '" + path + "': " + strerror(errno));
   bool ok = fprintf(f, "nv %zu\n", m.v.size() / 3) > 0;
   for (size_t i = 0; i < m.v.size(); i += 3)
-    ok &= fprintf(f, "v %.9g %.9g %.9g\n", m.v[i], m.v[i + 1], m.v[i + 2]) > 0;
+    ok &= fprintf(f, "v %.17g %.17g %.17g\n", m.v[i], m.v[i + 1], m.v[i + 2]) > 0;
   ok &= fprintf(f, "nf %zu\n", m.faces.size()) > 0;
   for (const auto& face : m.faces) {
     ok &= fprintf(f, "f %zu ", face.size()) > 0;
@@ -574,6 +624,7 @@ int main(int argc, char** argv) {
       for (auto& f : m.faces) std::reverse(f.begin(), f.end());
   }
 
+  checkResolution(m);
   const double tol = o.tolerance >= 0.0 ? o.tolerance : 1e-6 * bboxDiagonal(m);
   const int merged = mergeVertices(m, tol);
   info("merged %d duplicate vertices (tolerance %g)\n", merged, tol);
@@ -597,6 +648,11 @@ int main(int argc, char** argv) {
   // own parser and set-up accept it, so a failure never leaves a file.
   const std::string tmp = o.output + ".tmp";
   writePolyhedron(m, tmp);
+  std::string error;
+  if (!zot_sim::checkBodyFileStrictly(tmp, true, error)) {
+    remove(tmp.c_str());
+    fail("the written file does not read back: " + error);
+  }
   int nEdges = 0, nFeatures = 0;
   if (verifyWithPolyhedron(tmp, m, o.flat, o.featureAngle, &nEdges, &nFeatures) != 0) {
     remove(tmp.c_str());

@@ -608,6 +608,10 @@ std::vector<double> readSetupArray(const Options& o) {
     fail("cannot read the configuration in " + o.configDir + " (" + which + file +
          ", or a body file it names: see the message above)");
   }
+  // The parser takes "6l2.43" as 6 and wraps large integers; refuse such files.
+  if (!zot_sim::checkConfigFilesStrictly(o.configDir, o.cameraFile, o.trackerFile, o.modelFile,
+                                         error))
+    fail("malformed configuration: " + error);
   setup.resize(count);
   return setup;
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -138,10 +139,6 @@ bool decodeCameraSection(const double* array, int count, int& cursor,
     error = oneLine(messages);
     return false;
   }
-  if (nCameras == 0) {
-    error = "the setup array has no camera";
-    return false;
-  }
   cameras.clear();
   auto camera = std::make_unique<ZOTtracker::SetupCamera>();
   for (int c = 0; c < nCameras; c++) {
@@ -168,10 +165,6 @@ bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig
     error = oneLine(messages);
     return false;
   }
-  if (nBodies == 0) {
-    error = "the model has no body";
-    return false;
-  }
   addLocalFrames(model, nFrames, frame);
   for (int b = 0; b < nBodies; b++) {
     ZOTtracker::SetupBody body;
@@ -191,10 +184,6 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
   auto setup = std::make_unique<ZOTtracker::SetupArray>();
   if (!ZOTtracker::decodeSetupArray(array, count, *setup, messages, sizeof(messages))) {
     error = oneLine(messages);
-    return false;
-  }
-  if (setup->nCameras == 0 || setup->nBodies == 0) {
-    error = setup->nCameras == 0 ? "the setup array has no camera" : "the model has no body";
     return false;
   }
   cameras.clear();
@@ -278,6 +267,236 @@ int loadModelFile(const std::string& directory, const std::string& fileName, Mod
         return decodeModelSection(a, n, cursor, model, err);
       },
       error);
+}
+
+// ================================================================ strict check
+namespace {
+
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+// A configuration file walked the way FileParser walks it: item lines
+// (before each, lines whose first character is '#' are skipped) and
+// free-format tokens on one position, so that the check sees the very values
+// the parser takes. Every failing call leaves "<path>:<line>: ..." in error.
+class StrictFile {
+ public:
+  std::string error;
+
+  bool open(const std::string& path) {
+    m_path = path;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return fault("cannot open the file");
+    std::stringstream text;
+    text << in.rdbuf();
+    m_text = text.str();
+    return true;
+  }
+  bool fault(const std::string& what) {
+    error = m_path + ":" + std::to_string(m_at) + ": " + what;
+    return false;
+  }
+  // The next item line, without its line end.
+  bool item(std::string& line) {
+    do {
+      if (m_pos >= m_text.size()) return fault("unexpected end of file");
+      line = restOfLine();
+    } while (line[0] == '#');
+    return true;
+  }
+  // Reads and forgets one line.
+  void skipLine() {
+    if (m_pos < m_text.size()) restOfLine();
+  }
+  // The next blank-separated token; with comments, a token starting with
+  // '#' drops the rest of its line.
+  bool token(std::string& t, bool comments = false) {
+    for (;;) {
+      while (m_pos < m_text.size() && isBlank(m_text[m_pos])) m_line += m_text[m_pos++] == '\n';
+      m_at = m_line;
+      if (m_pos >= m_text.size()) return fault("unexpected end of file");
+      const size_t start = m_pos;
+      while (m_pos < m_text.size() && !isBlank(m_text[m_pos])) m_pos++;
+      t = m_text.substr(start, m_pos - start);
+      if (!comments || t[0] != '#') return true;
+      restOfLine();
+    }
+  }
+  // The rest of the current line holds nothing but blanks or a comment.
+  bool restIsBlank() {
+    const std::string rest = restOfLine();
+    return emptyOrComment(rest, 0) || fault("unexpected \"" + rest + "\" after the values");
+  }
+  // Only blanks follow (body files), or only blank and comment lines.
+  bool atEnd() {
+    std::string t;
+    return !token(t) || fault("unexpected \"" + t + "\" after the last value");
+  }
+  bool onlyCommentsLeft() {
+    while (m_pos < m_text.size()) {
+      const std::string line = restOfLine();
+      if (!emptyOrComment(line, 0)) return fault("unexpected \"" + line + "\" after the last item");
+    }
+    return true;
+  }
+  // `t` scans completely as an int (first gets it) or a double.
+  bool number(const std::string& t, bool isInt, long long* first, const std::string& line) {
+    char* end = nullptr;
+    errno = 0;
+    const long long v = isInt ? strtoll(t.c_str(), &end, 10) : 0;
+    if (!isInt) strtod(t.c_str(), &end);
+    const std::string in = line.empty() ? "" : " in \"" + line + "\"";
+    if (t.empty() || *end != '\0')
+      return fault("\"" + t + "\" is not " + (isInt ? "an integer" : "a number") + in);
+    if (isInt && (errno == ERANGE || v < INT_MIN || v > INT_MAX))
+      return fault("\"" + t + "\" is outside the int range" + in);
+    if (first != nullptr) *first = v;
+    return true;
+  }
+  // n numbers at the start of line, then nothing but a comment.
+  bool numbers(const std::string& line, int n, bool isInt, long long* first = nullptr) {
+    std::istringstream in(line);
+    std::string t;
+    for (int i = 0; i < n; i++) {
+      if (!(in >> t))
+        return fault("expected " + std::to_string(n) + (n > 1 ? " values" : " value") + ", found " +
+                     std::to_string(i) + " in \"" + line + "\"");
+      if (!number(t, isInt, i == 0 ? first : nullptr, line)) return false;
+    }
+    in >> std::ws;
+    return emptyOrComment(line, in.eof() ? line.size() : (size_t)in.tellg()) ||
+           fault("unexpected text after " + std::to_string(n) + (n > 1 ? " values" : " value") +
+                 " in \"" + line + "\"");
+  }
+  // `keyword` (unless null), then n number tokens.
+  bool keyword(const char* keyword, int n, bool isInt, long long* first = nullptr) {
+    std::string t;
+    if (keyword != nullptr) {
+      if (!token(t)) return false;
+      if (t != keyword)
+        return fault("expected \"" + std::string(keyword) + "\", found \"" + t + "\"");
+    }
+    for (int i = 0; i < n; i++) {
+      if (!token(t) || !number(t, isInt, i == 0 ? first : nullptr, "")) return false;
+    }
+    return true;
+  }
+
+ private:
+  static bool emptyOrComment(const std::string& text, size_t from) {
+    while (from < text.size() && isBlank(text[from])) from++;
+    return from == text.size() || text[from] == '#';
+  }
+  // Consumes the current line up to its end; returns it without the line end.
+  std::string restOfLine() {
+    m_at = m_line;
+    const size_t end = std::min(m_text.find('\n', m_pos), m_text.size());
+    std::string line = m_text.substr(m_pos, end - m_pos);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    m_pos = end + 1;
+    m_line++;
+    return line;
+  }
+
+  std::string m_path, m_text;
+  size_t m_pos = 0;
+  int m_line = 1;  // line of m_pos
+  int m_at = 1;    // line of the last item or token, for the messages
+};
+
+bool strictBodyFile(StrictFile& f, bool polyhedron) {
+  long long n = 0, k = 0;
+  if (!f.keyword("nv", 1, true, &n)) return false;
+  for (long long v = 0; v < n; v++)
+    if (!f.keyword("v", 3, false)) return false;
+  if (!f.keyword(polyhedron ? "nf" : "ne", 1, true, &n)) return false;
+  for (long long i = 0; i < n; i++) {
+    if (!polyhedron && !f.keyword("e", 2, true)) return false;
+    if (polyhedron && (!f.keyword("f", 1, true, &k) || !f.keyword(nullptr, (int)k, true)))
+      return false;
+  }
+  return f.atEnd();
+}
+
+bool strictCameraFile(StrictFile& f) {
+  std::string line, t;
+  long long nCameras = 0, n = 0;
+  if (!f.item(line) || !f.numbers(line, 1, true, &nCameras)) return false;
+  // width height, depths, intrinsics, distortion, calibration, mask count
+  const int items[6][2] = {{2, 1}, {2, 0}, {5, 0}, {5, 0}, {12, 0}, {1, 1}};
+  for (long long c = 0; c < nCameras; c++) {
+    for (const auto& it : items)
+      if (!f.item(line) || !f.numbers(line, it[0], it[1] != 0, &n)) return false;
+    for (long long p = 0, nMasks = n; p < nMasks; p++) {
+      if (!f.token(t, true) || !f.number(t, true, &n, "")) return false;
+      if (!f.keyword(nullptr, (int)(2 * std::max(0LL, n)), false) || !f.restIsBlank()) return false;
+    }
+  }
+  return f.onlyCommentsLeft();
+}
+
+bool strictTrackerFile(StrictFile& f) {
+  // Values per item and whether they are integers, as FileParser reads them.
+  const int items[16][2] = {{1, 1}, {1, 0}, {1, 1}, {1, 0}, {1, 1}, {2, 1}, {1, 0}, {1, 1},
+                            {2, 0}, {2, 0}, {2, 0}, {1, 0}, {2, 0}, {2, 0}, {2, 0}, {1, 0}};
+  std::string line;
+  for (const auto& it : items)
+    if (!f.item(line) || !f.numbers(line, it[0], it[1] != 0)) return false;
+  return f.onlyCommentsLeft();
+}
+
+bool strictModelFile(StrictFile& f, const std::string& directory) {
+  std::string line, name;
+  long long n = 0;
+  if (!f.item(line) || !f.numbers(line, 1, true, &n)) return false;
+  for (long long i = 0; i < n; i++)
+    if (!f.item(line) || !f.numbers(line, 12, false)) return false;
+  if (!f.item(line) || !f.numbers(line, 1, true, &n)) return false;
+  for (long long b = 0; b < n; b++) {
+    if (!f.item(line)) return false;
+    if (line[0] == 'P') {
+      long long flat = 0;
+      if (!f.item(line) || !f.numbers(line, 1, true, &flat)) return false;
+      // The parser looks at the first character only.
+      if ((flat != 0 && flat != 1) || line[0] != '0' + flat)
+        return f.fault("the flat flag must be 0 or 1 at the start of the line: \"" + line + "\"");
+      if (!f.item(line) || !f.numbers(line, 1, false) || !f.item(name)) return false;
+      if (!checkBodyFileStrictly(joinPath(directory, name), true, f.error)) return false;
+      f.skipLine();
+    } else if (line[0] == 'L') {
+      if (!f.item(line) || !f.numbers(line, 2, true) || !f.token(name)) return false;
+      if (!checkBodyFileStrictly(joinPath(directory, name), false, f.error) || !f.restIsBlank())
+        return false;
+    } else if (line[0] == 'C') {
+      if (!f.item(line) || !f.numbers(line, 1, false)) return false;
+      for (int v = 0; v < 4; v++)
+        if (!f.item(line) || !f.numbers(line, 3, false)) return false;
+    } else {
+      return f.fault("unknown body type in \"" + line + "\" (P, L or C)");
+    }
+  }
+  return f.onlyCommentsLeft();
+}
+
+}  // namespace
+
+bool checkConfigFilesStrictly(const std::string& directory, const std::string& cameraFile,
+                              const std::string& trackerFile, const std::string& modelFile,
+                              std::string& error) {
+  StrictFile camera, tracker, model;
+  const bool ok = camera.open(joinPath(directory, cameraFile)) && strictCameraFile(camera) &&
+                  tracker.open(joinPath(directory, trackerFile)) && strictTrackerFile(tracker) &&
+                  model.open(joinPath(directory, modelFile)) && strictModelFile(model, directory);
+  error = camera.error + tracker.error + model.error;  // the one that failed
+  return ok;
+}
+
+bool checkBodyFileStrictly(const std::string& path, bool polyhedron, std::string& error) {
+  StrictFile f;
+  const bool ok = f.open(path) && strictBodyFile(f, polyhedron);
+  error = f.error;
+  return ok;
 }
 
 bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,

@@ -55,8 +55,8 @@ struct ModelConfig {
 
 /// Decoders of the setup array sections, through the library's codec
 /// (SetupArray.h); `cursor` moves past the section. Return false with the
-/// codec's message in `error` when the values run out or a count is
-/// impossible, or when there is no camera or no body.
+/// codec's message in `error` when the values run out, a count is
+/// impossible (no camera or no body included) or a value is refused.
 bool decodeCameraSection(const double* array, int count, int& cursor,
                          std::vector<CameraConfig>& cameras, std::string& error);
 bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig& model,
@@ -84,6 +84,21 @@ int loadCameraFile(const std::string& directory, const std::string& fileName,
 /// FileParser::parseModelFile and decodes it. Returns 0 or a negative code.
 int loadModelFile(const std::string& directory, const std::string& fileName, ModelConfig& model,
                   std::string& error);
+
+/// Reads the camera, tracker and model files in `directory` (and the
+/// polyhedron and polyline files the model names) item by item as
+/// FileParser does, and checks more strictly than it: every value must scan
+/// completely (the parser reads "6l2.43" as 6), integers must lie within the
+/// int range, the expected number of values must be there with nothing but a
+/// '#' comment after them, a flat flag must be 0 or 1, and nothing but
+/// comments may follow the last item (a body file: nothing at all). Returns
+/// false with "<file>:<line>: <what> in \"<text>\"" in `error` at the
+/// first fault.
+bool checkConfigFilesStrictly(const std::string& directory, const std::string& cameraFile,
+                              const std::string& trackerFile, const std::string& modelFile,
+                              std::string& error);
+/// The same check for one polyhedron (`polyhedron` true) or polyline file.
+bool checkBodyFileStrictly(const std::string& path, bool polyhedron, std::string& error);
 
 /// Writes a commented camera file that parses back to `cameras`. Returns
 /// false with a reason when the file cannot be written.
