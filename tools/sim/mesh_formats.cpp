@@ -514,23 +514,127 @@ void readPly(const std::string& path, const std::string& data, MeshImport& m) {
   if (m.faces.empty()) refuse(path, 0, "no faces");
 }
 
+// ================================================================ .obj
+// "v x y z" and "f i j k ..." with i, i/t, i//n or i/t/n, negative indices
+// counting back from the last vertex; everything else is ignored.
+void readObj(const std::string& path, const std::string& text, MeshImport& m) {
+  std::istringstream in(text);
+  std::string line;
+  for (int n = 1; std::getline(in, line); n++) {
+    std::istringstream ls(line);
+    std::string tag;
+    if (!(ls >> tag)) continue;
+    if (tag == "v") {
+      std::string x[3];
+      if (!(ls >> x[0] >> x[1] >> x[2])) refuse(path, n, "truncated vertex");
+      for (int k = 0; k < 3; k++) {
+        double v = 0.0;
+        char* end = nullptr;
+        v = strtod(x[k].c_str(), &end);
+        if (end == x[k].c_str() || *end != '\0') refuse(path, n, "malformed number '" + x[k] + "'");
+        if (!std::isfinite(v)) refuse(path, n, "non-finite coordinate");
+        m.vertices.push_back(v);
+      }
+    } else if (tag == "f") {
+      std::vector<int> face;
+      const long nv = (long)m.vertices.size() / 3;
+      for (std::string token; ls >> token;) {
+        char* end = nullptr;
+        const long idx = strtol(token.c_str(), &end, 10);
+        if (end == token.c_str() || (*end != '\0' && *end != '/'))
+          refuse(path, n, "malformed face index '" + token + "'");
+        const long zeroBased = idx > 0 ? idx - 1 : nv + idx;
+        if (idx == 0 || zeroBased < 0 || zeroBased >= nv)
+          refuse(path, n, "face index " + token + " refers to no vertex");
+        face.push_back((int)zeroBased);
+      }
+      if (face.size() < 3) refuse(path, n, "face with fewer than 3 vertices");
+      m.faces.push_back(face);
+    }
+  }
+}
+
+// ================================================================ .stl
+// Binary when the size matches 84 + 50 n for the count in the header, ASCII
+// otherwise ("solid ... facet ... vertex x y z ... endfacet").
+void readStl(const std::string& path, const std::string& data, MeshImport& m) {
+  auto vertex = [&](const double* p, const std::string& where) {
+    for (int k = 0; k < 3; k++)
+      if (!std::isfinite(p[k])) refuse(path, 0, "non-finite coordinate in " + where);
+    m.vertices.insert(m.vertices.end(), p, p + 3);
+    return (int)m.vertices.size() / 3 - 1;
+  };
+  if (data.size() >= 84) {
+    uint32_t n = 0;
+    memcpy(&n, data.data() + 80, 4);
+    const bool looksAscii =
+        data.compare(0, 5, "solid") == 0 && data.find("facet", 5) != std::string::npos;
+    if (84 + 50ull * n == data.size() || !looksAscii) {
+      if (84 + 50ull * n != data.size())
+        refuse(path, 0,
+               "truncated binary STL: the header announces " + std::to_string(n) + " triangles (" +
+                   std::to_string(84 + 50ull * n) + " bytes), the file has " +
+                   std::to_string(data.size()) + " bytes");
+      for (uint32_t t = 0; t < n; t++) {
+        const char* rec = data.data() + 84 + 50ull * t + 12;  // after the normal
+        std::vector<int> face;
+        for (int c = 0; c < 3; c++) {
+          float f[3];
+          memcpy(f, rec + 12 * c, 12);
+          const double p[3] = {f[0], f[1], f[2]};
+          face.push_back(vertex(p, "triangle " + std::to_string(t + 1)));
+        }
+        m.faces.push_back(face);
+      }
+      return;
+    }
+  }
+  std::istringstream in(data);
+  std::string word;
+  std::vector<int> face;
+  bool inFacet = false;
+  int facet = 0;
+  while (in >> word) {
+    const std::string where = "facet " + std::to_string(facet);
+    if (word == "facet") {
+      if (inFacet) refuse(path, 0, where + " has no endfacet");
+      inFacet = true;
+      facet++;
+      face.clear();
+    } else if (word == "vertex") {
+      double p[3];
+      if (!(in >> p[0] >> p[1] >> p[2])) refuse(path, 0, "truncated vertex in " + where);
+      face.push_back(vertex(p, where));
+    } else if (word == "endfacet") {
+      if (!inFacet || face.size() != 3) refuse(path, 0, where + " does not have 3 vertices");
+      m.faces.push_back(face);
+      inFacet = false;
+    }
+  }
+  if (inFacet)
+    refuse(path, 0, "truncated ASCII STL: facet " + std::to_string(facet) + " is not closed");
+  if (m.faces.empty()) refuse(path, 0, "no triangles found");
+}
+
 }  // namespace
 
 bool isImportFormat(const std::string& path) {
   const std::string ext = lowerExtension(path);
-  return ext == ".cao" || ext == ".wrl" || ext == ".vrml" || ext == ".ply";
+  return ext == ".cao" || ext == ".wrl" || ext == ".vrml" || ext == ".ply" || ext == ".obj" ||
+         ext == ".stl";
 }
 
 bool readMeshFile(const std::string& path, MeshImport& out, std::string& error) {
   out = MeshImport();
   const std::string ext = lowerExtension(path);
   if (!isImportFormat(path)) {
-    error = path + ": unknown mesh format '" + ext + "' (expected .cao, .wrl or .ply)";
+    error = "unknown input format '" + ext + "' of " + path +
+            " (expected .cao, .wrl, .ply, .obj or .stl)";
     return false;
   }
   std::ifstream in(path, std::ios::binary);
   if (!in) {
-    error = path + ": cannot open: " + strerror(errno);
+    error = "cannot open '" + path + "': " + strerror(errno);
     return false;
   }
   std::stringstream ss;
@@ -540,6 +644,10 @@ bool readMeshFile(const std::string& path, MeshImport& out, std::string& error) 
       readCao(path, ss.str(), out);
     else if (ext == ".ply")
       readPly(path, ss.str(), out);
+    else if (ext == ".obj")
+      readObj(path, ss.str(), out);
+    else if (ext == ".stl")
+      readStl(path, ss.str(), out);
     else
       readWrl(path, ss.str(), out);
   } catch (const ReadError& e) {

@@ -1,7 +1,8 @@
 /// @file
 /// Readers of the CAD exchange formats a model usually comes in: the
-/// edge-tracker model format (.cao), VRML 2 IndexedFaceSet (.wrl) and PLY
-/// (ASCII and binary little-endian), chosen by the file's extension. They
+/// edge-tracker model format (.cao), VRML 2 IndexedFaceSet (.wrl), PLY
+/// (ASCII and binary little-endian), OBJ and STL (ASCII and binary), chosen
+/// by the file's extension. They
 /// return polygon faces and, for .cao lines that bound no face, segments
 /// that become a polyline body. Anything a reader cannot represent faithfully
 /// (cylinders, circles, transforms, other geometry nodes, big-endian PLY) is
@@ -21,7 +22,8 @@ struct MeshImport {
   std::vector<int> segments;
 };
 
-/// Reads `path` by its extension (.cao, .wrl/.vrml, .ply; case-insensitive).
+/// Reads `path` by its extension (.cao, .wrl/.vrml, .ply, .obj, .stl;
+/// case-insensitive).
 /// Returns true with `out` filled, or false with one line in `error` that
 /// names the file and, where it applies, the line and what was expected;
 /// `out` is then unspecified. Indices are checked against the vertex count,
