@@ -896,6 +896,14 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
   if (!hint.empty()) fprintf(stderr, "zot_track: %s\n", hint.c_str());
   std::string summary = summaryText(results, s.expected >= 0 ? s.expected : (int)results.size(),
                                     objectSize, !s.truth.empty());
+  if (!s.truth.empty()) {
+    // How far the track started from the truth, to read the first frames' errors against.
+    double t = 0.0, r = 0.0;
+    zot_sim::poseError(s.initialPose.data(), s.truth[0].data(), &t, &r);
+    char line[160];
+    snprintf(line, sizeof line, "initial pose: %.3f mm / %.3f deg from the first true pose\n", t, r);
+    summary += line;
+  }
   int status = 0;
   for (const FrameResult& r : results) {
     if (r.status != 0) status = kExitTrackingFailed;
