@@ -497,20 +497,26 @@ struct Polyline {
 // The faces' mesh (only the vertices faces use: a .cao lists the markings'
 // points too) and the polyline of the free lines.
 Mesh splitImport(const zot_sim::MeshImport& in, Polyline& lines) {
-  Mesh m;
-  std::vector<int> inMesh(in.vertices.size() / 3, -1), inLines(in.vertices.size() / 3, -1);
-  auto take = [&](int i, std::vector<int>& index, std::vector<double>& v) {
-    if (index[i] < 0) {
+  // Both keep the file's vertex order, each with the vertices it uses.
+  auto compact = [&](const std::vector<int>& used, std::vector<double>& v) {
+    std::vector<int> index(in.vertices.size() / 3, -1);
+    for (int i : used) index[i] = 0;
+    for (size_t i = 0; i < index.size(); i++) {
+      if (index[i] < 0) continue;
       index[i] = (int)v.size() / 3;
       v.insert(v.end(), &in.vertices[3 * i], &in.vertices[3 * i] + 3);
     }
-    return index[i];
+    return index;
   };
+  Mesh m;
+  std::vector<int> corners;
+  for (const auto& f : in.faces) corners.insert(corners.end(), f.begin(), f.end());
+  const std::vector<int> inMesh = compact(corners, m.v), inLines = compact(in.segments, lines.v);
   for (const auto& f : in.faces) {
     m.faces.emplace_back();
-    for (int i : f) m.faces.back().push_back(take(i, inMesh, m.v));
+    for (int i : f) m.faces.back().push_back(inMesh[i]);
   }
-  for (int i : in.segments) lines.segments.push_back(take(i, inLines, lines.v));
+  for (int i : in.segments) lines.segments.push_back(inLines[i]);
   return m;
 }
 
