@@ -149,26 +149,24 @@ TEST(MeshFormats, Mesh2PolyWritesTheWholeModelOrNothing) {
       "3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n";
   writeFile(kMeshDir + "/marked.cao", cao + "0\n0\n");
   writeFile(kMeshDir + "/pin.cao", cao + "1\n0 3 1\n0\n");
-  const std::string run = kTools + "/zot_mesh2poly -q " + kMeshDir;
-  zot_test::freshDirectory(kMeshDir + "/m");
-  ASSERT_EQ(runCommand(run + "/marked.cao " + kMeshDir + "/m/poly.txt --model " + kMeshDir +
-                           "/m/model.txt",
-                       kMeshDir + "/marked")
-                .status,
-            0);
+  auto convert = [](const std::string& name) {
+    const std::string stem = kMeshDir + "/" + name;
+    return runCommand(kTools + "/zot_mesh2poly -q " + stem + ".cao " + stem + "_poly.txt --model " +
+                          stem + "_model.txt",
+                      stem);
+  };
+  ASSERT_EQ(convert("marked").status, 0);
   zot_sim::ModelConfig model;
   std::string error;
-  ASSERT_EQ(zot_sim::loadModelFile(kMeshDir + "/m", "model.txt", model, error), 0) << error;
+  ASSERT_EQ(zot_sim::loadModelFile(kMeshDir, "marked_model.txt", model, error), 0) << error;
   ASSERT_EQ(model.bodies.size(), 2u);
   EXPECT_EQ(model.bodies[0].mesh.faceSizes.size(), 4u);
   EXPECT_EQ(model.bodies[1].mesh.vertices, std::vector<double>({2, 0, 2, 4, 0, 2}));
   EXPECT_EQ(model.bodies[1].supportFace, 1);  // the face in the plane y = 0
-  const CommandResult r =
-      runCommand(run + "/pin.cao " + kMeshDir + "/p.txt --model " + kMeshDir + "/pin_model.txt",
-                 kMeshDir + "/pin");
+  const CommandResult r = convert("pin");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("pin.cao: cylinder on line 19"), std::string::npos) << r.err;
-  EXPECT_FALSE(zot_sim::pathExists(kMeshDir + "/p.txt") ||
+  EXPECT_FALSE(zot_sim::pathExists(kMeshDir + "/pin_poly.txt") ||
                zot_sim::pathExists(kMeshDir + "/pin_model.txt"));
 }
 
