@@ -114,7 +114,8 @@ TEST(SetupRefusals, TheToolsReadConfigurationFilesStrictly) {
   }
   // The last case, through a tool: nothing is written, exit status 1.
   const zot_test::CommandResult r = zot_test::runCommand(
-      std::string(ZOT_TOOLS_DIR) + "/zot_export_header --config-dir " + dir + " --out " + dir,
+      std::string(ZOT_TOOLS_DIR) + "/zot_export_header --config-dir " + dir +
+          " --camera camera_stereo.txt --model model_chamfered_box.txt --out " + dir,
       dir + "/export");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("malformed configuration: " + dir + "/model_chamfered_box.txt:25"),

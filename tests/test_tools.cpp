@@ -346,7 +346,7 @@ TEST(Mesh2Poly, MeshesBecomeOutwardPolyhedraOrFailWithoutOutput) {
       {writeObj("badindex.obj", {{1, 2, 9}}), 1, -1, 0, "refers to no vertex"},
       {writeBinaryStl("truncated.stl", 30), 1, -1, 0, "truncated binary STL"},
       {kDir + "/missing.obj", 1, -1, 0, "cannot open"},
-      {kDir + "/mesh.ply", 1, -1, 0, "unknown input format"},
+      {kDir + "/mesh.step", 1, -1, 0, "unknown input format"},
       {"--scale abc a.obj", 2, -1, 0, ""},
   };
   const std::string out = kDir + "/poly.txt";

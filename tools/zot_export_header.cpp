@@ -33,8 +33,8 @@ constexpr int kLargestCapacity = 1 << 28;
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string configDir = ".", camera = "camera_stereo.txt", tracker = "tracker.txt",
-              model = "model_chamfered_box.txt", out = ".";
+  std::string configDir = ".", camera = "camera.txt", tracker = "tracker.txt", model = "model.txt",
+              out = ".";
   CLI::App app;
   app.name("zot_export_header");
   app.get_formatter()->label("Usage", "usage");
@@ -52,16 +52,17 @@ int main(int argc, char** argv) {
   app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   const CLI::Validator nonEmpty(
       [](std::string& s) { return s.empty() ? std::string("needs a value") : std::string(); }, "");
-  app.add_option("--config-dir", configDir, "directory of the configuration files (default: .)")
+  app.add_option("--config,--config-dir", configDir,
+                 "directory of the configuration files (default: .)")
       ->type_name("DIR")
       ->check(nonEmpty);
-  app.add_option("--camera", camera, "camera file in DIR (default: camera_stereo.txt)")
+  app.add_option("--camera", camera, "camera file in DIR (default: camera.txt)")
       ->type_name("FILE")
       ->check(nonEmpty);
   app.add_option("--tracker", tracker, "tracker file in DIR (default: tracker.txt)")
       ->type_name("FILE")
       ->check(nonEmpty);
-  app.add_option("--model", model, "model file in DIR (default: model_chamfered_box.txt)")
+  app.add_option("--model", model, "model file in DIR (default: model.txt)")
       ->type_name("FILE")
       ->check(nonEmpty);
   app.add_option("--out", out, "directory to write the header to; must exist (default: .)")

@@ -33,9 +33,8 @@ namespace fs = std::filesystem;
 namespace {
 
 struct Options {
-  std::string configDir = "data", cameraFile = "camera_stereo.txt",
-              trackerFile = "tracker_demo.txt", modelFile = "model_chamfered_box.txt", outDir,
-              format = "png";
+  std::string configDir = "data", cameraFile = "camera.txt", trackerFile = "tracker_demo.txt",
+              modelFile = "model.txt", outDir, format = "png";
   bool noDistortion = false, video = false, quiet = false;
   double scale = 1.0, offsetTransl = 0.0, offsetRotDeg = 0.0;
   int jobs = 0, dropFirst = 0, dropCount = 0;

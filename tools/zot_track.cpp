@@ -3,7 +3,6 @@
 // header), per-camera image sequences or videos, time stamps, tool poses and
 // an initial object pose in; a CSV of poses, optional overlays and a summary
 // with failures and per-stage timing out.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -33,6 +32,7 @@
 #include "frame_timing.h"
 #include "PoolSizes.h"
 #include "memory_handling.h"
+#include "overlay.h"
 #include "scene_config.h"
 
 // A host that must not read configuration files at run time compiles its
@@ -185,7 +185,8 @@ Options parseArguments(int argc, char** argv) {
          "rotation vector in degrees) in the CSV (default: matrix)");
   app.add_flag("--overlays", o.overlays,
                "DIR/overlays/camN_IIIIII.png: the undistorted image with\n"
-               "the model contour (red) and the object's axes");
+               "the model's visible contour (yellow) and the object's\n"
+               "axes (x red, y green, z blue)");
   option("--overlay-video", o.overlayVideo, "FILE",
          "the overlays of all cameras side by side as a Motion-JPEG\nvideo (.avi)");
   app.add_flag("--per-frame", o.perFrame,
@@ -502,7 +503,7 @@ void drawStatus(cv::Mat& overlay, const std::string& text, bool ok) {
               cv::LINE_AA);
 }
 
-// Overlays drawn by the tracker: PNG files per frame and camera and/or a
+// Overlays of the tracking result: PNG files per frame and camera and/or a
 // video with the cameras side by side. Write failures end the program.
 class OverlayWriter {
  public:
@@ -513,25 +514,18 @@ class OverlayWriter {
         m_videoPath(videoPath),
         m_fps(fps),
         m_axisLength(axisLength),
-        m_devNull(::open("/dev/null", O_WRONLY)),
         m_colour(tracker.m_nCameras) {
     for (int c = 0; c < tracker.m_nCameras; c++)
       m_colour[c].resize(3 * (size_t)tracker.m_imageWidth[c] * tracker.m_imageHeight[c]);
   }
-  ~OverlayWriter() {
-    m_video.release();
-    if (m_devNull >= 0) close(m_devNull);
-  }
+  ~OverlayWriter() { m_video.release(); }
 
   // Draws the frame's result at pose (the estimate, or the last good pose
   // after a failure) into every camera's overlay and writes them.
   void write(const FrameResult& r, const double* pose) {
     std::vector<cv::Mat> views;
     for (int c = 0; c < m_tracker.m_nCameras; c++) {
-      {
-        StdoutRedirect quiet(m_devNull);  // drawResult reports its sample count
-        m_tracker.drawResult(pose, m_colour[c].data(), c, true, m_axisLength, nullptr);
-      }
+      zot_sim::drawTrackingOverlay(m_tracker, c, pose, m_axisLength, m_colour[c].data());
       cv::Mat view(m_tracker.m_imageHeight[c], m_tracker.m_imageWidth[c], CV_8UC3,
                    m_colour[c].data());
       char text[200];
@@ -568,7 +562,6 @@ class OverlayWriter {
   GenericObjectTracker& m_tracker;
   std::string m_directory, m_videoPath;
   double m_fps, m_axisLength;
-  int m_devNull;
   std::vector<std::vector<unsigned char>> m_colour;
   cv::VideoWriter m_video;
 };
@@ -627,6 +620,7 @@ std::vector<double> readSetupArray(const Options& o) {
 // The tracker set up from the configuration, with its memory pools.
 struct Setup {
   std::unique_ptr<GenericObjectTracker> tracker;
+  zot_sim::ModelConfig model;
   double objectSize = 0.0;  ///< the model's bounding-box size, for the error limits and axes
 };
 
@@ -641,6 +635,7 @@ Setup setUp(const Options& o) {
     fail("the configuration is inconsistent: " + error);
   Setup s;
   s.objectSize = zot_sim::modelSize(model, nullptr);
+  s.model = model;
   size_t pools[ZOTtracker::ZOT_N_POOLS];
   if (ZOTtracker::computePoolSizes((int)setup.size(), setup.data(), ZOTtracker::ZOT_POOL_MARGIN,
                                    pools) != 0)
@@ -655,6 +650,49 @@ Setup setUp(const Options& o) {
          " camera(s) but --images was given " + std::to_string(o.images.size()) + " time(s)");
   }
   return s;
+}
+
+// ---------------------------------------------------------------- first-frame checks
+// What a pose in the wrong unit or a wrong calibration looks like: the model
+// outside every camera's view, and the first frame failing with -5.
+const char* const kUnitsHint =
+    "check that the initial pose uses the model's length unit (a pose in metres\n"
+    "against a model in millimetres puts the object 1000 times too close) and the\n"
+    "camera-to-tool calibration in the camera file";
+
+// "" when some camera sees a vertex of the model at pose (object in the tool
+// frame, inside the depth range and the image), else where the model is.
+std::string outOfView(const GenericObjectTracker& tracker, const zot_sim::ModelConfig& model,
+                      const double* pose) {
+  std::string where;
+  for (int c = 0; c < tracker.m_nCameras; c++) {
+    double T[16], centre[3] = {0, 0, 0};
+    ZOTtracker::matrixProduct444(tracker.m_toolToCamera[c], pose, T);
+    const double* K = tracker.m_K[c];
+    int n = 0;
+    for (const zot_sim::BodyConfig& b : model.bodies) {
+      const std::vector<double>& v = b.mesh.vertices;
+      for (size_t i = 0; i + 2 < v.size(); i += 3, n++) {
+        double x[3];
+        for (int r = 0; r < 3; r++)
+          x[r] = T[4 * r] * v[i] + T[4 * r + 1] * v[i + 1] + T[4 * r + 2] * v[i + 2] + T[4 * r + 3];
+        for (int r = 0; r < 3; r++) centre[r] += x[r];
+        if (x[2] < tracker.m_zNear[c] || x[2] > tracker.m_zFar[c]) continue;
+        const double u = K[0] * x[0] / x[2] + K[1] * x[1] / x[2] + K[2],
+                     w = K[4] * x[1] / x[2] + K[5];
+        if (u >= 0 && u < tracker.m_imageWidth[c] && w >= 0 && w < tracker.m_imageHeight[c])
+          return "";
+      }
+    }
+    char line[200];
+    snprintf(line, sizeof line,
+             "%sits centre at (%.4g, %.4g, %.4g) in cam %d, whose depth range is %g to %g",
+             c ? "; " : "", centre[0] / std::max(n, 1), centre[1] / std::max(n, 1),
+             centre[2] / std::max(n, 1), c, tracker.m_zNear[c], tracker.m_zFar[c]);
+    where += line;
+  }
+  return "the initial pose puts the model outside every camera's view (" + where + "):\n" +
+         kUnitsHint;
 }
 
 // ---------------------------------------------------------------- input sequence
@@ -850,9 +888,24 @@ std::vector<FrameResult> trackSequence(const Options& o, GenericObjectTracker& t
 // ---------------------------------------------------------------- summary and outputs
 // Writes summary.txt (and shows it unless -q); returns the exit status.
 int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& results,
-           double objectSize, double runSeconds, const std::string& csvPath, bool csvOk) {
+           double objectSize, double runSeconds, const std::string& csvPath, bool csvOk,
+           std::string hint) {
+  if (hint.empty() && !results.empty() && results[0].status == ZOTtracker::ZOT_ERR_OUT_OF_SCREEN)
+    hint = std::string(
+               "the first frame failed with -5 (the model leaves the image at the\n"
+               "initial pose): ") +
+           kUnitsHint;
+  if (!hint.empty()) fprintf(stderr, "zot_track: %s\n", hint.c_str());
   std::string summary = summaryText(results, s.expected >= 0 ? s.expected : (int)results.size(),
                                     objectSize, !s.truth.empty());
+  if (!s.truth.empty()) {
+    // How far the track started from the truth, to read the first frames' errors against.
+    double t = 0.0, r = 0.0;
+    zot_sim::poseError(s.initialPose.data(), s.truth[0].data(), &t, &r);
+    char line[160];
+    snprintf(line, sizeof line, "initial pose: %.3f mm / %.3f deg from the first true pose\n", t, r);
+    summary += line;
+  }
   int status = 0;
   for (const FrameResult& r : results) {
     if (r.status != 0) status = kExitTrackingFailed;
@@ -874,6 +927,7 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
     }
     summary += line;
   }
+  if (!hint.empty()) summary += "HINT: " + hint + "\n";
   if (!s.inputProblem.empty()) {
     summary +=
         "INPUT ERROR at frame " + std::to_string(s.inputLimit) + ": " + s.inputProblem + "\n";
@@ -903,6 +957,8 @@ int main(int argc, char** argv) {
   const Options o = parseArguments(argc, argv);
   Setup setup = setUp(o);
   Sequence sequence = openSequence(o, setup.tracker->m_nCameras);
+  const std::string hint = outOfView(*setup.tracker, setup.model, sequence.initialPose.data());
+  if (!hint.empty()) fprintf(stderr, "zot_track: warning: %s\n", hint.c_str());
   Outputs out = openOutputs(o, sequence, *setup.tracker, setup.objectSize);
   const auto start = std::chrono::steady_clock::now();
   const std::vector<FrameResult> results = trackSequence(o, *setup.tracker, sequence, out);
@@ -912,5 +968,5 @@ int main(int argc, char** argv) {
   out.overlays.reset();
   setup.tracker.reset();
   ZOTtracker::doBigFree();
-  return finish(o, sequence, results, setup.objectSize, runSeconds, out.csvPath, csvOk);
+  return finish(o, sequence, results, setup.objectSize, runSeconds, out.csvPath, csvOk, hint);
 }
