@@ -109,12 +109,13 @@ std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
   return a;
 }
 
-std::vector<double> sampleSetupArray(const char* dataDir) {
-  std::vector<double> a(10000);
+std::vector<double> sampleSetupArray(const char* dataDir, const char* camera, const char* tracker,
+                                     const char* model) {
+  std::vector<double> a(200000);
   int count = 0;
   FileParser parser;
-  const int code = parser.parseAllFiles(dataDir, "camera_stereo.txt", "tracker.txt",
-                                        "model_chamfered_box.txt", count, a.data(), (int)a.size());
+  const int code =
+      parser.parseAllFiles(dataDir, camera, tracker, model, count, a.data(), (int)a.size());
   a.resize(code == 0 ? count : 0);
   return a;
 }
