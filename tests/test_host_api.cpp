@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -12,7 +11,6 @@
 #include <vector>
 
 #include "GenericObjectTracker.h"
-#include "IO.h"
 #include "Math.h"
 #include "PoolSizes.h"
 #include "TrackerSession.h"
@@ -54,18 +52,6 @@ std::vector<double> mixedConfiguration() {
   a.insert(a.end(), {2, 10, 0, 0, 0, 0, 0, 30, 0, 0, -1, 0, 0, 1});
   a.insert(a.end(), {1, 1, 1, 3, -20, 0, 0, 0, 20, 0, 20, 0, 0, 2, 1, 2, 2, 3});
   return a;
-}
-
-struct Configuration {
-  const char* name;
-  std::vector<double> array;
-};
-
-std::vector<Configuration> configurations() {
-  return {{"stereo chamfered box",
-           parseData("camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt")},
-          {"mono L bracket", parseData("camera_mono.txt", "tracker.txt", "model_l_bracket.txt")},
-          {"mixed bodies and cameras", mixedConfiguration()}};
 }
 
 // Sets a tracker up in the reserved pools and runs `frames` frames through
@@ -110,9 +96,11 @@ uint64_t used(int pool) {
 // element of every pool; 1 % less in any pool that is used ends the process
 // with that pool's exhaustion message.
 TEST(PoolSizes, ExactForEveryPoolAndOnePercentLessExhaustsIt) {
-  for (const Configuration& config : configurations()) {
-    SCOPED_TRACE(config.name);
-    const std::vector<double>& a = config.array;
+  const std::vector<double> configurations[] = {
+      parseData("camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt"),
+      parseData("camera_mono.txt", "tracker.txt", "model_l_bracket.txt"), mixedConfiguration()};
+  for (const std::vector<double>& a : configurations) {
+    SCOPED_TRACE(a.size());
     size_t sizes[ZOT_N_POOLS];
     ASSERT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), 0);
     reservePools(sizes);
