@@ -75,25 +75,23 @@ TEST(ViewingFrustum, PlanesPassThroughTheImageCornersAndClipSegmentsAndPolygons)
   }
   EXPECT_EQ(fr.planes[18] + fr.planes[19] + fr.planes[22] + fr.planes[23], -1 + 1 + 1 - 100);
 
-  // Segments are cut at the side planes and at near and far, and refused
-  // wholly outside or when shorter than the minimum length.
-  double seg[6], out[6];
-  fr.backProject(-40, 20, 10, seg);
-  fr.backProject(100, 20, 10, seg + 3);
-  ASSERT_EQ(clipSegmentToViewingFrustum(seg, out, fr.planes, 0.0), 1);
-  EXPECT_NEAR(out[0] / out[2] * fr.K[0] + fr.K[2], 0.0, 1e-9);
-  EXPECT_NEAR(out[3] / out[5] * fr.K[0] + fr.K[2], kSw - 1.0, 1e-9);
-  const double axis[6] = {0, 0, 0.25, 0, 0, 400}, shortAxis[6] = {0, 0, 0.5, 0, 0, 1.1};
-  ASSERT_EQ(clipSegmentToViewingFrustum(axis, out, fr.planes, 0.0), 1);
-  EXPECT_NEAR(out[2], 1.0, 1e-9);
-  EXPECT_NEAR(out[5], 100.0, 1e-9);
-  EXPECT_EQ(clipSegmentToViewingFrustum(shortAxis, out, fr.planes, 0.2), 0);
-  EXPECT_EQ(clipSegmentToViewingFrustum(shortAxis, out, fr.planes, 0.05), 1);
-  fr.backProject(-5, 20, 10, seg);
-  fr.backProject(-50, 20, 10, seg + 3);
-  out[0] = 123.0;
-  EXPECT_EQ(clipSegmentToViewingFrustum(seg, out, fr.planes, 0.0), 0);
-  EXPECT_EQ(out[0], 123.0);
+  // Segments are cut at the side planes (u = 0 and w - 1 at depth 10) and at
+  // near and far, and refused wholly outside or when shorter than the
+  // minimum length, leaving the output untouched.
+  const struct {
+    double seg[6], minLength;
+    int kept;
+    double out[6];
+  } segments[] = {{{-14.3, -0.7, 10, 13.7, -0.7, 10}, 0.0, 1, {-6.3, -0.7, 10, 6.3, -0.7, 10}},
+                  {{0, 0, 0.25, 0, 0, 400}, 0.0, 1, {0, 0, 1, 0, 0, 100}},
+                  {{0, 0, 0.5, 0, 0, 1.1}, 0.05, 1, {0, 0, 1, 0, 0, 1.1}},
+                  {{0, 0, 0.5, 0, 0, 1.1}, 0.2, 0, {}},
+                  {{-7.3, -0.7, 10, -16.3, -0.7, 10}, 0.0, 0, {}}};
+  for (const auto& s : segments) {
+    double out[6] = {123, 123, 123, 123, 123, 123};
+    ASSERT_EQ(clipSegmentToViewingFrustum(s.seg, out, fr.planes, s.minLength), s.kept) << s.seg[2];
+    for (int i = 0; i < 6; i++) EXPECT_NEAR(out[i], s.kept ? s.out[i] : 123.0, 1e-9) << s.seg[2];
+  }
 
   // A square straddling each side keeps its inner half; the new edge on the
   // plane carries id -1, the others keep the ids they started with.

@@ -1,15 +1,15 @@
-// zot_render's options of real scenes change the images as its help says:
-// the printed texture adds edges inside the object's faces and nowhere
-// else, the occluder covers part of the object in a grey of its own and
-// moves, the lighting changes the mean grey over the sequence and moves a
-// highlight. Each is compared with the same short render without it.
+// zot_render's options change the images as its help says, each compared
+// with the same short render without it: the texture adds edges inside the
+// faces and nowhere else, the occluder covers the object in a grey of its
+// own and moves, the lighting changes the mean grey and moves a highlight.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,179 +19,126 @@
 namespace {
 
 const std::string kTools = ZOT_TOOLS_DIR;
-const std::string kData = ZOT_DATA_DIR;
 const std::string kDir = kTools + "/render_options/" + std::to_string(getpid());
 constexpr int kFrames = 12;
 
 struct Image {
   int width = 0, height = 0;
-  std::vector<unsigned char> pixels;
-  int at(int x, int y) const { return pixels[(size_t)y * width + x]; }
+  std::string pixels;
+  int at(int x, int y) const { return (unsigned char)pixels[(size_t)y * width + x]; }
+  // The object on the plain, dark table: brighter than any table grey.
+  bool object(int x, int y) const { return at(x, y) > 55; }
 };
 
-// Reads a binary PGM as zot_render writes it ("P5 w h 255", one newline).
-Image readPgm(const std::string& path) {
-  Image img;
-  std::ifstream in(path, std::ios::binary);
-  std::string magic;
-  int maxValue = 0;
-  in >> magic >> img.width >> img.height >> maxValue;
-  in.get();
-  if (magic != "P5" || maxValue != 255 || img.width <= 0 || img.height <= 0) return Image{};
-  img.pixels.resize((size_t)img.width * img.height);
-  in.read(reinterpret_cast<char*>(img.pixels.data()), (std::streamsize)img.pixels.size());
-  return in ? img : Image{};
+// Calls f(x, y) for every pixel at least `border` from the image's edges.
+void forPixels(const Image& img, int border, const std::function<void(int, int)>& f) {
+  for (int y = border; y < img.height - border; y++)
+    for (int x = border; x < img.width - border; x++) f(x, y);
 }
 
-// Renders the short mono sequence (160 x 120, plain table, no blur, no
-// noise) with `options` added; returns its frames.
+// The frames of the short mono sequence (160 x 120 PGM, plain table, no
+// blur, no noise) rendered with `options` added; none when one is missing.
 std::vector<Image> render(const std::string& name, const std::string& options) {
   const std::string dir = kDir + "/" + name;
   const zot_test::CommandResult r = zot_test::runCommand(
-      kTools + "/zot_render -q --config " + kData +
-          " --camera camera_mono.txt --scale 0.25 --background plain --noise 0 --blur 0"
-          " --format pgm --frames " +
+      kTools + "/zot_render -q --config " ZOT_DATA_DIR " --camera camera_mono.txt --scale 0.25"
+               " --background plain --noise 0 --blur 0 --format pgm --frames " +
           std::to_string(kFrames) + " " + options + " " + dir,
       dir + "_log");
-  EXPECT_EQ(r.status, 0) << r.err;
-  std::vector<Image> frames;
-  for (int i = 0; i < kFrames && r.status == 0; i++) {
+  std::vector<Image> frames(kFrames);
+  for (int i = 0; i < kFrames; i++) {
     char file[32];
     snprintf(file, sizeof file, "/cam0/%06d.pgm", i);
-    frames.push_back(readPgm(dir + file));
-    EXPECT_FALSE(frames.back().pixels.empty()) << dir + file;
+    const std::string text = zot_test::readText(dir + file);
+    int header = 0;
+    sscanf(text.c_str(), "P5 %d %d 255%n", &frames[i].width, &frames[i].height, &header);
+    frames[i].pixels = text.substr(std::min(text.size(), (size_t)header + 1));
+    if (r.status != 0 || header == 0 ||
+        frames[i].pixels.size() != (size_t)frames[i].width * frames[i].height)
+    {
+      ADD_FAILURE() << dir + file << " " << r.err;
+      return {};
+    }
   }
   return frames;
 }
 
-// The object on the plain, dark table: brighter than any table grey.
-bool onObject(const Image& plain, int x, int y) { return plain.at(x, y) > 55; }
+}  // namespace
 
-// Strong gradients (central differences) at pixels whose 5 x 5
-// neighbourhood lies on the object.
-int edgesInsideObject(const Image& img, const Image& plain) {
-  int count = 0;
-  for (int y = 2; y < img.height - 2; y++) {
-    for (int x = 2; x < img.width - 2; x++) {
-      bool inside = true;
-      for (int d = -2; d <= 2 && inside; d++)
-        inside = onObject(plain, x + d, y) && onObject(plain, x, y + d);
-      const int gx = img.at(x + 1, y) - img.at(x - 1, y), gy = img.at(x, y + 1) - img.at(x, y - 1);
-      count += inside && std::abs(gx) + std::abs(gy) > 60;
-    }
-  }
-  return count;
-}
+TEST(RenderOptions, TextureOccluderAndLightingChangeTheImagesAsDocumented) {
+  if (!zot_sim::pathExists(kTools + "/zot_render")) GTEST_SKIP() << "zot_render needs OpenCV";
+  zot_test::freshDirectory(kDir);
+  const std::vector<Image> plain = render("plain", ""), textured = render("texture", "--texture"),
+                           occluded = render("occluder", "--occluder 0.4"),
+                           lit = render("lighting", "--lighting 0.3");
+  for (const auto* frames : {&plain, &textured, &occluded, &lit})
+    ASSERT_EQ(frames->size(), (size_t)kFrames);
 
-class RenderOptions : public testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    if (!zot_sim::pathExists(kTools + "/zot_render")) return;
-    zot_test::freshDirectory(kDir);
-    plain_ = render("plain", "");
-  }
-  static void TearDownTestSuite() {
-    if (!testing::UnitTest::GetInstance()->Failed()) {
-      EXPECT_EQ(std::system(("rm -rf '" + kDir + "'").c_str()), 0);
-    }
-  }
-  void SetUp() override {
-    if (!zot_sim::pathExists(kTools + "/zot_render"))
-      GTEST_SKIP() << "zot_render is built only with OpenCV";
-    ASSERT_EQ(plain_.size(), (size_t)kFrames);
-  }
-  static std::vector<Image> plain_;
-};
-std::vector<Image> RenderOptions::plain_;
-
-TEST_F(RenderOptions, TextureAddsEdgesInsideTheFacesOnly) {
-  const std::vector<Image> textured = render("texture", "--texture");
-  ASSERT_EQ(textured.size(), (size_t)kFrames);
+  // The texture: more strong gradients where the 5 x 5 neighbourhood lies on
+  // the object, no change away from it.
   for (int i = 0; i < kFrames; i += 5) {
-    const Image &p = plain_[i], &t = textured[i];
-    EXPECT_GT(edgesInsideObject(t, p), 1.4 * edgesInsideObject(p, p)) << "frame " << i;
-    int changedOffObject = 0;
-    for (int y = 1; y < p.height - 1; y++) {
-      for (int x = 1; x < p.width - 1; x++) {
-        bool near = false;
-        for (int d = -1; d <= 1; d++) near = near || onObject(p, x + d, y) || onObject(p, x, y + d);
-        changedOffObject += !near && t.at(x, y) != p.at(x, y);
+    const Image &p = plain[i], &t = textured[i];
+    int edges[2] = {0, 0}, changedOffObject = 0;
+    forPixels(p, 2, [&](int x, int y) {
+      bool inside = true, near = false;
+      for (int d = -2; d <= 2; d++) inside = inside && p.object(x + d, y) && p.object(x, y + d);
+      for (int d = -1; d <= 1; d++) near = near || p.object(x + d, y) || p.object(x, y + d);
+      changedOffObject += !near && t.at(x, y) != p.at(x, y);
+      for (int k = 0; k < 2; k++) {
+        const Image& img = k ? t : p;
+        edges[k] += inside && std::abs(img.at(x + 1, y) - img.at(x - 1, y)) +
+                                      std::abs(img.at(x, y + 1) - img.at(x, y - 1)) >
+                                  60;
       }
-    }
+    });
+    EXPECT_GT(edges[1], 1.4 * edges[0]) << "frame " << i;
     EXPECT_EQ(changedOffObject, 0) << "frame " << i;
   }
-}
 
-TEST_F(RenderOptions, OccluderCoversPartOfTheObjectInItsOwnGreyAndMoves) {
-  const std::vector<Image> occluded = render("occluder", "--occluder 0.4");
-  ASSERT_EQ(occluded.size(), (size_t)kFrames);
-  double leftmost = 1e9, rightmost = -1e9;  // of the changed pixels' mean column
+  // The occluder: the changed pixels cover the object in some frames, most
+  // lie within 10 greys of their commonest grey, and their mean column moves.
+  double leftmost = 1e9, rightmost = -1e9;
   int framesOverObject = 0;
   for (int i = 0; i < kFrames; i++) {
-    const Image &p = plain_[i], &o = occluded[i];
-    // Pixels that the bar changed, its grey histogram and their mean column.
+    const Image &p = plain[i], &o = occluded[i];
     std::vector<int> histogram(256, 0);
-    int changed = 0, overObject = 0;
+    int changed = 0, overObject = 0, nearMode = 0;
     double sumX = 0.0;
-    for (int y = 0; y < p.height; y++) {
-      for (int x = 0; x < p.width; x++) {
-        if (std::abs(o.at(x, y) - p.at(x, y)) < 3) continue;
-        changed++;
-        overObject += onObject(p, x, y);
-        histogram[o.at(x, y)]++;
-        sumX += x;
-      }
-    }
+    forPixels(p, 0, [&](int x, int y) {
+      if (std::abs(o.at(x, y) - p.at(x, y)) < 3) return;
+      changed++, overObject += p.object(x, y), histogram[o.at(x, y)]++, sumX += x;
+    });
     if (changed == 0) continue;
     framesOverObject += overObject > 20;
-    // One grey of its own: most changed pixels within 10 levels of the mode.
-    int mode = 0;
-    for (int g = 0; g < 256; g++) mode = histogram[g] > histogram[mode] ? g : mode;
-    int nearMode = 0;
-    for (int g = std::max(0, mode - 10); g <= std::min(255, mode + 10); g++)
-      nearMode += histogram[g];
+    const int mode = (int)(std::max_element(histogram.begin(), histogram.end()) - histogram.begin());
+    for (int g = std::max(0, mode - 10); g <= std::min(255, mode + 10); g++) nearMode += histogram[g];
     EXPECT_GT(nearMode, 0.7 * changed) << "frame " << i;
     leftmost = std::min(leftmost, sumX / changed);
     rightmost = std::max(rightmost, sumX / changed);
   }
   EXPECT_GE(framesOverObject, 2);
   EXPECT_GT(rightmost - leftmost, 10.0);
-}
 
-TEST_F(RenderOptions, LightingChangesTheMeanGreyAndMovesAHighlight) {
-  const std::vector<Image> lit = render("lighting", "--lighting 0.3");
-  ASSERT_EQ(lit.size(), (size_t)kFrames);
+  // The lighting: the mean grey rises and falls; the highlight (where the
+  // light adds most off the object) moves from the top left to the bottom right.
   double lowest = 1e9, highest = 0.0;
+  int brightestColumn[kFrames];
   for (int i = 0; i < kFrames; i++) {
     double sumLit = 0.0, sumPlain = 0.0;
-    for (size_t k = 0; k < lit[i].pixels.size(); k++) {
-      sumLit += lit[i].pixels[k];
-      sumPlain += plain_[i].pixels[k];
-    }
+    int best = -256;
+    forPixels(lit[i], 0, [&](int x, int y) {
+      const int added = lit[i].at(x, y) - plain[i].at(x, y);
+      sumLit += lit[i].at(x, y), sumPlain += plain[i].at(x, y);
+      if (!plain[i].object(x, y) && added > best) best = added, brightestColumn[i] = x;
+    });
     lowest = std::min(lowest, sumLit / sumPlain);
     highest = std::max(highest, sumLit / sumPlain);
   }
   EXPECT_GT(highest, 1.2);
   EXPECT_LT(lowest, 0.95);
-  // The highlight starts at the top left and ends at the bottom right:
-  // where the light adds most, in the first and the last frame.
-  auto brightestAddition = [&](int i) {
-    double best = -1e9;
-    int column = 0;
-    for (int y = 0; y < lit[i].height; y++) {
-      for (int x = 0; x < lit[i].width; x++) {
-        if (onObject(plain_[i], x, y)) continue;
-        const double added = lit[i].at(x, y) - plain_[i].at(x, y);
-        if (added > best) {
-          best = added;
-          column = x;
-        }
-      }
-    }
-    return column;
-  };
-  EXPECT_LT(brightestAddition(0), lit[0].width / 3);
-  EXPECT_GT(brightestAddition(kFrames - 1), 2 * lit[0].width / 3);
+  EXPECT_LT(brightestColumn[0], lit[0].width / 3);
+  EXPECT_GT(brightestColumn[kFrames - 1], 2 * lit[0].width / 3);
+  if (!HasFailure()) {
+    EXPECT_EQ(std::system(("rm -rf '" + kDir + "'").c_str()), 0);
+  }
 }
-
-}  // namespace

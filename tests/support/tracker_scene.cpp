@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 #include "FileParser.h"
 #include "Math.h"
+#include "SetupArray.h"
 #include "memory_handling.h"
 #include "synthetic_images.h"
 
@@ -46,27 +48,16 @@ void appendCameraSection(std::vector<double>& a, const std::vector<SetupCamera>&
 }
 
 std::vector<SetupCamera> camerasOfSetupArray(const std::vector<double>& a) {
-  std::vector<SetupCamera> cams((size_t)a.at(0));
-  size_t i = 1;
-  for (SetupCamera& c : cams) {
-    c.width = (int)a.at(i);
-    c.height = (int)a.at(i + 1);
-    c.zNear = a.at(i + 2);
-    c.zFar = a.at(i + 3);
-    c.fx = a.at(i + 4);
-    c.fy = a.at(i + 5);
-    c.cx = a.at(i + 6);
-    c.cy = a.at(i + 7);
-    c.skew = a.at(i + 8);
-    for (int k = 0; k < 5; k++) c.dist[k] = a.at(i + 9 + k);
-    for (int k = 0; k < 12; k++) c.camInTool[k] = a.at(i + 14 + k);
-    i += 26;
-    const int nMasks = (int)a.at(i++);
-    for (int m = 0; m < nMasks; m++) {
-      const int nVertices = (int)a.at(i++);
-      c.masks.emplace_back(a.begin() + (long)i, a.begin() + (long)i + 2 * nVertices);
-      i += 2 * (size_t)nVertices;
-    }
+  const auto setup = std::make_unique<SetupArray>();
+  if (!decodeSetupArray(a.data(), (int)a.size(), *setup)) return {};
+  std::vector<SetupCamera> cams;
+  for (const ZOTtracker::SetupCamera& d : setup->cameras) {
+    if ((int)cams.size() == setup->nCameras) break;
+    cams.push_back({d.width, d.height, d.zNear, d.zFar, d.fx, d.fy, d.cx, d.cy, d.skew, {}, {}, {}});
+    std::copy(d.dist, d.dist + 5, cams.back().dist);
+    std::copy(d.toolFromCamera, d.toolFromCamera + 16, cams.back().camInTool);
+    for (int m = 0; m < d.nMasks; m++)
+      cams.back().masks.emplace_back(d.maskVertices[m], d.maskVertices[m] + 2 * d.maskNVertices[m]);
   }
   return cams;
 }
@@ -109,12 +100,13 @@ std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
   return a;
 }
 
-std::vector<double> sampleSetupArray(const char* dataDir) {
-  std::vector<double> a(10000);
+std::vector<double> sampleSetupArray(const char* dataDir, const char* camera, const char* tracker,
+                                     const char* model) {
+  std::vector<double> a(200000);
   int count = 0;
   FileParser parser;
-  const int code = parser.parseAllFiles(dataDir, "camera_stereo.txt", "tracker.txt",
-                                        "model_chamfered_box.txt", count, a.data(), (int)a.size());
+  const int code =
+      parser.parseAllFiles(dataDir, camera, tracker, model, count, a.data(), (int)a.size());
   a.resize(code == 0 ? count : 0);
   return a;
 }

@@ -53,10 +53,11 @@ std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
                                  const ZOTtracker::GenericObjectTracker::TrackingParameters& p,
                                  const zot_sim::Mesh& mesh);
 
-// The stereo configuration of data/ (camera_stereo.txt, tracker.txt,
-// model_chamfered_box.txt in dataDir) as the parser writes it; empty when
-// it fails.
-std::vector<double> sampleSetupArray(const char* dataDir);
+// The setup array that the parser writes for the given files of dataDir (by
+// default the stereo chamfered box of data/); empty when it fails.
+std::vector<double> sampleSetupArray(const char* dataDir, const char* camera = "camera_stereo.txt",
+                                     const char* tracker = "tracker.txt",
+                                     const char* model = "model_chamfered_box.txt");
 
 // Tracking parameters that converge (the defaults never do).
 ZOTtracker::GenericObjectTracker::TrackingParameters convergingParameters();
