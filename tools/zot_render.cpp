@@ -27,6 +27,7 @@
 #include "scene_config.h"
 #include "scene_effects.h"
 #include "sequence.h"
+#include "stdout_capture.h"
 
 namespace fs = std::filesystem;
 
@@ -287,13 +288,17 @@ zot_sim::Pose offsetPose(const zot_sim::Pose& T, double transl, double rotDeg) {
 
 // Sets a tracker up from the files just written, exactly as zot_track will,
 // so that a configuration the library refuses is reported here.
-void checkConfiguration(const std::string& directory) {
+// The parser's calibration echo is held back unless `echo` (or a failure).
+void checkConfiguration(const std::string& directory, bool echo) {
   std::vector<double> array(zot_sim::kSetupArrayCapacity);
   int count = 0;
   ZOTtracker::FileParser parser;
-  if (parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt", "model.txt", count,
-                           array.data(), zot_sim::kSetupArrayCapacity) != 0)
-    fail("the configuration written to " + directory + " does not parse");
+  zot_sim::StdoutCapture held(!echo);
+  const int parsed = parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt",
+                                          "model.txt", count, array.data(),
+                                          zot_sim::kSetupArrayCapacity);
+  held.end(parsed != 0);
+  if (parsed != 0) fail("the configuration written to " + directory + " does not parse");
   size_t sizes[ZOTtracker::ZOT_N_POOLS];
   if (ZOTtracker::computePoolSizes(count, array.data(), ZOTtracker::ZOT_POOL_MARGIN, sizes) != 0)
     fail("the configuration written to " + directory + " is refused (see the message above)");
@@ -315,12 +320,15 @@ int main(int argc, char** argv) {
   std::string error;
 
   // Configuration through the library's parser; its echo of the
-  // calibration goes to standard output.
+  // calibration goes to standard output once, unless -q.
   std::vector<zot_sim::CameraConfig> cameras;
   zot_sim::ModelConfig model;
   const std::string hint =
       o.configDir == "data" ? " (run from the repository or give --config)" : "";
-  if (zot_sim::loadCameraFile(o.configDir, o.cameraFile, cameras, error) != 0) fail(error + hint);
+  zot_sim::StdoutCapture echo(o.quiet);
+  const int cameraCode = zot_sim::loadCameraFile(o.configDir, o.cameraFile, cameras, error);
+  echo.end(cameraCode != 0);
+  if (cameraCode != 0) fail(error + hint);
   if (zot_sim::loadModelFile(o.configDir, o.modelFile, model, error) != 0) fail(error + hint);
   for (zot_sim::CameraConfig& c : cameras) {
     if (o.noDistortion) std::fill(c.dist, c.dist + 5, 0.0);
@@ -339,7 +347,7 @@ int main(int argc, char** argv) {
           o.modelScale != 1.0 ? zot_sim::scaledModel(model, o.modelScale) : model, error))
     fail(error);
 
-  checkConfiguration(o.outDir);
+  checkConfiguration(o.outDir, false);
 
   const zot_sim::EffectsRenderer scene(cameras, model, o.plan, o.effects);
   const zot_sim::SequenceRenderer& renderer = scene.sequence();

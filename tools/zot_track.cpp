@@ -34,6 +34,7 @@
 #include "memory_handling.h"
 #include "overlay.h"
 #include "scene_config.h"
+#include "stdout_capture.h"
 
 // A host that must not read configuration files at run time compiles its
 // setup array in: build with -DZOT_TRACK_SETUP_HEADER=/path/global_array_declaration.h
@@ -234,26 +235,6 @@ Options parseArguments(int argc, char** argv) {
   if (!o.truthFile.empty() || o.maxTranslError < 0) return o;
   usageError("--max-mean-error needs --truth");
 }
-
-// ---------------------------------------------------------------- standard output
-// The library reports on standard output with C stdio; this points file
-// descriptor 1 elsewhere for the length of a call.
-class StdoutRedirect {
- public:
-  explicit StdoutRedirect(int fd) {
-    fflush(stdout);
-    m_saved = dup(1);
-    dup2(fd, 1);
-  }
-  ~StdoutRedirect() {
-    fflush(stdout);
-    dup2(m_saved, 1);
-    close(m_saved);
-  }
-
- private:
-  int m_saved;
-};
 
 // ---------------------------------------------------------------- image sources
 bool isImageFile(const fs::path& path) {
@@ -583,22 +564,15 @@ std::vector<double> readSetupArray(const Options& o) {
 #endif
   }
   setup.resize(zot_sim::kSetupArrayCapacity);
-  int count = 0, rc = 0;
+  int count = 0;
   // The parser echoes each camera's tcp-to-camera calibration; with -q that
-  // echo goes to a scratch file, shown only when the parse fails.
-  FILE* echo = o.quiet ? tmpfile() : nullptr;
-  {
-    std::unique_ptr<StdoutRedirect> quiet(echo ? new StdoutRedirect(fileno(echo)) : nullptr);
-    ZOTtracker::FileParser parser;
-    rc = parser.parseAllFiles(o.configDir.c_str(), o.cameraFile.c_str(), o.trackerFile.c_str(),
-                              o.modelFile.c_str(), count, setup.data(),
-                              zot_sim::kSetupArrayCapacity);
-  }
-  if (echo != nullptr) {
-    rewind(echo);
-    for (int ch; rc != 0 && (ch = fgetc(echo)) != EOF;) putchar(ch);
-    fclose(echo);
-  }
+  // echo is held back, shown only when the parse fails.
+  zot_sim::StdoutCapture echo(o.quiet);
+  ZOTtracker::FileParser parser;
+  const int rc = parser.parseAllFiles(o.configDir.c_str(), o.cameraFile.c_str(),
+                                      o.trackerFile.c_str(), o.modelFile.c_str(), count,
+                                      setup.data(), zot_sim::kSetupArrayCapacity);
+  echo.end(rc != 0);
   if (rc != 0) {
     const char* which = rc == ZOTtracker::ZOT_ERR_CAMERA_PARSER    ? "camera file "
                         : rc == ZOTtracker::ZOT_ERR_TRACKER_PARSER ? "tracker file "
