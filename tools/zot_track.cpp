@@ -892,11 +892,11 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
     if (e.n > 0 && (e.meanT > limit || e.meanR > o.maxRotError)) {
       snprintf(
           line, sizeof line,
-          "ACCURACY LIMITS EXCEEDED: mean errors %.3f and %.3f deg, limits %.3f and %.3f deg\n",
+          "ACCURACY LIMITS EXCEEDED: mean errors %.3f mm and %.3f deg, limits %.3f mm and %.3f deg\n",
           e.meanT, e.meanR, limit, o.maxRotError);
       if (status == 0) status = kExitAccuracy;
     } else {
-      snprintf(line, sizeof line, "accuracy limits met: mean errors within %.3f and %.3f deg\n",
+      snprintf(line, sizeof line, "accuracy limits met: mean errors within %.3f mm and %.3f deg\n",
                limit, o.maxRotError);
     }
     summary += line;
