@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "Math.h"
 #include "lens.h"
 
 namespace zot_sim {
@@ -11,7 +12,7 @@ namespace {
 
 struct Face {
   int start, size;
-  double n[3], d;  // plane n . X = d in the object frame
+  double n[3], d;  // plane n . X = d in the object frame, n of unit length
   int axis;        // dominant normal axis, dropped for the 2D inside test
 };
 
@@ -30,27 +31,16 @@ PreparedObject prepare(const RenderObject& o) {
   for (int size : m.faceSizes) {
     Face f{start, size, {0, 0, 0}, 0, 2};
     const double* a = &m.vertices[3 * m.faceIndices[start]];
-    // Newell's normal: robust for any planar polygon.
-    for (int k = 0; k < size; k++) {
-      const double* u = &m.vertices[3 * m.faceIndices[start + k]];
-      const double* v = &m.vertices[3 * m.faceIndices[start + (k + 1) % size]];
-      f.n[0] += (u[1] - v[1]) * (u[2] + v[2]);
-      f.n[1] += (u[2] - v[2]) * (u[0] + v[0]);
-      f.n[2] += (u[0] - v[0]) * (u[1] + v[1]);
-    }
+    polygonNormal(m.vertices, &m.faceIndices[start], size, f.n);
     f.d = f.n[0] * a[0] + f.n[1] * a[1] + f.n[2] * a[2];
     const double ax = std::fabs(f.n[0]), ay = std::fabs(f.n[1]), az = std::fabs(f.n[2]);
     f.axis = (ax >= ay && ax >= az) ? 0 : (ay >= az ? 1 : 2);
     p.faces.push_back(f);
     start += size;
   }
-  const double* T = o.pose;
-  const double R[9] = {T[0], T[1], T[2], T[4], T[5], T[6], T[8], T[9], T[10]};
-  for (int i = 0; i < 3; i++)
-    for (int j = 0; j < 3; j++) p.Rt[3 * i + j] = R[3 * j + i];
-  const double t[3] = {T[3], T[7], T[11]};
-  for (int i = 0; i < 3; i++)
-    p.origin[i] = -(p.Rt[3 * i] * t[0] + p.Rt[3 * i + 1] * t[1] + p.Rt[3 * i + 2] * t[2]);
+  double objectFromCamera[16];
+  ZOTtracker::inverseTransform(o.pose, objectFromCamera);
+  ZOTtracker::rotTranslFromT(objectFromCamera, p.Rt, p.origin);
   return p;
 }
 
@@ -251,16 +241,14 @@ std::vector<unsigned char> lambertGreys(const Mesh& mesh, const double* pose,
   o.mesh = &mesh;
   std::copy(pose, pose + 16, o.pose);
   const PreparedObject p = prepare(o);
-  double l[3] = {lightDir[0], lightDir[1], lightDir[2]};
-  const double ln = std::sqrt(l[0] * l[0] + l[1] * l[1] + l[2] * l[2]);
-  for (double& c : l) c /= ln;
+  double l[3] = {lightDir[0], lightDir[1], lightDir[2]}, R[9], t[3];
+  ZOTtracker::normalize(l, 3, 1);
+  ZOTtracker::rotTranslFromT(pose, R, t);
   std::vector<unsigned char> greys;
   for (const Face& f : p.faces) {
-    const double nn = std::sqrt(f.n[0] * f.n[0] + f.n[1] * f.n[1] + f.n[2] * f.n[2]);
-    double nc[3];
-    for (int i = 0; i < 3; i++)
-      nc[i] = (pose[4 * i] * f.n[0] + pose[4 * i + 1] * f.n[1] + pose[4 * i + 2] * f.n[2]) / nn;
-    const double lambert = std::max(0.0, nc[0] * l[0] + nc[1] * l[1] + nc[2] * l[2]);
+    double nc[3];  // the face normal in the camera frame
+    ZOTtracker::matrixProduct331(R, f.n, nc);
+    const double lambert = std::max(0.0, ZOTtracker::dotProd3(nc, l));
     const double grey = std::round(ambient + diffuse * lambert);
     greys.push_back((unsigned char)std::min(255.0, std::max(0.0, grey)));
   }
