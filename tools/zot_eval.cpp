@@ -324,17 +324,10 @@ int main(int argc, char** argv) {
     return 1;
   }
   // A plot per scene over the settings that ran.
-  std::vector<std::string> scenes;
-  for (const Row& r : rows) {
-    if (std::find(scenes.begin(), scenes.end(), r.scene) == scenes.end()) scenes.push_back(r.scene);
-  }
-  for (const std::string& scene : scenes) {
-    std::vector<const Row*> ran;
-    for (const Row& r : rows) {
-      if (r.scene == scene && r.message.empty()) ran.push_back(&r);
-    }
-    if (!ran.empty()) plotScene(ran, outDir + "/plots/" + scene + ".png");
-  }
+  std::map<std::string, std::vector<const Row*>> ran;
+  for (const Row& r : rows)
+    if (r.message.empty()) ran[r.scene].push_back(&r);
+  for (const auto& scene : ran) plotScene(scene.second, outDir + "/plots/" + scene.first + ".png");
   printf(
       "errors in model units and degrees over the tracked frames; failures by the "
       "library's code\nwritten: %s, %s/plots/SCENE.png\n",

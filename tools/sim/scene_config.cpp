@@ -543,7 +543,8 @@ bool writeModelFile(const std::string& directory, const std::string& fileName,
     bodyFiles.push_back(stemOf(fileName) + "_body" + std::to_string(b + 1) +
                         (body.type == 0 ? "_polyhedron.txt" : "_polyline.txt"));
     if (body.type == 2) continue;
-    const bool ok = writeCommentedFile(joinPath(directory, bodyFiles[b]), "", error, [&body](FILE* g) {
+    const std::string bodyPath = joinPath(directory, bodyFiles[b]);
+    const bool ok = writeCommentedFile(bodyPath, "", error, [&body](FILE* g) {
       const std::vector<double>& v = body.mesh.vertices;
       fprintf(g, "nv %d\n", (int)v.size() / 3);
       for (size_t k = 0; k + 2 < v.size(); k += 3)
@@ -622,14 +623,14 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
       return false;
     }
     // A rotation that is far from orthonormal is a unit or layout mistake.
-    for (int i = 0; i < 3; i++) {
-      for (int j = 0; j < 3; j++) {
-        double d = 0.0;
-        for (int k = 0; k < 3; k++) d += T[4 * k + i] * T[4 * k + j];
-        if (std::fabs(d - (i == j ? 1.0 : 0.0)) > 1e-3) {
-          error = "the rotation part of the pose is not orthonormal";
-          return false;
-        }
+    double R[9], t[3], Rt[9], RtR[9];
+    ZOTtracker::rotTranslFromT(T.data(), R, t);
+    ZOTtracker::matrixTranspose33(R, Rt);
+    ZOTtracker::matrixProduct333(Rt, R, RtR);
+    for (int k = 0; k < 9; k++) {
+      if (std::fabs(RtR[k] - (k % 4 == 0 ? 1.0 : 0.0)) > 1e-3) {
+        error = "the rotation part of the pose is not orthonormal";
+        return false;
       }
     }
     pose = T;
@@ -720,10 +721,9 @@ void poseError(const double* estimate, const double* reference, double* translat
                dz = estimate[11] - reference[11];
   *translationError = std::sqrt(dx * dx + dy * dy + dz * dz);
   // trace(R_e^T R_r) = sum of the element-wise products
-  double trace = 0.0;
-  for (int i = 0; i < 3; i++) {
-    for (int j = 0; j < 3; j++) trace += estimate[4 * i + j] * reference[4 * i + j];
-  }
+  using ZOTtracker::dotProd3;
+  const double trace = dotProd3(estimate, reference) + dotProd3(estimate + 4, reference + 4) +
+                       dotProd3(estimate + 8, reference + 8);
   const double c = std::max(-1.0, std::min(1.0, 0.5 * (trace - 1.0)));
   *rotationErrorDeg = std::acos(c) * 57.29577951308232;
 }

@@ -195,9 +195,6 @@ EffectsRenderer::EffectsRenderer(const std::vector<CameraConfig>& cameras, const
     fine.frames = plan.frames * m_subSteps;
     m_fine.reset(new SequenceRenderer(cameras, rendered, fine));
   }
-  if (effects.tableTexture) {
-    for (const CameraConfig& cam : m_cameras) m_rays.push_back(pixelRays(cam));
-  }
   // The bar: long, a little thick, its width a fraction of the object's
   // size where it crosses the object (it is nearer, see barInCamera).
   const double near = 0.55;
@@ -281,7 +278,7 @@ void EffectsRenderer::compose(const SequenceRenderer& seq, int index, int cam,
       for (int x = 0; x < w; x++) {
         const size_t k = (size_t)y * w + x;
         if (coverage[k] >= 1.0f || masked[k]) continue;
-        const double xn = m_rays[cam][2 * k], yn = m_rays[cam][2 * k + 1];
+        const double xn = seq.rays(cam)[2 * k], yn = seq.rays(cam)[2 * k + 1];
         const double dz = R[8] * xn + R[9] * yn + R[10];
         const double s = (tableZ - R[11]) / dz;
         if (!(s > 0.0)) continue;

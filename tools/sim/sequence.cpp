@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numeric>
 #include <random>
 #include <opencv2/imgproc.hpp>
 #include <set>
@@ -55,6 +56,20 @@ double wave(double t, double period, double phase) {
 }
 
 unsigned char toByte(double v) { return cv::saturate_cast<unsigned char>(v); }
+
+// The undistorted normalised ray (x, y) through every pixel centre, row by row.
+std::vector<float> pixelRays(const CameraConfig& cam) {
+  std::vector<float> rays(2 * (size_t)cam.width * cam.height);
+  for (int y = 0; y < cam.height; y++) {
+    for (int x = 0; x < cam.width; x++) {
+      double xn, yn;
+      undistortNormalized(cam.dist, (x - cam.cx) / cam.fx, (y - cam.cy) / cam.fy, &xn, &yn);
+      rays[2 * ((size_t)y * cam.width + x)] = (float)xn;
+      rays[2 * ((size_t)y * cam.width + x) + 1] = (float)yn;
+    }
+  }
+  return rays;
+}
 
 // Four tones, 55 grey levels apart; the shading adds at most 15 on top.
 constexpr double kTones[4] = {240.0, 185.0, 130.0, 75.0};
@@ -125,17 +140,12 @@ std::vector<double> faceTones(const Mesh& m) {
 }  // namespace
 
 bool parseMotion(const std::string& text, Motion& motion) {
-  if (text == "none")
-    motion = Motion::None;
-  else if (text == "object")
-    motion = Motion::Object;
-  else if (text == "tool")
-    motion = Motion::Tool;
-  else if (text == "both")
-    motion = Motion::Both;
-  else
-    return false;
-  return true;
+  static const std::map<std::string, Motion> names = {
+      {"none", Motion::None}, {"object", Motion::Object}, {"tool", Motion::Tool},
+      {"both", Motion::Both}};
+  const auto it = names.find(text);
+  if (it != names.end()) motion = it->second;
+  return it != names.end();
 }
 
 // ================================================================ set-up
@@ -186,22 +196,19 @@ void SequenceRenderer::buildPaints(const ModelConfig& model) {
     const std::vector<double>& v = body.mesh.vertices;
     // Normal of the supporting face, when there is one.
     double faceNormal[3] = {0.0, 0.0, 0.0}, tone = 45.0;
-    bool supported = false;
-    if (body.supportBody >= 0 && body.supportBody < (int)model.bodies.size() &&
-        model.bodies[body.supportBody].type == 0) {
-      const Mesh& support = model.bodies[body.supportBody].mesh;
-      int start = 0;
-      for (int f = 0; f < (int)support.faceSizes.size(); f++) {
-        if (f == body.supportFace) {
-          polygonNormal(support.vertices, &support.faceIndices[start], support.faceSizes[f],
-                        faceNormal);
-          supported = true;
-          // Dark ink on a bright face, bright ink on a dark one.
-          const double faceTone = faceTones(support)[f];
-          tone = faceTone >= 150.0 ? faceTone - 120.0 : faceTone + 100.0;
-        }
-        start += support.faceSizes[f];
-      }
+    const int f = body.supportFace;
+    const Mesh* support = body.supportBody >= 0 && body.supportBody < (int)model.bodies.size() &&
+                                  model.bodies[body.supportBody].type == 0
+                              ? &model.bodies[body.supportBody].mesh
+                              : nullptr;
+    const bool supported = support != nullptr && f >= 0 && f < (int)support->faceSizes.size();
+    if (supported) {
+      const std::vector<int>& sizes = support->faceSizes;
+      const int start = std::accumulate(sizes.begin(), sizes.begin() + f, 0);
+      polygonNormal(support->vertices, &support->faceIndices[start], sizes[f], faceNormal);
+      // Dark ink on a bright face, bright ink on a dark one.
+      const double faceTone = faceTones(*support)[f];
+      tone = faceTone >= 150.0 ? faceTone - 120.0 : faceTone + 100.0;
     }
     // Loops: every vertex in a component has exactly two segments.
     std::map<int, std::vector<int>> neighbours;
@@ -335,10 +342,12 @@ void SequenceRenderer::buildTable() {
       const double c = std::cos(angle), s = std::sin(angle);
       const double uv[4][2] = {{-a, -b}, {-a, b}, {a, b}, {a, -b}};
       std::vector<cv::Point> corners;
-      for (const auto& q : uv) corners.push_back(texel(cx + c * q[0] - s * q[1], cy + s * q[0] + c * q[1]));
+      for (const auto& q : uv)
+        corners.push_back(texel(cx + c * q[0] - s * q[1], cy + s * q[0] + c * q[1]));
       cv::fillConvexPoly(texture, corners, grey, cv::LINE_AA, kShift);
     } else {
-      const int thickness = kind == 1 ? cv::FILLED : std::max(1, (int)std::lround((a - b) / m_texelSize));
+      const int thickness =
+          kind == 1 ? cv::FILLED : std::max(1, (int)std::lround((a - b) / m_texelSize));
       const double radius = kind == 1 ? a : 0.5 * (a + b);
       cv::circle(texture, texel(cx, cy), (int)std::lround(radius / m_texelSize * kOne), grey,
                  thickness, cv::LINE_AA, kShift);
@@ -470,19 +479,6 @@ RenderCamera renderCameraOf(const CameraConfig& cam) {
   std::copy(K, K + 9, rc.K);
   std::copy(cam.dist, cam.dist + 5, rc.dist);
   return rc;
-}
-
-std::vector<float> pixelRays(const CameraConfig& cam) {
-  std::vector<float> rays(2 * (size_t)cam.width * cam.height);
-  for (int y = 0; y < cam.height; y++) {
-    for (int x = 0; x < cam.width; x++) {
-      double xn, yn;
-      undistortNormalized(cam.dist, (x - cam.cx) / cam.fx, (y - cam.cy) / cam.fy, &xn, &yn);
-      rays[2 * ((size_t)y * cam.width + x)] = (float)xn;
-      rays[2 * ((size_t)y * cam.width + x) + 1] = (float)yn;
-    }
-  }
-  return rays;
 }
 
 void fillMasks(const CameraConfig& cam, unsigned char* image, int grey, bool antialiased) {

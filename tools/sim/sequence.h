@@ -68,6 +68,8 @@ class SequenceRenderer {
   // ---------------------------------------------------------------- getters
   double objectSize() const { return m_size; }
   double viewDistance() const { return m_distance; }
+  /// Undistorted normalised ray (x, y) through every pixel of camera `cam`.
+  const std::vector<float>& rays(int cam) const { return m_rays[cam]; }
   /// Bodies that cannot be rendered (cylinders, open polylines without a
   /// supporting face), one line each.
   const std::vector<std::string>& warnings() const { return m_warnings; }
@@ -100,9 +102,6 @@ class SequenceRenderer {
 
 /// The ray caster's camera for a configured one (its skew is not rendered).
 RenderCamera renderCameraOf(const CameraConfig& cam);
-/// The undistorted normalised ray (x, y) through every pixel centre of the
-/// camera, row by row.
-std::vector<float> pixelRays(const CameraConfig& cam);
 /// Paints the camera's mask polygons (those of three or more vertices) in
 /// `grey` onto its width x height grey image, anti-aliased or not.
 void fillMasks(const CameraConfig& cam, unsigned char* image, int grey, bool antialiased);
