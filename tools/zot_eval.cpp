@@ -99,10 +99,9 @@ bool readRun(Row& row) {
   return true;
 }
 
+// The q-quantile of the values, NAN for none.
 double quantile(std::vector<double> v, double q) {
-  if (v.empty()) return NAN;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, (size_t)std::floor(q * (v.size() - 1) + 0.5))];
+  return v.empty() ? NAN : zot_sim::quantile(v, q);
 }
 
 // The figures of a row, in the order of the table's columns.
@@ -149,10 +148,7 @@ Figures figures(const Row& row) {
 }
 
 std::string fixed(double v, int decimals) {
-  if (!std::isfinite(v)) return "-";
-  char text[64];
-  snprintf(text, sizeof text, "%.*f", decimals, v);
-  return text;
+  return std::isfinite(v) ? cv::format("%.*f", decimals, v) : "-";
 }
 
 // Error over the frames, one line per setting, failed frames as ticks
@@ -169,6 +165,10 @@ void plotScene(const std::vector<const Row*>& rows, const std::string& path) {
   int frames = 1;
   for (const Row* r : rows) frames = std::max(frames, (int)r->frames.size());
   for (int panel = 0; panel < 2; panel++) {
+    // Translation error in % of the object's size, or rotation error in degrees.
+    auto error = [panel](const Row& r, const Frame& f) {
+      return panel == 0 ? 100.0 * f.errorT / std::max(r.size, 1e-9) : f.errorR;
+    };
     const int y0 = top + panel * (panelH + gap), y1 = y0 + panelH;
     const int x0 = left, x1 = W - right;
     // Scale: 1.3 x the largest 90 % quantile, so that a lost frame does
@@ -176,10 +176,8 @@ void plotScene(const std::vector<const Row*>& rows, const std::string& path) {
     double scale = panel == 0 ? 0.5 : 0.25;
     for (const Row* r : rows) {
       std::vector<double> v;
-      for (const Frame& f : r->frames) {
-        const double e = panel == 0 ? 100.0 * f.errorT / std::max(r->size, 1e-9) : f.errorR;
-        if (f.status == 0 && std::isfinite(e)) v.push_back(e);
-      }
+      for (const Frame& f : r->frames)
+        if (f.status == 0 && std::isfinite(error(*r, f))) v.push_back(error(*r, f));
       if (!v.empty()) scale = std::max(scale, 1.3 * quantile(v, 0.9));
     }
     cv::rectangle(img, {x0, y0}, {x1, y1}, {0, 0, 0});
@@ -204,7 +202,7 @@ void plotScene(const std::vector<const Row*>& rows, const std::string& path) {
       for (size_t i = 0; i < r.frames.size(); i++) {
         const Frame& f = r.frames[i];
         const int x = x0 + (int)std::lround((double)i * (x1 - x0) / std::max(1, frames - 1));
-        const double e = panel == 0 ? 100.0 * f.errorT / std::max(r.size, 1e-9) : f.errorR;
+        const double e = error(r, f);
         if (f.status != 0 || !std::isfinite(e)) {
           cv::line(img, {x, y1 - 2 - 5 * (int)s}, {x, y1 - 6 - 5 * (int)s}, colour, 2);
           previous = {-1, -1};
@@ -326,17 +324,10 @@ int main(int argc, char** argv) {
     return 1;
   }
   // A plot per scene over the settings that ran.
-  std::vector<std::string> scenes;
-  for (const Row& r : rows) {
-    if (std::find(scenes.begin(), scenes.end(), r.scene) == scenes.end()) scenes.push_back(r.scene);
-  }
-  for (const std::string& scene : scenes) {
-    std::vector<const Row*> ran;
-    for (const Row& r : rows) {
-      if (r.scene == scene && r.message.empty()) ran.push_back(&r);
-    }
-    if (!ran.empty()) plotScene(ran, outDir + "/plots/" + scene + ".png");
-  }
+  std::map<std::string, std::vector<const Row*>> ran;
+  for (const Row& r : rows)
+    if (r.message.empty()) ran[r.scene].push_back(&r);
+  for (const auto& scene : ran) plotScene(scene.second, outDir + "/plots/" + scene.first + ".png");
   printf(
       "errors in model units and degrees over the tracked frames; failures by the "
       "library's code\nwritten: %s, %s/plots/SCENE.png\n",

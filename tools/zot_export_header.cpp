@@ -4,8 +4,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -104,14 +102,9 @@ int main(int argc, char** argv) {
   std::error_code ignored;
   fs::remove(path, ignored);
   parser.createGlobalArrayHeaderFile(out.c_str(), count, array.data());
-  // The writer reports problems only on standard output: check the result.
-  std::stringstream written;
-  written << std::ifstream(path, std::ios::binary).rdbuf();
-  const std::string text = written.str();
-  const std::string head =
-      "const int setup_global_array_counter = " + std::to_string(count) + ";\n";
-  if (text.compare(0, head.size(), head) != 0 || text.size() < 4 ||
-      text.compare(text.size() - 4, 4, " };\n") != 0)
+  // The writer reports problems only on standard output: read the result back.
+  std::vector<double> written;
+  if (!zot_sim::readSetupHeader(path, written, error) || (int)written.size() != count)
     fail("could not write '" + path + "'");
   printf("wrote %d values to %s\n", count, path.c_str());
   return 0;

@@ -1,14 +1,6 @@
 /// @file
-/// Order statistics of per-frame times over a run (the tracker's own stage
-/// times come from GenericObjectTracker::lastFrameTimes()).
+/// Former home of quantile(), now in scene_config.h; kept only until its
+/// last includers (zot_track, bench_pose_estimation) include that instead.
 #pragma once
 
-#include <vector>
-
-namespace zot_sim {
-
-/// The q-quantile (0..1) of the values by linear interpolation between
-/// order statistics; 0 for no values. `values` is sorted in place.
-double quantile(std::vector<double>& values, double q);
-
-}  // namespace zot_sim
+#include "scene_config.h"

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <opencv2/core/types.hpp>
 
+#include "Math.h"
 #include "lens.h"
 
 namespace zot_sim {
@@ -11,7 +13,7 @@ namespace {
 
 struct Face {
   int start, size;
-  double n[3], d;  // plane n . X = d in the object frame
+  double n[3], d;  // plane n . X = d in the object frame, n of unit length
   int axis;        // dominant normal axis, dropped for the 2D inside test
 };
 
@@ -30,27 +32,16 @@ PreparedObject prepare(const RenderObject& o) {
   for (int size : m.faceSizes) {
     Face f{start, size, {0, 0, 0}, 0, 2};
     const double* a = &m.vertices[3 * m.faceIndices[start]];
-    // Newell's normal: robust for any planar polygon.
-    for (int k = 0; k < size; k++) {
-      const double* u = &m.vertices[3 * m.faceIndices[start + k]];
-      const double* v = &m.vertices[3 * m.faceIndices[start + (k + 1) % size]];
-      f.n[0] += (u[1] - v[1]) * (u[2] + v[2]);
-      f.n[1] += (u[2] - v[2]) * (u[0] + v[0]);
-      f.n[2] += (u[0] - v[0]) * (u[1] + v[1]);
-    }
+    polygonNormal(m.vertices, &m.faceIndices[start], size, f.n);
     f.d = f.n[0] * a[0] + f.n[1] * a[1] + f.n[2] * a[2];
     const double ax = std::fabs(f.n[0]), ay = std::fabs(f.n[1]), az = std::fabs(f.n[2]);
     f.axis = (ax >= ay && ax >= az) ? 0 : (ay >= az ? 1 : 2);
     p.faces.push_back(f);
     start += size;
   }
-  const double* T = o.pose;
-  const double R[9] = {T[0], T[1], T[2], T[4], T[5], T[6], T[8], T[9], T[10]};
-  for (int i = 0; i < 3; i++)
-    for (int j = 0; j < 3; j++) p.Rt[3 * i + j] = R[3 * j + i];
-  const double t[3] = {T[3], T[7], T[11]};
-  for (int i = 0; i < 3; i++)
-    p.origin[i] = -(p.Rt[3 * i] * t[0] + p.Rt[3 * i + 1] * t[1] + p.Rt[3 * i + 2] * t[2]);
+  double objectFromCamera[16];
+  ZOTtracker::inverseTransform(o.pose, objectFromCamera);
+  ZOTtracker::rotTranslFromT(objectFromCamera, p.Rt, p.origin);
   return p;
 }
 
@@ -94,29 +85,23 @@ void castRay(const std::vector<const PreparedObject*>& objects, double x, double
   }
 }
 
-// Pixel box (x0, y0, x1, y1) of an object's projected vertices, 2 pixels
-// wider on every side; the whole image when a vertex is behind the camera.
-void projectedBox(const RenderCamera& cam, const RenderObject& o, int* box) {
-  box[0] = cam.width;
-  box[1] = cam.height;
-  box[2] = box[3] = -1;
+// Pixel box of an object's projected vertices, 2 pixels wider on every
+// side; the whole image when a vertex is behind the camera.
+cv::Rect projectedBox(const RenderCamera& cam, const RenderObject& o) {
+  cv::Rect box;
   const std::vector<double>& v = o.mesh->vertices;
   for (size_t i = 0; i + 2 < v.size(); i += 3) {
     const double* T = o.pose;
     const double z = T[8] * v[i] + T[9] * v[i + 1] + T[10] * v[i + 2] + T[11];
     double uv[2];
     projectDistorted(cam, o.pose, &v[i], uv);
-    if (z <= 0.0 || !std::isfinite(uv[0]) || !std::isfinite(uv[1])) {
-      box[0] = box[1] = 0;
-      box[2] = cam.width - 1;
-      box[3] = cam.height - 1;
-      return;
-    }
-    box[0] = std::min(box[0], (int)std::floor(uv[0]) - 2);
-    box[1] = std::min(box[1], (int)std::floor(uv[1]) - 2);
-    box[2] = std::max(box[2], (int)std::ceil(uv[0]) + 2);
-    box[3] = std::max(box[3], (int)std::ceil(uv[1]) + 2);
+    if (z <= 0.0 || !std::isfinite(uv[0]) || !std::isfinite(uv[1]))
+      return cv::Rect(0, 0, cam.width, cam.height);
+    const cv::Point low((int)std::floor(uv[0]) - 2, (int)std::floor(uv[1]) - 2);
+    const cv::Rect around(low, cv::Point((int)std::ceil(uv[0]) + 3, (int)std::ceil(uv[1]) + 3));
+    box |= around;
   }
+  return box;
 }
 
 // Casts ss x ss samples through every pixel of the objects' boxes, each
@@ -130,33 +115,25 @@ template <class Visit>
 void castPixels(const RenderCamera& cam, const std::vector<RenderObject>& objects, int ss,
                 bool adaptive, Visit visit) {
   std::vector<PreparedObject> prepared;
-  std::vector<int> boxes;
-  int x0 = cam.width, y0 = cam.height, x1 = -1, y1 = -1, faces = 0;
+  std::vector<cv::Rect> boxes;
+  cv::Rect all;  // the union of the boxes inside the image
+  int faces = 0;
   for (const RenderObject& o : objects) {
     prepared.push_back(prepare(o));
     prepared.back().firstFaceId = faces;
     faces += (int)prepared.back().faces.size();
-    int box[4];
-    projectedBox(cam, o, box);
-    boxes.insert(boxes.end(), box, box + 4);
-    x0 = std::min(x0, box[0]);
-    y0 = std::min(y0, box[1]);
-    x1 = std::max(x1, box[2]);
-    y1 = std::max(y1, box[3]);
+    boxes.push_back(projectedBox(cam, o));
+    all |= boxes.back();
   }
-  x0 = std::max(x0, 0);
-  y0 = std::max(y0, 0);
-  x1 = std::min(x1, cam.width - 1);
-  y1 = std::min(y1, cam.height - 1);
-  if (x1 < x0 || y1 < y0) return;
+  all &= cv::Rect(0, 0, cam.width, cam.height);
+  if (all.empty()) return;
+  const int x0 = all.x, y0 = all.y, x1 = all.br().x - 1, y1 = all.br().y - 1;
   const double fx = cam.K[0], cx = cam.K[2], fy = cam.K[4], cy = cam.K[5];
   std::vector<const PreparedObject*> active;
   auto activate = [&](int x, int y) {
     active.clear();
-    for (size_t k = 0; k < prepared.size(); k++) {
-      const int* b = &boxes[4 * k];
-      if (x >= b[0] && x <= b[2] && y >= b[1] && y <= b[3]) active.push_back(&prepared[k]);
-    }
+    for (size_t k = 0; k < prepared.size(); k++)
+      if (boxes[k].contains(cv::Point(x, y))) active.push_back(&prepared[k]);
     return !active.empty();
   };
   // Centre rays: face id (-1 none) and grey per pixel of the box.
@@ -251,16 +228,14 @@ std::vector<unsigned char> lambertGreys(const Mesh& mesh, const double* pose,
   o.mesh = &mesh;
   std::copy(pose, pose + 16, o.pose);
   const PreparedObject p = prepare(o);
-  double l[3] = {lightDir[0], lightDir[1], lightDir[2]};
-  const double ln = std::sqrt(l[0] * l[0] + l[1] * l[1] + l[2] * l[2]);
-  for (double& c : l) c /= ln;
+  double l[3] = {lightDir[0], lightDir[1], lightDir[2]}, R[9], t[3];
+  ZOTtracker::normalize(l, 3, 1);
+  ZOTtracker::rotTranslFromT(pose, R, t);
   std::vector<unsigned char> greys;
   for (const Face& f : p.faces) {
-    const double nn = std::sqrt(f.n[0] * f.n[0] + f.n[1] * f.n[1] + f.n[2] * f.n[2]);
-    double nc[3];
-    for (int i = 0; i < 3; i++)
-      nc[i] = (pose[4 * i] * f.n[0] + pose[4 * i + 1] * f.n[1] + pose[4 * i + 2] * f.n[2]) / nn;
-    const double lambert = std::max(0.0, nc[0] * l[0] + nc[1] * l[1] + nc[2] * l[2]);
+    double nc[3];  // the face normal in the camera frame
+    ZOTtracker::matrixProduct331(R, f.n, nc);
+    const double lambert = std::max(0.0, ZOTtracker::dotProd3(nc, l));
     const double grey = std::round(ambient + diffuse * lambert);
     greys.push_back((unsigned char)std::min(255.0, std::max(0.0, grey)));
   }

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <opencv2/core.hpp>
 #include <sstream>
 
 #include "FileParser.h"
@@ -32,9 +33,7 @@ std::string joinPath(const std::string& directory, const std::string& name) {
 bool numbersOfLine(const std::string& line, std::vector<double>& out) {
   out.clear();
   std::string text = line;
-  for (char& c : text) {
-    if (c == ',' || c == ';' || c == '\t' || c == '\r') c = ' ';
-  }
+  std::replace_if(text.begin(), text.end(), [](char c) { return c == ',' || c == ';'; }, ' ');
   std::istringstream in(text);
   std::string token;
   while (in >> token) {
@@ -51,21 +50,55 @@ bool isSkipped(const std::string& line) {
   return first == std::string::npos || line[first] == '#';
 }
 
+// Calls item(line, error) for every line of `path` that is not skipped as a
+// comment or blank; a false from item stops with "<path>:<line>: <error>".
+template <typename Item>
+bool forEachItemLine(const std::string& path, std::string& error, Item item) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open " + path;
+    return false;
+  }
+  std::string line;
+  int lineNo = 0;
+  while (std::getline(in, line)) {
+    lineNo++;
+    if (isSkipped(line)) continue;
+    if (!item(line, error)) {
+      error = path + ":" + std::to_string(lineNo) + ": " + error;
+      return false;
+    }
+  }
+  return true;
+}
+
 void writeRows(FILE* f, const double* T) {
   for (int k = 0; k < 12; k++) fprintf(f, "%.12g%s", T[k], k < 11 ? " " : "\n");
 }
 
 std::string stemOf(const std::string& fileName) {
-  const size_t dot = fileName.rfind('.');
-  return dot == std::string::npos ? fileName : fileName.substr(0, dot);
+  return std::filesystem::path(fileName).replace_extension().string();
 }
 
-}  // namespace
+// Writes an optional "# comment" line, then writeBody(file); reports a file
+// that cannot be opened or closed.
+template <typename Body>
+bool writeCommentedFile(const std::string& path, const std::string& comment, std::string& error,
+                        Body writeBody) {
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
+  writeBody(f);
+  const bool ok = fclose(f) == 0;
+  if (!ok) error = "cannot write " + path;
+  return ok;
+}
 
-// ================================================================ configuration
-// The layout is the library's (SetupArray.h); these turn its plain
-// structures into the host-side ones.
-namespace {
+// The layout of the setup array is the library's (SetupArray.h); these turn
+// its plain structures into the host-side ones.
 
 // The codec's message lines as one line for `error`.
 std::string oneLine(const char* messages) {
@@ -478,121 +511,95 @@ bool checkBodyFileStrictly(const std::string& path, bool polyhedron, std::string
 
 bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
                      const std::string& headerComment, std::string& error) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  if (!headerComment.empty()) fprintf(f, "# %s\n", headerComment.c_str());
-  fprintf(f, "# number of cameras\n%d\n", (int)cameras.size());
-  for (size_t i = 0; i < cameras.size(); i++) {
-    const CameraConfig& c = cameras[i];
-    fprintf(f, "# ---- cam %d ----\n# image width, height [pixels]\n%d %d\n", (int)i, c.width,
-            c.height);
-    fprintf(f, "# near and far clipping depth\n%.12g %.12g\n", c.zNear, c.zFar);
-    fprintf(f, "# fx fy cx cy skew [pixels]\n%.12g %.12g %.12g %.12g %.12g\n", c.fx, c.fy, c.cx,
-            c.cy, c.skew);
-    fprintf(f, "# distortion k1 k2 p1 p2 k3\n%.12g %.12g %.12g %.12g %.12g\n", c.dist[0], c.dist[1],
-            c.dist[2], c.dist[3], c.dist[4]);
-    fprintf(f, "# camera pose in the tool frame: first three rows of the 4x4 transform\n");
-    writeRows(f, c.toolFromCamera.data());
-    fprintf(f, "# number of mask polygons\n%d\n", (int)c.masks.size());
-    for (const std::vector<double>& m : c.masks) {
-      fprintf(f, "%d", (int)m.size() / 2);
-      for (size_t k = 0; k + 1 < m.size(); k += 2) fprintf(f, "  %.12g %.12g", m[k], m[k + 1]);
-      fprintf(f, "\n");
+  return writeCommentedFile(path, headerComment, error, [&cameras](FILE* f) {
+    fprintf(f, "# number of cameras\n%d\n", (int)cameras.size());
+    for (size_t i = 0; i < cameras.size(); i++) {
+      const CameraConfig& c = cameras[i];
+      fprintf(f, "# ---- cam %d ----\n# image width, height [pixels]\n%d %d\n", (int)i, c.width,
+              c.height);
+      fprintf(f, "# near and far clipping depth\n%.12g %.12g\n", c.zNear, c.zFar);
+      fprintf(f, "# fx fy cx cy skew [pixels]\n%.12g %.12g %.12g %.12g %.12g\n", c.fx, c.fy, c.cx,
+              c.cy, c.skew);
+      fprintf(f, "# distortion k1 k2 p1 p2 k3\n%.12g %.12g %.12g %.12g %.12g\n", c.dist[0],
+              c.dist[1], c.dist[2], c.dist[3], c.dist[4]);
+      fprintf(f, "# camera pose in the tool frame: first three rows of the 4x4 transform\n");
+      writeRows(f, c.toolFromCamera.data());
+      fprintf(f, "# number of mask polygons\n%d\n", (int)c.masks.size());
+      for (const std::vector<double>& m : c.masks) {
+        fprintf(f, "%d", (int)m.size() / 2);
+        for (size_t k = 0; k + 1 < m.size(); k += 2) fprintf(f, "  %.12g %.12g", m[k], m[k + 1]);
+        fprintf(f, "\n");
+      }
     }
-  }
-  const bool ok = fclose(f) == 0;
-  if (!ok) error = "cannot write " + path;
-  return ok;
+  });
 }
 
 bool writeModelFile(const std::string& directory, const std::string& fileName,
                     const ModelConfig& model, std::string& error) {
-  const std::string path = joinPath(directory, fileName);
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  bool ok = true;
-  fprintf(f, "# number of local frames\n%d\n", (int)model.localFrames.size());
-  for (const Pose& T : model.localFrames) writeRows(f, T.data());
-  fprintf(f, "# number of bodies\n%d\n", (int)model.bodies.size());
-  for (size_t b = 0; b < model.bodies.size() && ok; b++) {
+  // The geometry files first, then the model file naming them.
+  std::vector<std::string> bodyFiles;
+  for (size_t b = 0; b < model.bodies.size(); b++) {
     const BodyConfig& body = model.bodies[b];
-    const std::string bodyFile = stemOf(fileName) + "_body" + std::to_string(b + 1) +
-                                 (body.type == 0 ? "_polyhedron.txt" : "_polyline.txt");
-    if (body.type == 2) {
-      fprintf(f, "C body %d: cylinder\n%.12g\n", (int)b + 1, body.cylinder[0]);
-      for (int k = 0; k < 4; k++)
-        fprintf(f, "%.12g %.12g %.12g\n", body.cylinder[1 + 3 * k], body.cylinder[2 + 3 * k],
-                body.cylinder[3 + 3 * k]);
-      continue;
-    }
-    const std::vector<double>& v = body.mesh.vertices;
-    FILE* g = fopen(joinPath(directory, bodyFile).c_str(), "w");
-    if (g == nullptr) {
-      error = "cannot write " + joinPath(directory, bodyFile) + ": " + strerror(errno);
-      ok = false;
-      break;
-    }
-    fprintf(g, "nv %d\n", (int)v.size() / 3);
-    for (size_t k = 0; k + 2 < v.size(); k += 3)
-      fprintf(g, "v %.12g %.12g %.12g\n", v[k], v[k + 1], v[k + 2]);
-    if (body.type == 0) {
-      fprintf(g, "nf %d\n", (int)body.mesh.faceSizes.size());
-      size_t start = 0;
-      for (int size : body.mesh.faceSizes) {
-        fprintf(g, "f %d", size);
-        for (int j = 0; j < size; j++) fprintf(g, " %d", body.mesh.faceIndices[start + j] + 1);
-        fprintf(g, "\n");
-        start += size;
+    bodyFiles.push_back(stemOf(fileName) + "_body" + std::to_string(b + 1) +
+                        (body.type == 0 ? "_polyhedron.txt" : "_polyline.txt"));
+    if (body.type == 2) continue;
+    const std::string bodyPath = joinPath(directory, bodyFiles[b]);
+    const bool ok = writeCommentedFile(bodyPath, "", error, [&body](FILE* g) {
+      const std::vector<double>& v = body.mesh.vertices;
+      fprintf(g, "nv %d\n", (int)v.size() / 3);
+      for (size_t k = 0; k + 2 < v.size(); k += 3)
+        fprintf(g, "v %.12g %.12g %.12g\n", v[k], v[k + 1], v[k + 2]);
+      if (body.type == 0) {
+        fprintf(g, "nf %d\n", (int)body.mesh.faceSizes.size());
+        size_t start = 0;
+        for (int size : body.mesh.faceSizes) {
+          fprintf(g, "f %d", size);
+          for (int j = 0; j < size; j++) fprintf(g, " %d", body.mesh.faceIndices[start++] + 1);
+          fprintf(g, "\n");
+        }
+      } else {
+        fprintf(g, "ne %d\n", (int)body.segments.size() / 2);
+        for (size_t k = 0; k + 1 < body.segments.size(); k += 2)
+          fprintf(g, "e %d %d\n", body.segments[k] + 1, body.segments[k + 1] + 1);
       }
-      fprintf(f, "P body %d: polyhedron\n%d\n%.12g\n%s\n# (spare line after the file name)\n",
-              (int)b + 1, body.flat ? 1 : 0, body.featureAngle, bodyFile.c_str());
-    } else {
-      fprintf(g, "ne %d\n", (int)body.segments.size() / 2);
-      for (size_t k = 0; k + 1 < body.segments.size(); k += 2)
-        fprintf(g, "e %d %d\n", body.segments[k] + 1, body.segments[k + 1] + 1);
-      fprintf(f, "L body %d: polyline\n%d %d\n%s\n", (int)b + 1, body.supportBody + 1,
-              body.supportFace + 1, bodyFile.c_str());
+    });
+    if (!ok) return false;
+  }
+  return writeCommentedFile(joinPath(directory, fileName), "", error, [&](FILE* f) {
+    fprintf(f, "# number of local frames\n%d\n", (int)model.localFrames.size());
+    for (const Pose& T : model.localFrames) writeRows(f, T.data());
+    fprintf(f, "# number of bodies\n%d\n", (int)model.bodies.size());
+    for (size_t b = 0; b < model.bodies.size(); b++) {
+      const BodyConfig& body = model.bodies[b];
+      if (body.type == 0) {
+        fprintf(f, "P body %d: polyhedron\n%d\n%.12g\n%s\n# (spare line after the file name)\n",
+                (int)b + 1, body.flat ? 1 : 0, body.featureAngle, bodyFiles[b].c_str());
+      } else if (body.type == 1) {
+        fprintf(f, "L body %d: polyline\n%d %d\n%s\n", (int)b + 1, body.supportBody + 1,
+                body.supportFace + 1, bodyFiles[b].c_str());
+      } else {
+        fprintf(f, "C body %d: cylinder\n%.12g\n", (int)b + 1, body.cylinder[0]);
+        for (int k = 1; k < 13; k += 3)
+          fprintf(f, "%.12g %.12g %.12g\n", body.cylinder[k], body.cylinder[k + 1],
+                  body.cylinder[k + 2]);
+      }
     }
-    ok = fclose(g) == 0;
-    if (!ok) error = "cannot write " + joinPath(directory, bodyFile);
-  }
-  if (fclose(f) != 0 && ok) {
-    error = "cannot write " + path;
-    ok = false;
-  }
-  return ok;
+  });
 }
 
 double modelSize(const ModelConfig& model, double* centre, double* diagonal) {
-  double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+  std::vector<double> xyz;
   for (const BodyConfig& b : model.bodies) {
     const std::vector<double>& v = b.mesh.vertices;
-    for (size_t k = 0; k + 2 < v.size(); k += 3) {
-      for (int a = 0; a < 3; a++) {
-        lo[a] = std::min(lo[a], v[k + a]);
-        hi[a] = std::max(hi[a], v[k + a]);
-      }
-    }
+    xyz.insert(xyz.end(), v.begin(), v.begin() + v.size() / 3 * 3);
   }
-  if (!(lo[0] <= hi[0])) {
-    if (centre != nullptr) centre[0] = centre[1] = centre[2] = 0.0;
-    if (diagonal != nullptr) *diagonal = 0.0;
-    return 0.0;
-  }
-  if (centre != nullptr) {
-    for (int a = 0; a < 3; a++) centre[a] = 0.5 * (lo[a] + hi[a]);
-  }
-  if (diagonal != nullptr) {
-    const double d[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
-    *diagonal = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-  }
-  return std::max(hi[0] - lo[0], std::max(hi[1] - lo[1], hi[2] - lo[2]));
+  double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+  for (int a = 0; a < 3 && !xyz.empty(); a++)
+    cv::minMaxIdx(cv::Mat((int)xyz.size() / 3, 3, CV_64F, xyz.data()).col(a), &lo[a], &hi[a]);
+  const double d[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
+  for (int a = 0; a < 3 && centre != nullptr; a++) centre[a] = 0.5 * (lo[a] + hi[a]);
+  if (diagonal != nullptr) *diagonal = ZOTtracker::norm(d, 3);
+  return std::max({d[0], d[1], d[2]});
 }
 
 // ================================================================ sequence files
@@ -616,14 +623,14 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
       return false;
     }
     // A rotation that is far from orthonormal is a unit or layout mistake.
-    for (int i = 0; i < 3; i++) {
-      for (int j = 0; j < 3; j++) {
-        double d = 0.0;
-        for (int k = 0; k < 3; k++) d += T[4 * k + i] * T[4 * k + j];
-        if (std::fabs(d - (i == j ? 1.0 : 0.0)) > 1e-3) {
-          error = "the rotation part of the pose is not orthonormal";
-          return false;
-        }
+    double R[9], t[3], Rt[9], RtR[9];
+    ZOTtracker::rotTranslFromT(T.data(), R, t);
+    ZOTtracker::matrixTranspose33(R, Rt);
+    ZOTtracker::matrixProduct333(Rt, R, RtR);
+    for (int k = 0; k < 9; k++) {
+      if (std::fabs(RtR[k] - (k % 4 == 0 ? 1.0 : 0.0)) > 1e-3) {
+        error = "the rotation part of the pose is not orthonormal";
+        return false;
       }
     }
     pose = T;
@@ -640,49 +647,6 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
   error = "a pose needs 16, 12 or 6 numbers, found " + std::to_string(v.size());
   return false;
 }
-
-namespace {
-
-// Calls item(line, error) for every line of `path` that is not skipped as a
-// comment or blank; a false from item stops with "<path>:<line>: <error>".
-template <typename Item>
-bool forEachItemLine(const std::string& path, std::string& error, Item item) {
-  std::ifstream in(path);
-  if (!in) {
-    error = "cannot open " + path;
-    return false;
-  }
-  std::string line;
-  int lineNo = 0;
-  while (std::getline(in, line)) {
-    lineNo++;
-    if (isSkipped(line)) continue;
-    if (!item(line, error)) {
-      error = path + ":" + std::to_string(lineNo) + ": " + error;
-      return false;
-    }
-  }
-  return true;
-}
-
-// Writes an optional "# comment" line, then writeBody(file); reports a file
-// that cannot be opened or closed.
-template <typename Body>
-bool writeCommentedFile(const std::string& path, const std::string& comment, std::string& error,
-                        Body writeBody) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
-  writeBody(f);
-  const bool ok = fclose(f) == 0;
-  if (!ok) error = "cannot write " + path;
-  return ok;
-}
-
-}  // namespace
 
 bool readPoseFile(const std::string& path, std::vector<Pose>& poses, std::string& error) {
   poses.clear();
@@ -728,9 +692,7 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
     error = "cannot open " + path;
     return false;
   }
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  const std::string text = buffer.str();
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   const char* const counterKey = "setup_global_array_counter =";
   const size_t key = text.find(counterKey);
   const size_t open = text.find('{');
@@ -740,20 +702,9 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
     return false;
   }
   const long count = std::strtol(text.c_str() + key + strlen(counterKey), nullptr, 10);
-  values.clear();
-  const char* p = text.c_str() + open + 1;
-  const char* const end = text.c_str() + close;
-  while (p < end) {
-    while (p < end && (*p == ' ' || *p == ',' || *p == '\n' || *p == '\r' || *p == '\t')) p++;
-    if (p >= end) break;
-    char* next = nullptr;
-    const double v = std::strtod(p, &next);
-    if (next == p || next > end) {
-      error = path + ": unexpected text in the value list";
-      return false;
-    }
-    values.push_back(v);
-    p = next;
+  if (!numbersOfLine(text.substr(open + 1, close - open - 1), values)) {
+    error = path + ": unexpected text in the value list";
+    return false;
   }
   if ((long)values.size() != count || count <= 0) {
     error = path + ": " + std::to_string(values.size()) + " values, but the counter says " +
@@ -770,12 +721,20 @@ void poseError(const double* estimate, const double* reference, double* translat
                dz = estimate[11] - reference[11];
   *translationError = std::sqrt(dx * dx + dy * dy + dz * dz);
   // trace(R_e^T R_r) = sum of the element-wise products
-  double trace = 0.0;
-  for (int i = 0; i < 3; i++) {
-    for (int j = 0; j < 3; j++) trace += estimate[4 * i + j] * reference[4 * i + j];
-  }
+  using ZOTtracker::dotProd3;
+  const double trace = dotProd3(estimate, reference) + dotProd3(estimate + 4, reference + 4) +
+                       dotProd3(estimate + 8, reference + 8);
   const double c = std::max(-1.0, std::min(1.0, 0.5 * (trace - 1.0)));
   *rotationErrorDeg = std::acos(c) * 57.29577951308232;
+}
+
+double quantile(std::vector<double>& values, double q) {
+  if (values.empty()) return 0.0;
+  std::sort(values.begin(), values.end());
+  const double position = std::min(1.0, std::max(0.0, q)) * (values.size() - 1);
+  const size_t below = (size_t)position;
+  const size_t above = std::min(values.size() - 1, below + 1);
+  return values[below] + (position - below) * (values[above] - values[below]);
 }
 
 bool pathExists(const std::string& path) {

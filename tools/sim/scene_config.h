@@ -139,6 +139,10 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
 void poseError(const double* estimate, const double* reference, double* translationError,
                double* rotationErrorDeg);
 
+/// The q-quantile (0..1) of the values by linear interpolation between
+/// order statistics; 0 for no values. `values` is sorted in place.
+double quantile(std::vector<double>& values, double q);
+
 /// True when a file or directory exists.
 bool pathExists(const std::string& path);
 

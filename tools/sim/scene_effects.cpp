@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <opencv2/imgproc.hpp>
 #include <random>
 
 #include "Math.h"
-#include "lens.h"
 
 namespace zot_sim {
 
@@ -19,52 +19,22 @@ using ZOTtracker::matrixProduct444;
 constexpr double kPi = 3.141592653589793;
 constexpr int kExposureSamples = 5;  // renders averaged per motion-blurred frame
 
-unsigned char toByte(double v) {
-  if (!(v > 0.0)) return 0;
-  if (v >= 255.0) return 255;
-  return (unsigned char)(v + 0.5);
-}
+unsigned char toByte(double v) { return cv::saturate_cast<unsigned char>(v); }
 
-bool insidePolygon2d(const std::vector<double>& uv, double x, double y) {
-  bool inside = false;
-  const size_t n = uv.size() / 2;
-  for (size_t k = 0, j = n - 1; k < n; j = k++) {
-    const double xk = uv[2 * k], yk = uv[2 * k + 1], xj = uv[2 * j], yj = uv[2 * j + 1];
-    if ((yk > y) != (yj > y) && x < (xj - xk) * (y - yk) / (yj - yk) + xk) inside = !inside;
-  }
-  return inside;
-}
-
-// Inside the polygon and at least `margin` from each of its edges.
-bool wellInside(const std::vector<double>& poly, double x, double y, double margin) {
-  if (!insidePolygon2d(poly, x, y)) return false;
-  const size_t n = poly.size() / 2;
-  for (size_t k = 0, j = n - 1; k < n; j = k++) {
-    const double ax = poly[2 * j], ay = poly[2 * j + 1];
-    const double dx = poly[2 * k] - ax, dy = poly[2 * k + 1] - ay;
-    const double len2 = dx * dx + dy * dy;
-    double s = len2 > 0.0 ? ((x - ax) * dx + (y - ay) * dy) / len2 : 0.0;
-    s = std::min(1.0, std::max(0.0, s));
-    if (std::hypot(x - ax - s * dx, y - ay - s * dy) < margin) return false;
-  }
-  return true;
-}
+void normalise(double* v) { ZOTtracker::normalize(v, 3, 1); }
 
 // Printed loops of one face, in the face's 2D frame: rows of strokes, a
 // band and a blob, each kept only when all its corners are well inside.
 std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face,
                                                 std::mt19937_64& rng) {
   std::uniform_real_distribution<double> unit(0.0, 1.0);
-  double x0 = 1e300, y0 = 1e300, x1 = -1e300, y1 = -1e300, area = 0.0;
-  const size_t n = face.size() / 2;
-  for (size_t k = 0, j = n - 1; k < n; j = k++) {
-    x0 = std::min(x0, face[2 * k]);
-    x1 = std::max(x1, face[2 * k]);
-    y0 = std::min(y0, face[2 * k + 1]);
-    y1 = std::max(y1, face[2 * k + 1]);
-    area += face[2 * j] * face[2 * k + 1] - face[2 * k] * face[2 * j + 1];
-  }
-  const double L = std::sqrt(std::fabs(area) / 2.0), margin = 0.06 * L;
+  std::vector<cv::Point2f> outline;
+  for (size_t k = 0; k + 1 < face.size(); k += 2) outline.emplace_back(face[k], face[k + 1]);
+  double x0, x1, y0, y1;  // the bounding box
+  const cv::Mat xy = cv::Mat(outline).reshape(1);
+  cv::minMaxIdx(xy.col(0), &x0, &x1);
+  cv::minMaxIdx(xy.col(1), &y0, &y1);
+  const double L = std::sqrt(cv::contourArea(outline)), margin = 0.06 * L;
   std::vector<std::vector<double>> loops;
   // Points along every side of the loop, so that no loop cuts a notch of a
   // face that is not convex.
@@ -75,7 +45,8 @@ std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face,
       for (int t = 0; t < 8; t++) {
         const double x = loop[2 * k] + t / 8.0 * (loop[2 * j] - loop[2 * k]);
         const double y = loop[2 * k + 1] + t / 8.0 * (loop[2 * j + 1] - loop[2 * k + 1]);
-        if (!wellInside(face, x, y, margin)) return false;
+        // inside the face and at least `margin` from each of its edges
+        if (cv::pointPolygonTest(outline, cv::Point2f(x, y), true) < margin) return false;
       }
     }
     loops.push_back(loop);
@@ -132,13 +103,6 @@ std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face,
   return loops;
 }
 
-void normalise(double* v) {
-  const double n = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-  if (n > 0.0) {
-    for (int k = 0; k < 3; k++) v[k] /= n;
-  }
-}
-
 }  // namespace
 
 void addFacePrint(ModelConfig& model, uint64_t seed) {
@@ -153,16 +117,9 @@ void addFacePrint(ModelConfig& model, uint64_t seed) {
       const int* idx = &mesh.faceIndices[start];
       // The face's plane frame: origin at its first vertex, e1 along its
       // first edge, e2 = normal x e1.
-      double nrm[3] = {0, 0, 0}, e1[3], e2[3];
+      double nrm[3], e1[3], e2[3];
       const double* o = &mesh.vertices[3 * idx[0]];
-      for (int k = 0; k < m; k++) {
-        const double* a = &mesh.vertices[3 * idx[k]];
-        const double* q = &mesh.vertices[3 * idx[(k + 1) % m]];
-        nrm[0] += (a[1] - q[1]) * (a[2] + q[2]);
-        nrm[1] += (a[2] - q[2]) * (a[0] + q[0]);
-        nrm[2] += (a[0] - q[0]) * (a[1] + q[1]);
-      }
-      normalise(nrm);
+      polygonNormal(mesh.vertices, idx, m, nrm);
       for (int a = 0; a < 3; a++) e1[a] = mesh.vertices[3 * idx[1] + a] - o[a];
       normalise(e1);
       crossProd(nrm, e1, e2);
@@ -173,10 +130,9 @@ void addFacePrint(ModelConfig& model, uint64_t seed) {
         face.push_back(d[0] * e1[0] + d[1] * e1[1] + d[2] * e1[2]);
         face.push_back(d[0] * e2[0] + d[1] * e2[1] + d[2] * e2[2]);
       }
-      double area = 0.0;
-      for (int k = 0, j = m - 1; k < m; j = k++)
-        area += face[2 * j] * face[2 * k + 1] - face[2 * k] * face[2 * j + 1];
-      if (std::fabs(area) / 2.0 < 0.04 * size * size) continue;  // chamfers and small faces
+      std::vector<cv::Point2f> outline;
+      for (int k = 0; k < m; k++) outline.emplace_back(face[2 * k], face[2 * k + 1]);
+      if (cv::contourArea(outline) < 0.04 * size * size) continue;  // chamfers and small faces
       std::mt19937_64 rng(seed * 1000003ULL + b * 4099ULL + (uint64_t)f * 131ULL + 7);
       BodyConfig print;
       print.type = 1;
@@ -218,15 +174,7 @@ EffectsRenderer::EffectsRenderer(const std::vector<CameraConfig>& cameras, const
   for (const BodyConfig& body : model.bodies) {
     if (body.type == 0) m_meshes.push_back(body.mesh);
   }
-  for (const CameraConfig& cam : m_cameras) {
-    RenderCamera rc;
-    rc.width = cam.width;
-    rc.height = cam.height;
-    const double K[9] = {cam.fx, 0.0, cam.cx, 0.0, cam.fy, cam.cy, 0.0, 0.0, 1.0};
-    std::copy(K, K + 9, rc.K);
-    std::copy(cam.dist, cam.dist + 5, rc.dist);
-    m_renderCameras.push_back(rc);
-  }
+  for (const CameraConfig& cam : m_cameras) m_renderCameras.push_back(renderCameraOf(cam));
   if (!effects.any()) {
     m_base.reset(new SequenceRenderer(cameras, model, plan));
     return;
@@ -246,20 +194,6 @@ EffectsRenderer::EffectsRenderer(const std::vector<CameraConfig>& cameras, const
     fine.fps = plan.fps * m_subSteps;
     fine.frames = plan.frames * m_subSteps;
     m_fine.reset(new SequenceRenderer(cameras, rendered, fine));
-  }
-  if (effects.tableTexture) {
-    for (const CameraConfig& cam : m_cameras) {
-      std::vector<float> rays(2 * (size_t)cam.width * cam.height);
-      for (int y = 0; y < cam.height; y++) {
-        for (int x = 0; x < cam.width; x++) {
-          double xn, yn;
-          undistortNormalized(cam.dist, (x - cam.cx) / cam.fx, (y - cam.cy) / cam.fy, &xn, &yn);
-          rays[2 * ((size_t)y * cam.width + x)] = (float)xn;
-          rays[2 * ((size_t)y * cam.width + x) + 1] = (float)yn;
-        }
-      }
-      m_rays.push_back(std::move(rays));
-    }
   }
   // The bar: long, a little thick, its width a fraction of the object's
   // size where it crosses the object (it is nearer, see barInCamera).
@@ -296,12 +230,9 @@ bool EffectsRenderer::barInCamera(const SequenceRenderer& seq, int index, int ca
   if (!(m_effects.occluderWidth > 0.0)) return false;
   double objectInTool[16];
   seq.poses(0, nullptr, nullptr, objectInTool);
-  double d[3];
-  for (int i = 0; i < 3; i++) {
-    d[i] = objectInTool[4 * i] * m_centre[0] + objectInTool[4 * i + 1] * m_centre[1] +
-           objectInTool[4 * i + 2] * m_centre[2] + objectInTool[4 * i + 3];
-  }
-  const double distance = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+  double d[3];  // the object's centre in the tool frame
+  ZOTtracker::transformPoint3d(objectInTool, m_centre, d);
+  const double distance = ZOTtracker::norm(d, 3);
   normalise(d);
   double u[3] = {std::cos(1.0), std::sin(1.0), 0.0}, v[3];
   const double along = u[0] * d[0] + u[1] * d[1] + u[2] * d[2];
@@ -341,14 +272,13 @@ void EffectsRenderer::compose(const SequenceRenderer& seq, int index, int cam,
     matrixProduct444(toolWorld, c.toolFromCamera.data(), worldFromCam);
     const double* R = worldFromCam;
     const double tableZ = -0.9 * m_size, S = m_size;
+    std::vector<unsigned char> masked((size_t)w * h, 0);
+    fillMasks(c, masked.data(), 255, false);
     for (int y = 0; y < h; y++) {
       for (int x = 0; x < w; x++) {
         const size_t k = (size_t)y * w + x;
-        if (coverage[k] >= 1.0f) continue;
-        bool masked = false;
-        for (const std::vector<double>& m : c.masks) masked = masked || insidePolygon2d(m, x, y);
-        if (masked) continue;
-        const double xn = m_rays[cam][2 * k], yn = m_rays[cam][2 * k + 1];
+        if (coverage[k] >= 1.0f || masked[k]) continue;
+        const double xn = seq.rays(cam)[2 * k], yn = seq.rays(cam)[2 * k + 1];
         const double dz = R[8] * xn + R[9] * yn + R[10];
         const double s = (tableZ - R[11]) / dz;
         if (!(s > 0.0)) continue;
@@ -404,12 +334,7 @@ void EffectsRenderer::render(int frame, std::vector<std::vector<unsigned char>>&
     const CameraConfig& cam = m_cameras[c];
     images[c].resize(sum[c].size());
     for (size_t k = 0; k < sum[c].size(); k++) images[c][k] = toByte(sum[c][k] / samples);
-    gaussianBlur(images[c].data(), cam.width, cam.height, m_plan.blur);
-    if (m_plan.noise > 0.0) {
-      std::mt19937_64 rng(m_plan.seed * 1000003ULL + (uint64_t)frame * 31ULL + c);
-      std::normal_distribution<double> noise(0.0, m_plan.noise);
-      for (unsigned char& p : images[c]) p = toByte(p + noise(rng));
-    }
+    applySensor(images[c], cam.width, cam.height, m_plan, frame, (int)c);
   }
 }
 

@@ -75,7 +75,6 @@ class EffectsRenderer {
 
   std::vector<CameraConfig> m_cameras;
   std::vector<RenderCamera> m_renderCameras;
-  std::vector<std::vector<float>> m_rays;  ///< per camera, per pixel: undistorted x, y
   std::vector<Mesh> m_meshes;              ///< the true polyhedra
   SequenceSpec m_plan;
   SceneEffects m_effects;
