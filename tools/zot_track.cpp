@@ -29,7 +29,6 @@
 #include "GenericObjectTracker.h"
 #include "IO.h"
 #include "Math.h"
-#include "frame_timing.h"
 #include "PoolSizes.h"
 #include "memory_handling.h"
 #include "overlay.h"
