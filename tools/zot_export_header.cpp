@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "FileParser.h"
 #include "scene_config.h"
 
@@ -24,8 +25,7 @@ constexpr int kLargestCapacity = 1 << 28;
 }
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_export_header: %s\n(see zot_export_header --help)\n", message.c_str());
-  exit(2);
+  zot_sim::usageError("zot_export_header", message);
 }
 
 }  // namespace

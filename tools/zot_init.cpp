@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "GenericObjectTracker.h"
 #include "Math.h"
 #include "TrackerSession.h"
@@ -38,8 +39,7 @@ constexpr int kExitBadInput = 1, kExitUsage = 2;
 }
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_init: %s\n(zot_init --help lists the options)\n", message.c_str());
-  exit(kExitUsage);
+  zot_sim::usageError("zot_init", message);
 }
 
 struct Options {
@@ -99,13 +99,7 @@ Options parseArguments(int argc, char** argv) {
   app.add_flag("--no-refine", noRefine, "keep the pose from the points alone");
   app.add_flag("-q,--quiet", o.quiet, "print errors only");
   app.set_help_flag("-h,--help", "this text");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    exit(app.exit(e));
-  } catch (const CLI::ParseError& e) {
-    usageError(e.what());
-  }
+  zot_sim::parseCommandLine(app, argc, argv, "zot_init");
   o.refine = !noRefine;
   if (o.pointsFile.empty() && !o.click)
     usageError("give the point pairs with --points FILE, or --click");

@@ -21,6 +21,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "command_line.h"
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "Math.h"
@@ -62,8 +63,7 @@ void info(const char* fmt, ...) {
 }
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_mesh2poly: %s\n(see zot_mesh2poly --help)\n", message.c_str());
-  exit(2);
+  zot_sim::usageError("zot_mesh2poly", message);
 }
 
 double unitInMetres(const std::string& unit) {
@@ -129,13 +129,7 @@ Options parseArguments(int argc, char** argv) {
                  "model file (default 30)")
       ->type_name("A");
   app.add_flag("-q,--quiet", o.quiet, "print errors only");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    exit(app.exit(e));
-  } catch (const CLI::ParseError& e) {
-    usageError(e.what());
-  }
+  zot_sim::parseCommandLine(app, argc, argv, "zot_mesh2poly");
   for (const double v : {o.scale, o.tolerance, o.coplanarAngle, o.featureAngle}) {
     if (!std::isfinite(v)) usageError("options take finite numbers");
   }

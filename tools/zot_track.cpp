@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "IO.h"
@@ -71,8 +72,7 @@ struct Options {
 };
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_track: %s\n(zot_track --help lists the options)\n", message.c_str());
-  exit(kExitUsage);
+  zot_sim::usageError("zot_track", message);
 }
 
 [[noreturn]] void fail(const std::string& message) {
@@ -201,13 +201,7 @@ Options parseArguments(int argc, char** argv) {
                "Gauss-Newton loop ends");
   app.add_flag("-q,--quiet", o.quiet, "no progress line and no summary on standard output");
   app.set_help_flag("-h,--help", "this text")->group("output");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    exit(app.exit(e));
-  } catch (const CLI::ParseError& e) {
-    usageError(e.what());
-  }
+  zot_sim::parseCommandLine(app, argc, argv, "zot_track");
   if (!app.remaining().empty()) {
     const std::string a = app.remaining()[0];
     usageError((a.size() > 1 && a[0] == '-' ? "unknown option " : "unexpected argument ") + a);
