@@ -25,7 +25,6 @@
 #include "GenericObjectTracker.h"
 #include "IO.h"
 #include "PoolSizes.h"
-#include "frame_timing.h"
 #include "memory_handling.h"
 #include "scene_config.h"
 #include "sequence.h"

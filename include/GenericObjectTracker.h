@@ -109,14 +109,17 @@ class GenericObjectTracker {
   /// Configures the tracker from the setup array of `count` values: cameras
   /// (frustums, undistortion maps and tables), tracking parameters and model,
   /// then the Kalman filter parameters, the contour tracker and the model
-  /// buffers. Returns 0, or -1 after a message: a section refused its data,
-  /// a body failed, or the values read differ from count ("ERROR: total
-  /// numbers read <n> should be: <count>"; checked only after everything has
-  /// been built, so the pools stay consumed). Every call takes fresh pool
-  /// memory. Until a later call succeeds, a failed call leaves no camera
-  /// enabled, so frames fail cleanly. A valid array whose buffers do not fit
-  /// the free part of the pools is refused first, with nothing taken
-  /// (setupFitsPools()).
+  /// buffers. Returns 0, or -1 after a message: a section refused its data
+  /// (including what can never track, see SetupArray.h: no camera or no
+  /// body, camera values not finite, positive or ordered where needed, a
+  /// pose rotation that is not one, no sample capacity, a zero sampling
+  /// step), a body failed, or the values read differ from count ("ERROR:
+  /// total numbers read <n> should be: <count>"; checked only after
+  /// everything has been built, so the pools stay consumed). Every call
+  /// takes fresh pool memory. Until a later call succeeds, a failed call
+  /// leaves no camera enabled, so frames fail cleanly. A valid array whose
+  /// buffers do not fit the free part of the pools is refused first, with
+  /// nothing taken (setupFitsPools()).
   int setupFromGlobalArray(int count, const double* array);
 
   /// Section readers: each reads its part of `array` from `cursor` on, never

@@ -11,6 +11,15 @@
 /// body its type code (0 polyhedron, 1 polyline, 2 cylinder) and data.
 /// Integers are stored as doubles and truncated toward zero; indices are
 /// 1-based.
+///
+/// Beyond the layout, the decoders refuse what can never track, each with
+/// one "ERROR: ..." line naming the value: no camera or no body; a camera
+/// whose fx or fy is not finite and > 0, whose cx, cy, skew, distortion
+/// coefficients, pose or mask vertices are not finite, whose near depth is
+/// not finite and > 0 or whose far depth is not finite and beyond the near
+/// one, or whose pose rotation is not a rotation (see
+/// ZOT_SETUP_ROTATION_TOLERANCE); fewer than 1 sample point per camera or a
+/// sampling step below 1 pixel.
 #pragma once
 
 #include "GenericObjectTracker.h"
@@ -19,6 +28,13 @@ namespace ZOTtracker {
 
 /// Values of the tracking parameters section.
 constexpr int ZOT_SETUP_TRACKER_VALUES = 23;
+/// Largest entry of |R^T R - I| accepted for the rotation block R of a
+/// camera's pose, whose determinant must also be > 0. Such a pose is
+/// refused, not re-orthonormalised: a calibration that far off is a mistake
+/// (a unit, a layout), and correcting it silently would track with a pose
+/// nobody calibrated. A rotation written with six decimals, as the header
+/// export writes it, is off by up to about 2e-6 and passes.
+constexpr double ZOT_SETUP_ROTATION_TOLERANCE = 1e-5;
 
 /// Cursor over a setup array of `count` values that never reads past its
 /// end. Each failing read prints the tracker's message lines ("ERROR: setup
@@ -41,7 +57,8 @@ class SetupArrayReader {
   bool readInt(const char* what, int& value);
   /// Group count: negative reads as 0, more than `most` is refused.
   bool readCount(const char* what, int most, int& value);
-  /// 1-based index, returned 0-based.
+  /// 1-based index, returned 0-based; the smallest int is refused (it has
+  /// no 0-based form).
   bool readIndex(const char* what, int& value);
   /// The value at the cursor; call only after available() said it is there.
   double next() { return m_array[m_cursor++]; }
@@ -103,19 +120,21 @@ struct SetupArray {
   SetupBody bodies[ZOT_MAX_BODIES];
 };
 
-/// Camera count (at most ZOT_MAX_CAMERAS), checking that the array can hold
+/// Camera count (1 to ZOT_MAX_CAMERAS), checking that the array can hold
 /// that many cameras.
 bool decodeCameraCount(SetupArrayReader& r, int& nCameras);
-/// Camera `index` (for the messages). False with the tracker's message when
-/// the values run out, the image size is outside 1..ZOT_MAX_IMAGE_SIDE or a
-/// mask count is too large.
+/// Camera `index` (0-based, for the messages). False with the tracker's
+/// message when the values run out, the image size is outside
+/// 1..ZOT_MAX_IMAGE_SIDE, a mask count is too large or a value is refused
+/// (see the file comment).
 bool decodeCamera(SetupArrayReader& r, int index, SetupCamera& camera);
 /// The 23 tracking parameters into p (integer fields truncated); p is
-/// unchanged on failure.
+/// unchanged on failure, which includes a sample capacity or a sampling step
+/// below 1.
 bool decodeTrackingParameters(SetupArrayReader& r, GenericObjectTracker::TrackingParameters& p);
 /// Local frame count and transforms (frames: ZOT_MAX_LOCAL_FRAMES x 16).
 bool decodeLocalFrames(SetupArrayReader& r, int& nFrames, double (*frames)[16]);
-/// Body count (at most ZOT_MAX_BODIES), checking that the array can hold it.
+/// Body count (1 to ZOT_MAX_BODIES), checking that the array can hold it.
 bool decodeBodyCount(SetupArrayReader& r, int& nBodies);
 /// Body `index` (for the messages): type code and data, with the tracker's
 /// checks; vertex indices must also lie within the body's vertices.

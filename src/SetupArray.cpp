@@ -2,6 +2,7 @@
 // and encoding back.
 #include "SetupArray.h"
 
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -85,6 +86,11 @@ bool SetupArrayReader::readCount(const char* what, int most, int& value) {
 
 bool SetupArrayReader::readIndex(const char* what, int& value) {
   if (!readInt(what, value)) return false;
+  // The smallest int has no 0-based form.
+  if (value == -2147483647 - 1) {
+    report("ERROR: setup array value %d (%s) is not an index: %d\n", m_cursor - 1, what, value);
+    return false;
+  }
   value = value - 1;
   return true;
 }
@@ -96,8 +102,89 @@ void SetupArrayReader::readTransform(double* T) {
 
 // ================================================================ sections
 
+namespace {
+
+// A count of what the tracker cannot work without; `count` is the value
+// just read (a negative count has already read as 0).
+bool atLeastOne(SetupArrayReader& r, int count, const char* what) {
+  if (count >= 1) return true;
+  r.report("ERROR: setup array value %d: %g %s, at least 1 is needed\n", r.cursor() - 1,
+           r.values()[r.cursor() - 1], what);
+  return false;
+}
+
+bool finite(double v) { return std::isfinite(v); }
+
+// The values of a camera that the projection, the frustum, the undistortion
+// and the pose inversion rely on.
+bool checkCamera(SetupArrayReader& r, int index, const SetupCamera& c) {
+  const char* const intrinsic[5] = {"fx", "fy", "cx", "cy", "skew"};
+  const double intrinsics[5] = {c.fx, c.fy, c.cx, c.cy, c.skew};
+  for (int i = 0; i < 5; i++) {
+    const bool positive = i < 2;  // the focal lengths divide and orient the image
+    if (finite(intrinsics[i]) && (!positive || intrinsics[i] > 0.0)) continue;
+    r.report("ERROR: camera %d: %s is %g, must be finite%s\n", index, intrinsic[i], intrinsics[i],
+             positive ? " and > 0" : "");
+    return false;
+  }
+  if (!(finite(c.zNear) && c.zNear > 0.0)) {
+    r.report("ERROR: camera %d: near depth is %g, must be finite and > 0\n", index, c.zNear);
+    return false;
+  }
+  if (!(finite(c.zFar) && c.zFar > c.zNear)) {
+    r.report("ERROR: camera %d: far depth is %g, must be finite and > the near depth %g\n", index,
+             c.zFar, c.zNear);
+    return false;
+  }
+  const char* const coefficient[5] = {"k1", "k2", "p1", "p2", "k3"};
+  for (int i = 0; i < 5; i++) {
+    if (!finite(c.dist[i])) {
+      r.report("ERROR: camera %d: distortion %s is %g, must be finite\n", index, coefficient[i],
+               c.dist[i]);
+      return false;
+    }
+  }
+  const double* T = c.toolFromCamera;
+  for (int i = 0; i < 12; i++) {
+    if (!finite(T[i])) {
+      r.report("ERROR: camera %d: pose value %d (row %d, column %d) is %g, must be finite\n", index,
+               i + 1, i / 4 + 1, i % 4 + 1, T[i]);
+      return false;
+    }
+  }
+  double deviation = 0.0;  // largest entry of |R^T R - I|
+  for (int i = 0; i < 3; i++) {
+    for (int j = 0; j < 3; j++) {
+      const double d = T[i] * T[j] + T[4 + i] * T[4 + j] + T[8 + i] * T[8 + j];
+      deviation = std::fmax(deviation, std::fabs(d - (i == j ? 1.0 : 0.0)));
+    }
+  }
+  double rows12[3];
+  crossProd(T + 4, T + 8, rows12);
+  const double det = dotProd3(T, rows12);
+  if (!(deviation <= ZOT_SETUP_ROTATION_TOLERANCE) || !(det > 0.0)) {
+    r.report(
+        "ERROR: camera %d: pose rotation is not a rotation: |R^T R - I| reaches %g (at most "
+        "%g), det %g (must be > 0)\n",
+        index, deviation, ZOT_SETUP_ROTATION_TOLERANCE, det);
+    return false;
+  }
+  for (int p = 0; p < c.nMasks; p++) {
+    for (int i = 0; i < 2 * c.maskNVertices[p]; i++) {
+      if (!finite(c.maskVertices[p][i])) {
+        r.report("ERROR: camera %d: mask polygon %d vertex %d is not finite\n", index, p + 1,
+                 i / 2 + 1);
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 bool decodeCameraCount(SetupArrayReader& r, int& nCameras) {
-  return r.readCount("cameras", ZOT_MAX_CAMERAS, nCameras) &&
+  return r.readCount("cameras", ZOT_MAX_CAMERAS, nCameras) && atLeastOne(r, nCameras, "cameras") &&
          r.available((long long)kMinValuesPerCamera * nCameras, "cameras");
 }
 
@@ -135,7 +222,7 @@ bool decodeCamera(SetupArrayReader& r, int index, SetupCamera& camera) {
     for (int i = 0; i < 2 * nVertices; i++) camera.maskVertices[p][i] = r.next();
     camera.nMasks = p + 1;
   }
-  return true;
+  return checkCamera(r, index, camera);
 }
 
 bool decodeTrackingParameters(SetupArrayReader& r, GenericObjectTracker::TrackingParameters& out) {
@@ -165,6 +252,17 @@ bool decodeTrackingParameters(SetupArrayReader& r, GenericObjectTracker::Trackin
   p.m_measStdRot = r.next();
   p.m_measStdTransl = r.next();
   p.m_kfInitialCov = r.next();
+  // Buffers of no sample, or a walk along an edge that never moves on.
+  if (p.m_maxNSamplePointsPerCam < 1) {
+    r.report("ERROR: tracking parameters: %d sample points per camera, at least 1 is needed\n",
+             p.m_maxNSamplePointsPerCam);
+    return false;
+  }
+  if (p.m_samplingStep < 1) {
+    r.report("ERROR: tracking parameters: sampling step %d, must be at least 1 pixel\n",
+             p.m_samplingStep);
+    return false;
+  }
   out = p;
   return true;
 }
@@ -177,7 +275,8 @@ bool decodeLocalFrames(SetupArrayReader& r, int& nFrames, double (*frames)[16]) 
 }
 
 bool decodeBodyCount(SetupArrayReader& r, int& nBodies) {
-  return r.readCount("bodies", ZOT_MAX_BODIES, nBodies) && r.available(nBodies, "bodies");
+  return r.readCount("bodies", ZOT_MAX_BODIES, nBodies) && atLeastOne(r, nBodies, "bodies") &&
+         r.available(nBodies, "bodies");
 }
 
 namespace {

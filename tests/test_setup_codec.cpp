@@ -1,6 +1,6 @@
-// The setup array codec: the sample configurations decode and encode back
-// bit for bit, a cylinder survives the round trip, and an array one value
-// short or long is refused with the tracker's message.
+// The setup array codec: the sample configurations and a cylinder body
+// decode and encode back bit for bit, and an array one value short or long
+// is refused with the tracker's message.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,73 +8,48 @@
 #include <string>
 #include <vector>
 
-#include "FileParser.h"
 #include "SetupArray.h"
+#include "tracker_scene.h"
 
 using namespace ZOTtracker;
 
 namespace {
 
-std::vector<double> parseSample(const char* camera, const char* tracker, const char* model) {
-  std::vector<double> array(200000);
-  int count = 0;
-  FileParser parser;
-  EXPECT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, camera, tracker, model, count, array.data(),
-                                 (int)array.size()),
-            0);
-  array.resize(count);
-  return array;
-}
-
-void expectSameBits(const std::vector<double>& a, const std::vector<double>& b) {
-  ASSERT_EQ(a.size(), b.size());
-  EXPECT_EQ(memcmp(a.data(), b.data(), a.size() * sizeof(double)), 0);
-}
-
-std::vector<double> encode(const SetupArray& setup) {
-  std::vector<double> out(200000);
-  const int n = encodeSetupArray(setup, out.data(), (int)out.size());
-  EXPECT_GT(n, 0);
-  out.resize(n > 0 ? n : 0);
-  return out;
+// Decodes `array`, checks that it encodes back bit for bit and that one
+// value less room is refused, not overrun; returns the decoded set-up.
+std::unique_ptr<SetupArray> expectRoundTrip(const std::vector<double>& array) {
+  auto setup = std::make_unique<SetupArray>();
+  EXPECT_TRUE(decodeSetupArray(array.data(), (int)array.size(), *setup));
+  std::vector<double> out(array.size() + 1);
+  EXPECT_EQ(encodeSetupArray(*setup, out.data(), (int)out.size()), (int)array.size());
+  EXPECT_EQ(memcmp(out.data(), array.data(), array.size() * sizeof(double)), 0);
+  EXPECT_EQ(encodeSetupArray(*setup, out.data(), (int)array.size() - 1), -1);
+  return setup;
 }
 
 }  // namespace
 
-TEST(SetupCodec, SampleConfigurationsRoundTripBitForBit) {
-  const char* const samples[][3] = {
-      {"camera_mono.txt", "tracker.txt", "model_l_bracket.txt"},
-      {"camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt"},  // with a polyline
-  };
-  for (const auto& s : samples) {
-    const std::vector<double> array = parseSample(s[0], s[1], s[2]);
-    auto setup = std::make_unique<SetupArray>();
-    ASSERT_TRUE(decodeSetupArray(array.data(), (int)array.size(), *setup)) << s[0] << " " << s[2];
-    expectSameBits(encode(*setup), array);
-    // Too small an output is refused, not overrun.
-    std::vector<double> small(array.size() - 1);
-    EXPECT_EQ(encodeSetupArray(*setup, small.data(), (int)small.size()), -1);
-  }
-}
-
-TEST(SetupCodec, ACylinderBodyRoundTrips) {
-  const std::vector<double> array =
-      parseSample("camera_mono.txt", "tracker.txt", "model_l_bracket.txt");
-  auto setup = std::make_unique<SetupArray>();
-  ASSERT_TRUE(decodeSetupArray(array.data(), (int)array.size(), *setup));
+TEST(SetupCodec, SampleConfigurationsAndACylinderRoundTripBitForBit) {
+  expectRoundTrip(zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_stereo.txt", "tracker_demo.txt",
+                                             "model_chamfered_box.txt"));  // with a polyline
+  // The bodies point into the array they were decoded from.
+  const std::vector<double> mono =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt", "tracker.txt", "model_l_bracket.txt");
+  std::unique_ptr<SetupArray> setup = expectRoundTrip(mono);
   SetupBody& cylinder = setup->bodies[setup->nBodies++];
   cylinder = SetupBody();
   cylinder.type = ZOT_BODY_CYLINDER;
   for (int i = 0; i < 13; i++) cylinder.cylinder[i] = 0.5 + i;
-  const std::vector<double> withCylinder = encode(*setup);
-  auto again = std::make_unique<SetupArray>();
-  ASSERT_TRUE(decodeSetupArray(withCylinder.data(), (int)withCylinder.size(), *again));
-  EXPECT_EQ(again->bodies[again->nBodies - 1].type, ZOT_BODY_CYLINDER);
-  expectSameBits(encode(*again), withCylinder);
+  std::vector<double> withCylinder(100000);
+  const int n = encodeSetupArray(*setup, withCylinder.data(), (int)withCylinder.size());
+  ASSERT_GT(n, 0);
+  withCylinder.resize(n);
+  EXPECT_EQ(expectRoundTrip(withCylinder)->bodies[setup->nBodies - 1].type, ZOT_BODY_CYLINDER);
 }
 
 TEST(SetupCodec, AnArrayOneValueShortOrLongIsRefusedWithTheTotalMessage) {
-  std::vector<double> array = parseSample("camera_mono.txt", "tracker.txt", "model_l_bracket.txt");
+  std::vector<double> array =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt", "tracker.txt", "model_l_bracket.txt");
   const int n = (int)array.size();
   array.push_back(0.0);
   // Either way the layout needs n values.

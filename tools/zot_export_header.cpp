@@ -4,12 +4,12 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "FileParser.h"
+#include "scene_config.h"
 
 namespace fs = std::filesystem;
 
@@ -25,15 +25,14 @@ constexpr int kLargestCapacity = 1 << 28;
 }
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_export_header: %s\n(see zot_export_header --help)\n", message.c_str());
-  exit(2);
+  zot_sim::usageError("zot_export_header", message);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string configDir = ".", camera = "camera_stereo.txt", tracker = "tracker.txt",
-              model = "model_chamfered_box.txt", out = ".";
+  std::string configDir = ".", camera = "camera.txt", tracker = "tracker.txt", model = "model.txt",
+              out = ".";
   CLI::App app;
   app.name("zot_export_header");
   app.get_formatter()->label("Usage", "usage");
@@ -51,16 +50,17 @@ int main(int argc, char** argv) {
   app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   const CLI::Validator nonEmpty(
       [](std::string& s) { return s.empty() ? std::string("needs a value") : std::string(); }, "");
-  app.add_option("--config-dir", configDir, "directory of the configuration files (default: .)")
+  app.add_option("--config,--config-dir", configDir,
+                 "directory of the configuration files (default: .)")
       ->type_name("DIR")
       ->check(nonEmpty);
-  app.add_option("--camera", camera, "camera file in DIR (default: camera_stereo.txt)")
+  app.add_option("--camera", camera, "camera file in DIR (default: camera.txt)")
       ->type_name("FILE")
       ->check(nonEmpty);
   app.add_option("--tracker", tracker, "tracker file in DIR (default: tracker.txt)")
       ->type_name("FILE")
       ->check(nonEmpty);
-  app.add_option("--model", model, "model file in DIR (default: model_chamfered_box.txt)")
+  app.add_option("--model", model, "model file in DIR (default: model.txt)")
       ->type_name("FILE")
       ->check(nonEmpty);
   app.add_option("--out", out, "directory to write the header to; must exist (default: .)")
@@ -93,19 +93,18 @@ int main(int argc, char** argv) {
   if (code != 0)
     fail("the configuration in '" + configDir + "' does not parse (code " + std::to_string(code) +
          ", see the message above)");
+  // The parser takes "6l2.43" as 6 and wraps large integers; refuse such files.
+  std::string error;
+  if (!zot_sim::checkConfigFilesStrictly(configDir, camera, tracker, model, error))
+    fail("malformed configuration: " + error);
 
   const std::string path = out + "/global_array_declaration.h";
   std::error_code ignored;
   fs::remove(path, ignored);
   parser.createGlobalArrayHeaderFile(out.c_str(), count, array.data());
-  // The writer reports problems only on standard output: check the result.
-  std::stringstream written;
-  written << std::ifstream(path, std::ios::binary).rdbuf();
-  const std::string text = written.str();
-  const std::string head =
-      "const int setup_global_array_counter = " + std::to_string(count) + ";\n";
-  if (text.compare(0, head.size(), head) != 0 || text.size() < 4 ||
-      text.compare(text.size() - 4, 4, " };\n") != 0)
+  // The writer reports problems only on standard output: read the result back.
+  std::vector<double> written;
+  if (!zot_sim::readSetupHeader(path, written, error) || (int)written.size() != count)
     fail("could not write '" + path + "'");
   printf("wrote %d values to %s\n", count, path.c_str());
   return 0;

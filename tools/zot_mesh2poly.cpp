@@ -1,5 +1,6 @@
-// zot_mesh2poly: converts a CAD mesh (OBJ, or STL in ASCII or binary) into
-// the tracker's polyhedron file format. Merges duplicate vertices, merges
+// zot_mesh2poly: converts a CAD mesh (.cao, VRML 2, PLY, OBJ or STL) into
+// the tracker's polyhedron file format, and optionally the whole model: the
+// model file and a polyline body for lines that bound no face. Merges duplicate vertices, merges
 // coplanar neighbouring triangles into convex polygons, scales units, checks
 // closedness and orientation, and verifies the result with the tracker's own
 // polyhedron set-up before anything is written.
@@ -20,10 +21,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "command_line.h"
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "Math.h"
 #include "memory_handling.h"
+#include "mesh_formats.h"
+#include "scene_config.h"
 
 namespace {
 
@@ -38,7 +42,7 @@ struct Options {
   double coplanarAngle = 0.01;
   double featureAngle = 30.0;
   bool flat = false, flip = false, dropDegenerate = false, quiet = false;
-  std::string input, output;
+  std::string input, output, model;
 };
 
 bool g_quiet = false;
@@ -59,8 +63,7 @@ void info(const char* fmt, ...) {
 }
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_mesh2poly: %s\n(see zot_mesh2poly --help)\n", message.c_str());
-  exit(2);
+  zot_sim::usageError("zot_mesh2poly", message);
 }
 
 double unitInMetres(const std::string& unit) {
@@ -76,9 +79,10 @@ Options parseArguments(int argc, char** argv) {
   std::string units;
   CLI::App app(
       "Converts a triangle or polygon mesh into a polyhedron file for the tracker.\n"
-      "INPUT is an OBJ file (.obj) or an STL file (.stl, ASCII or binary); OUTPUT is\n"
-      "the polyhedron file to write. Nothing is written unless the whole conversion\n"
-      "succeeds.",
+      "INPUT is a .cao model (points, lines, faces from points or from lines), VRML 2\n"
+      "(.wrl, IndexedFaceSet), PLY (.ply, ASCII or binary little-endian), OBJ (.obj)\n"
+      "or STL (.stl, ASCII or binary); OUTPUT is the polyhedron file to write. Nothing\n"
+      "is written unless the whole conversion succeeds.",
       "zot_mesh2poly");
   app.get_formatter()->label("Usage", "usage");
   app.get_formatter()->label("OPTIONS", "options");
@@ -88,9 +92,19 @@ Options parseArguments(int argc, char** argv) {
   app.footer(
       "A closed mesh must have every edge shared by exactly two faces with opposite\n"
       "directions (consistent winding); faces wound inward are reversed and\n"
-      "reported. Exit status: 0 on success, 1 on bad input, 2 on bad arguments.");
-  app.add_option("INPUT", o.input, "the mesh to convert (.obj or .stl)")->required();
+      "reported. Coordinates are written with 17 significant digits, so that they\n"
+      "read back exactly; a mesh smaller than 2^20 steps of doubles at its distance\n"
+      "from the origin is refused. Exit status: 0 on success, 1 on bad input, 2 on\n"
+      "bad arguments.");
+  app.add_option("INPUT", o.input, "the mesh to convert (.cao, .wrl, .ply, .obj or .stl)")
+      ->required();
   app.add_option("OUTPUT", o.output, "the polyhedron file to write")->required();
+  app.add_option("--model", o.model,
+                 "also write the model file FILE naming OUTPUT as its polyhedron\n"
+                 "body (with --flat and --feature-angle) and, when the input has\n"
+                 "lines that bound no face, FILE's stem + _polyline.txt as a\n"
+                 "polyline body on the face they lie on")
+      ->type_name("FILE");
   app.add_option("--scale", o.scale, "multiply all coordinates by S (applied after --units)")
       ->type_name("S");
   app.add_option("--units", units,
@@ -111,16 +125,11 @@ Options parseArguments(int argc, char** argv) {
   app.add_flag("--drop-degenerate", o.dropDegenerate,
                "drop faces of zero area instead of failing on them");
   app.add_option("--feature-angle", o.featureAngle,
-                 "crease angle used for the verification report (default 30)")
+                 "crease angle of the verification report and of --model's\n"
+                 "model file (default 30)")
       ->type_name("A");
   app.add_flag("-q,--quiet", o.quiet, "print errors only");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    exit(app.exit(e));
-  } catch (const CLI::ParseError& e) {
-    usageError(e.what());
-  }
+  zot_sim::parseCommandLine(app, argc, argv, "zot_mesh2poly");
   for (const double v : {o.scale, o.tolerance, o.coplanarAngle, o.featureAngle}) {
     if (!std::isfinite(v)) usageError("options take finite numbers");
   }
@@ -134,128 +143,6 @@ Options parseArguments(int argc, char** argv) {
     o.scale *= unitInMetres(units.substr(0, colon)) / unitInMetres(units.substr(colon + 1));
   }
   return o;
-}
-
-// ================================================================ readers
-std::string readWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) fail("cannot open '" + path + "': " + strerror(errno));
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-void checkFinite(const double* p, const std::string& where) {
-  for (int k = 0; k < 3; k++)
-    if (!std::isfinite(p[k])) fail("non-finite coordinate in " + where);
-}
-
-// OBJ: "v x y z" and "f i j k ..." with i, i/t, i//n or i/t/n, negative
-// indices counting back from the last vertex; everything else is ignored.
-Mesh readObj(const std::string& path, const std::string& text) {
-  Mesh m;
-  std::istringstream in(text);
-  std::string line;
-  int lineNo = 0;
-  while (std::getline(in, line)) {
-    lineNo++;
-    std::istringstream ls(line);
-    std::string tag;
-    if (!(ls >> tag)) continue;
-    const std::string where = path + ":" + std::to_string(lineNo);
-    if (tag == "v") {
-      std::string x, y, z;
-      if (!(ls >> x >> y >> z)) fail("truncated vertex at " + where);
-      double p[3];
-      const std::string* s[3] = {&x, &y, &z};
-      for (int k = 0; k < 3; k++) {
-        char* end = nullptr;
-        p[k] = strtod(s[k]->c_str(), &end);
-        if (end == s[k]->c_str() || *end != '\0')
-          fail("malformed number '" + *s[k] + "' at " + where);
-      }
-      checkFinite(p, where);
-      m.v.insert(m.v.end(), p, p + 3);
-    } else if (tag == "f") {
-      std::vector<int> face;
-      std::string token;
-      while (ls >> token) {
-        char* end = nullptr;
-        const long idx = strtol(token.c_str(), &end, 10);
-        if (end == token.c_str() || (*end != '\0' && *end != '/'))
-          fail("malformed face index '" + token + "' at " + where);
-        const long nv = (long)m.v.size() / 3;
-        const long zeroBased = idx > 0 ? idx - 1 : nv + idx;
-        if (idx == 0 || zeroBased < 0 || zeroBased >= nv)
-          fail("face index " + token + " refers to no vertex at " + where);
-        face.push_back((int)zeroBased);
-      }
-      if (face.size() < 3) fail("face with fewer than 3 vertices at " + where);
-      m.faces.push_back(face);
-    }
-  }
-  return m;
-}
-
-// STL: binary when the size matches 84 + 50 n for the count in the header,
-// ASCII otherwise ("solid ... facet ... vertex x y z ... endfacet").
-Mesh readStl(const std::string& path, const std::string& data) {
-  Mesh m;
-  if (data.size() >= 84) {
-    uint32_t n = 0;
-    memcpy(&n, data.data() + 80, 4);
-    const bool looksAscii =
-        data.compare(0, 5, "solid") == 0 && data.find("facet", 5) != std::string::npos;
-    if (84 + 50ull * n == data.size() || !looksAscii) {
-      if (84 + 50ull * n != data.size())
-        fail("truncated binary STL '" + path + "': header announces " + std::to_string(n) +
-             " triangles (" + std::to_string(84 + 50ull * n) + " bytes), file has " +
-             std::to_string(data.size()) + " bytes");
-      for (uint32_t t = 0; t < n; t++) {
-        const char* rec = data.data() + 84 + 50ull * t + 12;  // skip the normal
-        std::vector<int> face;
-        for (int c = 0; c < 3; c++) {
-          float f[3];
-          memcpy(f, rec + 12 * c, 12);
-          const double p[3] = {f[0], f[1], f[2]};
-          checkFinite(p, path + " triangle " + std::to_string(t + 1));
-          face.push_back((int)m.v.size() / 3);
-          m.v.insert(m.v.end(), p, p + 3);
-        }
-        m.faces.push_back(face);
-      }
-      return m;
-    }
-  }
-  std::istringstream in(data);
-  std::string word;
-  std::vector<int> face;
-  bool inFacet = false;
-  int facet = 0;
-  while (in >> word) {
-    if (word == "facet") {
-      if (inFacet) fail("facet " + std::to_string(facet) + " of '" + path + "' has no endfacet");
-      inFacet = true;
-      facet++;
-      face.clear();
-    } else if (word == "vertex") {
-      double p[3];
-      if (!(in >> p[0] >> p[1] >> p[2]))
-        fail("truncated vertex in facet " + std::to_string(facet) + " of '" + path + "'");
-      checkFinite(p, path + " facet " + std::to_string(facet));
-      face.push_back((int)m.v.size() / 3);
-      m.v.insert(m.v.end(), p, p + 3);
-    } else if (word == "endfacet") {
-      if (!inFacet || face.size() != 3)
-        fail("facet " + std::to_string(facet) + " of '" + path + "' does not have 3 vertices");
-      m.faces.push_back(face);
-      inFacet = false;
-    }
-  }
-  if (inFacet)
-    fail("truncated ASCII STL '" + path + "': facet " + std::to_string(facet) + " is not closed");
-  if (m.faces.empty()) fail("no triangles found in '" + path + "'");
-  return m;
 }
 
 // ================================================================ geometry
@@ -276,20 +163,62 @@ void faceNormal(const Mesh& m, const std::vector<int>& f, double* n) {
   }
 }
 
-double bboxDiagonal(const Mesh& m) {
-  double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+// Axis-aligned bounding box of the vertices (lo > hi without vertices).
+void bounds(const Mesh& m, double* lo, double* hi) {
+  for (int k = 0; k < 3; k++) {
+    lo[k] = HUGE_VAL;
+    hi[k] = -HUGE_VAL;
+  }
   for (size_t i = 0; i < m.v.size(); i += 3)
     for (int k = 0; k < 3; k++) {
       lo[k] = std::min(lo[k], m.v[i + k]);
       hi[k] = std::max(hi[k], m.v[i + k]);
     }
-  double d[3];
+}
+
+double bboxDiagonal(const Mesh& m) {
+  double lo[3], hi[3], d[3];
+  bounds(m, lo, hi);
   matrixSub31(hi, lo, d);
   return m.v.empty() ? 0.0 : length(d);
 }
 
-// Merges vertices closer than tol through a grid of cells of size tol;
-// faces are remapped and unreferenced vertices dropped. Returns the count merged.
+// Largest side of the bounding box.
+double extentOf(const double* lo, const double* hi) {
+  return std::max(hi[0] - lo[0], std::max(hi[1] - lo[1], hi[2] - lo[2]));
+}
+
+// Steps of doubles a part needs across its largest side, at the spacing of
+// doubles at its largest coordinate: about six significant digits of the
+// part's size, what the default merge tolerance (1e-6 of the diagonal) and
+// the coplanarity tests rely on.
+constexpr double kLeastStepsAcross = 1 << 20;
+
+// Refuses a mesh so small against its distance from the origin that
+// doubles cannot hold its shape.
+void checkResolution(const Mesh& m) {
+  double lo[3], hi[3], largest = 0.0;
+  bounds(m, lo, hi);
+  for (int k = 0; k < 3; k++)
+    largest = std::max(largest, std::max(std::fabs(lo[k]), std::fabs(hi[k])));
+  const double step = std::nextafter(largest, HUGE_VAL) - largest;
+  const double extent = extentOf(lo, hi);
+  if (extent < kLeastStepsAcross * step) {
+    char text[400];
+    snprintf(text, sizeof text,
+             "the mesh's extent %g is below what doubles resolve at its offset: coordinates up "
+             "to %g are %g apart, and the part needs %.0f such steps across (move it nearer the "
+             "origin or scale it up)",
+             extent, largest, step, kLeastStepsAcross);
+    fail(text);
+  }
+}
+
+// Merges vertices closer than tol through a grid of cells of at least size
+// tol, counted from the bounding box's corner and never finer than
+// kLeastStepsAcross cells across the box, so that cell numbers stay far from
+// overflowing whatever the offset or the tolerance; faces are remapped and
+// unreferenced vertices dropped. Returns the count merged.
 int mergeVertices(Mesh& m, double tol) {
   const int n = (int)m.v.size() / 3;
   std::vector<int> map(n);
@@ -298,11 +227,15 @@ int mergeVertices(Mesh& m, double tol) {
   auto key = [](long long x, long long y, long long z) {
     return (x * 73856093LL) ^ (y * 19349663LL) ^ (z * 83492791LL);
   };
-  const double cell = tol > 0.0 ? tol : 1.0;
+  double lo[3], hi[3];
+  bounds(m, lo, hi);
+  double cell = std::max(tol, extentOf(lo, hi) / kLeastStepsAcross);
+  if (!(cell > 0.0)) cell = 1.0;
   for (int i = 0; i < n; i++) {
     const double* p = &m.v[3 * i];
-    const long long c[3] = {(long long)std::floor(p[0] / cell), (long long)std::floor(p[1] / cell),
-                            (long long)std::floor(p[2] / cell)};
+    const long long c[3] = {(long long)std::floor((p[0] - lo[0]) / cell),
+                            (long long)std::floor((p[1] - lo[1]) / cell),
+                            (long long)std::floor((p[2] - lo[2]) / cell)};
     int found = -1;
     for (int dx = -1; dx <= 1 && found < 0; dx++)
       for (int dy = -1; dy <= 1 && found < 0; dy++)
@@ -501,7 +434,7 @@ void writePolyhedron(const Mesh& m, const std::string& path) {
   if (f == nullptr) fail("cannot write '" + path + "': " + strerror(errno));
   bool ok = fprintf(f, "nv %zu\n", m.v.size() / 3) > 0;
   for (size_t i = 0; i < m.v.size(); i += 3)
-    ok &= fprintf(f, "v %.9g %.9g %.9g\n", m.v[i], m.v[i + 1], m.v[i + 2]) > 0;
+    ok &= fprintf(f, "v %.17g %.17g %.17g\n", m.v[i], m.v[i + 1], m.v[i + 2]) > 0;
   ok &= fprintf(f, "nf %zu\n", m.faces.size()) > 0;
   for (const auto& face : m.faces) {
     ok &= fprintf(f, "f %zu ", face.size()) > 0;
@@ -548,23 +481,138 @@ int verifyWithPolyhedron(const std::string& path, const Mesh& m, bool flat, doub
   return code;
 }
 
+// ================================================================ whole model
+// Lines that bound no face: their own vertices and 0-based segments.
+struct Polyline {
+  std::vector<double> v;
+  std::vector<int> segments;
+};
+
+// The faces' mesh (only the vertices faces use: a .cao lists the markings'
+// points too) and the polyline of the free lines.
+Mesh splitImport(const zot_sim::MeshImport& in, Polyline& lines) {
+  // Both keep the file's vertex order, each with the vertices it uses.
+  auto compact = [&](const std::vector<int>& used, std::vector<double>& v) {
+    std::vector<int> index(in.vertices.size() / 3, -1);
+    for (int i : used) index[i] = 0;
+    for (size_t i = 0; i < index.size(); i++) {
+      if (index[i] < 0) continue;
+      index[i] = (int)v.size() / 3;
+      v.insert(v.end(), &in.vertices[3 * i], &in.vertices[3 * i] + 3);
+    }
+    return index;
+  };
+  Mesh m;
+  std::vector<int> corners;
+  for (const auto& f : in.faces) corners.insert(corners.end(), f.begin(), f.end());
+  const std::vector<int> inMesh = compact(corners, m.v), inLines = compact(in.segments, lines.v);
+  for (const auto& f : in.faces) {
+    m.faces.emplace_back();
+    for (int i : f) m.faces.back().push_back(inMesh[i]);
+  }
+  for (int i : in.segments) lines.segments.push_back(inLines[i]);
+  return m;
+}
+
+// 1-based face of m whose plane holds every polyline vertex within tol: the
+// polyline's supporting face, 0 when none does.
+int supportingFace(const Mesh& m, const Polyline& lines, double tol) {
+  for (size_t f = 0; f < m.faces.size(); f++) {
+    double n[3];
+    faceNormal(m, m.faces[f], n);
+    const double l = length(n);
+    const double d = dotProd3(n, &m.v[3 * m.faces[f][0]]) / l;
+    bool onPlane = l > 0.0;
+    for (size_t i = 0; i < lines.v.size() && onPlane; i += 3)
+      onPlane = std::fabs(dotProd3(n, &lines.v[i]) / l - d) <= tol;
+    if (onPlane) return (int)f + 1;
+  }
+  return 0;
+}
+
+// Writes the model file o.model (and the polyline file beside it) and moves
+// the verified polyhedron from polyhedronTmp to o.output; the model is read
+// back with the tracker's parser, and on any failure nothing stays.
+void writeModel(const Options& o, const Mesh& m, const Polyline& lines,
+                const std::string& polyhedronTmp) {
+  namespace fs = std::filesystem;
+  const fs::path modelPath(o.model),
+      dir = modelPath.parent_path().empty() ? "." : modelPath.parent_path();
+  const std::string polyhedronName = fs::proximate(o.output, dir).string();
+  const std::string polylineName = modelPath.stem().string() + "_polyline.txt";
+  const std::string polylinePath = (dir / polylineName).string();
+  std::vector<std::string> written;
+  auto abandon = [&](const std::string& why) {
+    remove(polyhedronTmp.c_str());
+    for (const std::string& f : written) remove(f.c_str());
+    fail(why);
+  };
+  if (polylineName.find_first_of(" \t") != std::string::npos)
+    abandon("the polyline file name '" + polylineName + "' must not hold blanks");
+  const int support = supportingFace(m, lines, 1e-6 * bboxDiagonal(m));
+  char angle[32];
+  snprintf(angle, sizeof angle, "%g", o.featureAngle);
+  std::string model =
+      "# written by zot_mesh2poly from " + fs::path(o.input).filename().string() +
+      "\n# number of local frames\n1\n1 0 0 0 0 1 0 0 0 0 1 0\n# number of bodies\n" +
+      (lines.segments.empty() ? "1" : "2") +
+      "\nP body 1: " + fs::path(o.input).filename().string() + "\n# flat (1) or closed (0)\n" +
+      (o.flat ? "1" : "0") + "\n# feature-edge angle [deg]\n" + angle + "\n" + polyhedronName +
+      "\n# (spare line: one line always follows a polyhedron's file name)\n";
+  if (!lines.segments.empty()) {
+    model +=
+        "L body 2: lines that bound no face\n# supporting body and face (1-based, 0 for none)\n" +
+        std::string(support > 0 ? "1 " + std::to_string(support) : "0 0") + "\n" + polylineName +
+        "\n";
+    std::string text = "nv " + std::to_string(lines.v.size() / 3) + "\n";
+    char line[160];
+    for (size_t i = 0; i < lines.v.size(); i += 3) {
+      snprintf(line, sizeof line, "v %.17g %.17g %.17g\n", lines.v[i], lines.v[i + 1],
+               lines.v[i + 2]);
+      text += line;
+    }
+    text += "ne " + std::to_string(lines.segments.size() / 2) + "\n";
+    for (size_t i = 0; i < lines.segments.size(); i += 2)
+      text += "e " + std::to_string(lines.segments[i] + 1) + " " +
+              std::to_string(lines.segments[i + 1] + 1) + "\n";
+    std::ofstream(polylinePath) << text;
+    written.push_back(polylinePath);
+    std::string error;
+    if (!zot_sim::checkBodyFileStrictly(polylinePath, false, error)) abandon(error);
+    if (support == 0)
+      info("the lines lie on no face of the polyhedron: their body has no supporting face\n");
+  }
+  if (!(std::ofstream(o.model) << model)) abandon("cannot write '" + o.model + "'");
+  written.push_back(o.model);
+  if (rename(polyhedronTmp.c_str(), o.output.c_str()) != 0)
+    abandon("cannot write '" + o.output + "': " + strerror(errno));
+  written.push_back(o.output);
+  zot_sim::ModelConfig config;
+  std::string error;
+  if (zot_sim::loadModelFile(dir.string(), modelPath.filename().string(), config, error) != 0)
+    abandon("the written model does not read back: " + error);
+  info("wrote the model %s (%zu bodies)\n", o.model.c_str(), config.bodies.size());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const Options o = parseArguments(argc, argv);
   g_quiet = o.quiet;
 
-  std::string extension = std::filesystem::path(o.input).extension();
-  for (char& c : extension) c = (char)tolower((unsigned char)c);
-  const bool isObj = extension == ".obj";
-  if (!isObj && extension != ".stl")
-    fail("unknown input format of '" + o.input + "' (expected .obj or .stl)");
-  const std::string data = readWholeFile(o.input);
-  Mesh m = isObj ? readObj(o.input, data) : readStl(o.input, data);
+  zot_sim::MeshImport imported;
+  std::string error;
+  if (!zot_sim::readMeshFile(o.input, imported, error)) fail(error);
+  Polyline lines;
+  Mesh m = splitImport(imported, lines);
   if (m.faces.empty()) fail("'" + o.input + "' holds no faces");
-  const size_t facesRead = m.faces.size(), verticesRead = m.v.size() / 3;
-  info("read %zu vertices and %zu faces from %s\n", verticesRead, facesRead, o.input.c_str());
+  info("read %zu vertices and %zu faces from %s\n", imported.vertices.size() / 3, m.faces.size(),
+       o.input.c_str());
+  if (!lines.segments.empty())
+    info("%zu line(s) bound no face: %s\n", lines.segments.size() / 2,
+         o.model.empty() ? "--model writes them as a polyline body" : "a polyline body");
 
+  for (double& c : lines.v) c *= o.scale;
   for (double& c : m.v) c *= o.scale;
   for (double c : m.v)
     if (!std::isfinite(c)) fail("coordinates overflow after scaling by " + std::to_string(o.scale));
@@ -574,6 +622,7 @@ int main(int argc, char** argv) {
       for (auto& f : m.faces) std::reverse(f.begin(), f.end());
   }
 
+  checkResolution(m);
   const double tol = o.tolerance >= 0.0 ? o.tolerance : 1e-6 * bboxDiagonal(m);
   const int merged = mergeVertices(m, tol);
   info("merged %d duplicate vertices (tolerance %g)\n", merged, tol);
@@ -597,12 +646,18 @@ int main(int argc, char** argv) {
   // own parser and set-up accept it, so a failure never leaves a file.
   const std::string tmp = o.output + ".tmp";
   writePolyhedron(m, tmp);
+  if (!zot_sim::checkBodyFileStrictly(tmp, true, error)) {
+    remove(tmp.c_str());
+    fail("the written file does not read back: " + error);
+  }
   int nEdges = 0, nFeatures = 0;
   if (verifyWithPolyhedron(tmp, m, o.flat, o.featureAngle, &nEdges, &nFeatures) != 0) {
     remove(tmp.c_str());
     fail("the tracker's polyhedron set-up refuses the result (see the message above)");
   }
-  if (rename(tmp.c_str(), o.output.c_str()) != 0) {
+  if (!o.model.empty()) {
+    writeModel(o, m, lines, tmp);
+  } else if (rename(tmp.c_str(), o.output.c_str()) != 0) {
     const std::string reason = strerror(errno);
     remove(tmp.c_str());
     fail("cannot write '" + o.output + "': " + reason);

@@ -4,11 +4,14 @@
 // initial pose.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iostream>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -19,15 +22,34 @@
 
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
+#include "PoolSizes.h"
 #include "memory_handling.h"
 #include "scene_config.h"
+#include "scene_effects.h"
 #include "sequence.h"
+#include "stdout_capture.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
-const char* const kUsage =
-    "usage: zot_render [options] OUTPUT_DIR\n"
-    "\n"
+struct Options {
+  std::string configDir = "data", cameraFile = "camera.txt", trackerFile = "tracker_demo.txt",
+              modelFile = "model.txt", outDir, format = "png";
+  bool noDistortion = false, video = false, quiet = false;
+  double scale = 1.0, offsetTransl = 0.0, offsetRotDeg = 0.0;
+  int jobs = 0, dropFirst = 0, dropCount = 0;
+  double modelScale = 1.0;
+  zot_sim::SequenceSpec plan;
+  zot_sim::SceneEffects effects;
+};
+
+[[noreturn]] void fail(const std::string& message) {
+  fprintf(stderr, "zot_render: %s\n", message.c_str());
+  exit(1);
+}
+
+const char* const kDescription =
     "Renders a synthetic sequence of an object seen by the cameras of a robot's\n"
     "tool and writes it to OUTPUT_DIR as an input of zot_track:\n"
     "  camera.txt, tracker.txt, model.txt and the model's body files\n"
@@ -36,171 +58,192 @@ const char* const kUsage =
     "  tool_poses.txt      tool pose in the world, 16 numbers per line\n"
     "  truth_poses.txt     true object pose in the tool frame, 16 numbers per line\n"
     "  initial_pose.txt    object pose in the tool frame to start tracking from\n"
-    "  sequence.txt        how the sequence was made and how to track it\n"
-    "\n"
-    "configuration:\n"
-    "  --config DIR        directory of the input files (default: data)\n"
-    "  --camera FILE       camera file in DIR (default: camera_stereo.txt)\n"
-    "  --tracker FILE      tracker file in DIR, copied as it is (default: tracker_demo.txt)\n"
-    "  --model FILE        model file in DIR (default: model_chamfered_box.txt)\n"
-    "  --no-distortion     cameras without lens distortion (images and camera.txt)\n"
-    "  --scale S           scale image sizes and intrinsics by S (0.5: 640 x 480\n"
-    "                      becomes 320 x 240)\n"
-    "sequence:\n"
-    "  --frames N          number of frames (default: 150)\n"
-    "  --fps F             frame rate; frame i has the time stamp i / F s (default: 30)\n"
-    "  --motion M          what moves: none, object, tool or both (default: both)\n"
-    "  --speed S           speed factor of the trajectory (default: 1)\n"
-    "  --elevation DEG     viewing direction above the table (default: 50)\n"
-    "  --azimuth DEG       viewing direction about the vertical; 0 looks along +y,\n"
-    "                      90 along -x (default: 30)\n"
-    "  --distance D        tool-to-object distance in model units (default: the\n"
-    "                      object's diagonal spans about 38 % of the image width)\n"
-    "  --initial-offset T R  start tracking from the true first pose moved by T\n"
-    "                      model units and turned by R degrees (default: 0 0)\n"
-    "images:\n"
-    "  --background B      plain or clutter (default: clutter)\n"
-    "  --noise SIGMA       sensor noise, grey levels (default: 2)\n"
-    "  --blur SIGMA        Gaussian blur, pixels (default: 0.6)\n"
-    "  --supersampling N   N x N samples per pixel at object edges (default: 2)\n"
-    "  --seed N            clutter layout and noise (default: 1)\n"
-    "  --format F          png, pgm or jpg (default: png)\n"
-    "  --video             write camN.avi (Motion-JPEG) instead of image files\n"
-    "other:\n"
-    "  --jobs N            frames rendered in parallel (default: number of cores)\n"
-    "  -q, --quiet         print errors only\n"
-    "  -h, --help          this text\n"
-    "\n"
-    "Exit status: 0 on success, 1 on bad input or a failed write, 2 on bad arguments.\n";
+    "  sequence.txt        how the sequence was made and how to track it";
 
-struct Options {
-  std::string configDir = "data", cameraFile = "camera_stereo.txt",
-              trackerFile = "tracker_demo.txt", modelFile = "model_chamfered_box.txt", outDir,
-              format = "png";
-  bool noDistortion = false, video = false, quiet = false;
-  double scale = 1.0, offsetTransl = 0.0, offsetRotDeg = 0.0;
-  int jobs = 0;
-  zot_sim::SequenceSpec plan;
-};
+const char* const kFooter =
+    "Exit status: 0 on success, 1 on bad input or a failed write, 2 on bad arguments.";
 
-[[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_render: %s\n(zot_render --help lists the options)\n", message.c_str());
-  exit(2);
-}
-
-[[noreturn]] void fail(const std::string& message) {
-  fprintf(stderr, "zot_render: %s\n", message.c_str());
-  exit(1);
-}
-
-double numberArg(const std::string& option, const char* text, double lowest, double highest) {
-  char* end = nullptr;
-  const double v = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !(v >= lowest && v <= highest)) {
-    usageError(option + " needs a number from " + std::to_string(lowest) + " to " +
-               std::to_string(highest) + ", got \"" + text + "\"");
-  }
-  return v;
-}
-
-int intArg(const std::string& option, const char* text, int lowest, int highest) {
-  const double v = numberArg(option, text, lowest, highest);
-  if (v != std::floor(v)) usageError(option + " needs a whole number, got \"" + text + "\"");
-  return (int)v;
-}
-
+// Parses the command line; prints the help and exits 0 for -h, prints the
+// reason and exits 2 for bad arguments.
 Options parseArguments(int argc, char** argv) {
   Options o;
-  for (int i = 1; i < argc; i++) {
-    const std::string a = argv[i];
-    auto value = [&](int k = 1) -> const char* {
-      if (i + k >= argc) usageError(a + " needs a value");
-      return argv[i + k];
-    };
-    if (a == "-h" || a == "--help") {
-      fputs(kUsage, stdout);
-      exit(0);
-    } else if (a == "--config") {
-      o.configDir = value();
-      i++;
-    } else if (a == "--camera") {
-      o.cameraFile = value();
-      i++;
-    } else if (a == "--tracker") {
-      o.trackerFile = value();
-      i++;
-    } else if (a == "--model") {
-      o.modelFile = value();
-      i++;
-    } else if (a == "--no-distortion") {
-      o.noDistortion = true;
-    } else if (a == "--scale") {
-      o.scale = numberArg(a, value(), 0.05, 8.0);
-      i++;
-    } else if (a == "--frames") {
-      o.plan.frames = intArg(a, value(), 1, 1000000);
-      i++;
-    } else if (a == "--fps") {
-      o.plan.fps = numberArg(a, value(), 0.01, 100000.0);
-      i++;
-    } else if (a == "--motion") {
-      if (!zot_sim::parseMotion(value(), o.plan.motion))
-        usageError("--motion takes none, object, tool or both");
-      i++;
-    } else if (a == "--speed") {
-      o.plan.speed = numberArg(a, value(), 0.0, 100.0);
-      i++;
-    } else if (a == "--elevation") {
-      o.plan.elevationDeg = numberArg(a, value(), 10.0, 89.0);
-      i++;
-    } else if (a == "--azimuth") {
-      o.plan.azimuthDeg = numberArg(a, value(), -360.0, 360.0);
-      i++;
-    } else if (a == "--distance") {
-      o.plan.viewDistance = numberArg(a, value(), 1e-6, 1e9);
-      i++;
-    } else if (a == "--initial-offset") {
-      o.offsetTransl = numberArg(a, value(1), 0.0, 1e9);
-      o.offsetRotDeg = numberArg(a, value(2), 0.0, 180.0);
-      i += 2;
-    } else if (a == "--background") {
-      const std::string b = value();
-      if (b != "plain" && b != "clutter") usageError("--background takes plain or clutter");
-      o.plan.clutter = b == "clutter";
-      i++;
-    } else if (a == "--noise") {
-      o.plan.noise = numberArg(a, value(), 0.0, 100.0);
-      i++;
-    } else if (a == "--blur") {
-      o.plan.blur = numberArg(a, value(), 0.0, 20.0);
-      i++;
-    } else if (a == "--supersampling") {
-      o.plan.supersampling = intArg(a, value(), 1, 16);
-      i++;
-    } else if (a == "--seed") {
-      o.plan.seed = (uint64_t)intArg(a, value(), 0, 2000000000);
-      i++;
-    } else if (a == "--format") {
-      o.format = value();
-      if (o.format != "png" && o.format != "pgm" && o.format != "jpg")
-        usageError("--format takes png, pgm or jpg");
-      i++;
-    } else if (a == "--video") {
-      o.video = true;
-    } else if (a == "--jobs") {
-      o.jobs = intArg(a, value(), 1, 256);
-      i++;
-    } else if (a == "-q" || a == "--quiet") {
-      o.quiet = true;
-    } else if (!a.empty() && a[0] == '-') {
-      usageError("unknown option " + a);
-    } else if (o.outDir.empty()) {
-      o.outDir = a;
-    } else {
-      usageError("more than one output directory (" + o.outDir + ", " + a + ")");
+  std::string motion = "both", background = "clutter";
+  std::vector<double> offset;
+  std::vector<int> drop;
+  int seed = 1;
+  CLI::App app(kDescription, "zot_render");
+  app.footer(kFooter);
+  app.get_formatter()->column_width(30);
+  const std::string conf = "configuration", seq = "sequence", img = "images", other = "other";
+  app.add_option("--config", o.configDir, "directory of the input files")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->group(conf);
+  app.add_option("--camera", o.cameraFile, "camera file in DIR")
+      ->type_name("FILE")
+      ->capture_default_str()
+      ->group(conf);
+  app.add_option("--tracker", o.trackerFile, "tracker file in DIR, copied as it is")
+      ->type_name("FILE")
+      ->capture_default_str()
+      ->group(conf);
+  app.add_option("--model", o.modelFile, "model file in DIR")
+      ->type_name("FILE")
+      ->capture_default_str()
+      ->group(conf);
+  app.add_flag("--no-distortion", o.noDistortion,
+               "cameras without lens distortion (images and camera.txt)")
+      ->group(conf);
+  app.add_option("--scale", o.scale,
+                 "scale image sizes and intrinsics by S (0.5: 640 x 480 becomes 320 x 240)")
+      ->type_name("S")
+      ->check(CLI::Range(0.05, 8.0))
+      ->group(conf);
+  app.add_option("--frames", o.plan.frames, "number of frames")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000000))
+      ->group(seq);
+  app.add_option("--fps", o.plan.fps, "frame rate; frame i has the time stamp i / F s")
+      ->type_name("F")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, 100000.0))
+      ->group(seq);
+  app.add_option("--motion", motion, "what moves: none, object, tool or both")
+      ->type_name("M")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"none", "object", "tool", "both"}))
+      ->group(seq);
+  app.add_option("--speed", o.plan.speed, "speed factor of the trajectory")
+      ->type_name("S")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 100.0))
+      ->group(seq);
+  app.add_option("--elevation", o.plan.elevationDeg, "viewing direction above the table [deg]")
+      ->type_name("DEG")
+      ->capture_default_str()
+      ->check(CLI::Range(10.0, 89.0))
+      ->group(seq);
+  app.add_option("--azimuth", o.plan.azimuthDeg,
+                 "viewing direction about the vertical [deg]; 0 looks along +y, 90 along -x")
+      ->type_name("DEG")
+      ->capture_default_str()
+      ->check(CLI::Range(-360.0, 360.0))
+      ->group(seq);
+  app.add_option("--distance", o.plan.viewDistance,
+                 "tool-to-object distance in model units (default: the object's diagonal "
+                 "spans about 38 % of the image width)")
+      ->type_name("D")
+      ->check(CLI::Range(1e-6, 1e9))
+      ->group(seq);
+  app.add_option("--initial-offset", offset,
+                 "T R: start tracking from the true first pose moved by T model units and "
+                 "turned by R degrees (default: 0 0)")
+      ->type_name("T R")
+      ->expected(2)
+      ->group(seq);
+  app.add_option("--background", background,
+                 "plain, clutter or textured (clutter under a wavy grain and a printed grid)")
+      ->type_name("B")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"plain", "clutter", "textured"}))
+      ->group(img);
+  app.add_option("--noise", o.plan.noise, "sensor noise, grey levels")
+      ->type_name("SIGMA")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 100.0))
+      ->group(img);
+  app.add_option("--blur", o.plan.blur, "Gaussian blur, pixels")
+      ->type_name("SIGMA")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 20.0))
+      ->group(img);
+  app.add_option("--supersampling", o.plan.supersampling, "N x N samples per pixel at object edges")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 16))
+      ->group(img);
+  app.add_option("--seed", seed, "clutter layout and noise")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 2000000000))
+      ->group(img);
+  app.add_option("--format", o.format, "png, pgm or jpg")
+      ->type_name("F")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"png", "pgm", "jpg"}))
+      ->group(img);
+  app.add_flag("--video", o.video, "write camN.avi (Motion-JPEG) instead of image files")
+      ->group(img);
+  const std::string real = "real scenes (all off unless asked)";
+  app.add_flag("--texture", o.effects.facePrint,
+               "printed texture on the object's faces: rows of text-like strokes, a band and a "
+               "blob on every large face, laid out from --seed (edges that are not model edges)")
+      ->group(real);
+  app.add_option("--occluder", o.effects.occluderWidth,
+                 "a bar (a gripper finger) fixed to the tool, W object sizes wide where it "
+                 "crosses the object, in front of it in a grey of its own, sweeps across the "
+                 "object and back once over the sequence")
+      ->type_name("W")
+      ->check(CLI::Range(0.0, 2.0))
+      ->group(real);
+  app.add_option("--lighting", o.effects.lighting,
+                 "lighting changes over the sequence: the gain swings between 1 - A and 1 + A "
+                 "and a soft highlight of 150 A grey levels moves across the image")
+      ->type_name("A")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(real);
+  app.add_option("--motion-blur", o.effects.exposure,
+                 "motion blur: every frame averages 5 renders over an exposure of about E frame "
+                 "periods centred on its time stamp")
+      ->type_name("E")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(real);
+  app.add_option("--drop-frames", drop,
+                 "a camera stall: frames FIRST to FIRST + COUNT - 1 of the --frames are left out "
+                 "(images, time stamps and poses); the rest are numbered on")
+      ->type_name("FIRST COUNT")
+      ->expected(2)
+      ->group(real);
+  app.add_option("--model-scale", o.modelScale,
+                 "a wrong model: the model files written for tracking are scaled by S about the "
+                 "model's origin; the images show the true object")
+      ->type_name("S")
+      ->check(CLI::Range(0.5, 2.0))
+      ->group(real);
+  app.add_option("--jobs", o.jobs, "frames rendered in parallel (default: number of cores)")
+      ->type_name("N")
+      ->check(CLI::Range(1, 256))
+      ->group(other);
+  app.add_flag("-q,--quiet", o.quiet, "print errors only")->group(other);
+  app.add_option("OUTPUT_DIR", o.outDir, "where the sequence goes")->type_name("DIR")->required();
+  try {
+    app.parse(argc, argv);
+    if (!offset.empty()) {
+      if (!(offset[0] >= 0.0)) throw CLI::ValidationError("--initial-offset", "T must be >= 0");
+      if (!(offset[1] >= 0.0 && offset[1] <= 180.0))
+        throw CLI::ValidationError("--initial-offset", "R must be from 0 to 180 degrees");
+      o.offsetTransl = offset[0];
+      o.offsetRotDeg = offset[1];
     }
+    if (!drop.empty()) {
+      if (drop[0] < 1 || drop[1] < 1 || drop[0] + drop[1] >= o.plan.frames)
+        throw CLI::ValidationError("--drop-frames",
+                                   "FIRST >= 1 and COUNT >= 1 must leave frames after the stall");
+      o.dropFirst = drop[0];
+      o.dropCount = drop[1];
+    }
+  } catch (const CLI::CallForHelp&) {
+    std::cout << app.help();
+    exit(0);
+  } catch (const CLI::ParseError& e) {
+    fprintf(stderr, "zot_render: %s\n(zot_render --help lists the options)\n", e.what());
+    exit(2);
   }
-  if (o.outDir.empty()) usageError("no output directory given");
+  zot_sim::parseMotion(motion, o.plan.motion);
+  o.plan.clutter = background != "plain";
+  o.effects.tableTexture = background == "textured";
+  o.plan.seed = (uint64_t)seed;
   if (o.jobs == 0) o.jobs = std::max(1u, std::thread::hardware_concurrency());
   return o;
 }
@@ -245,17 +288,21 @@ zot_sim::Pose offsetPose(const zot_sim::Pose& T, double transl, double rotDeg) {
 
 // Sets a tracker up from the files just written, exactly as zot_track will,
 // so that a configuration the library refuses is reported here.
-void checkConfiguration(const std::string& directory) {
+// The parser's calibration echo is held back unless `echo` (or a failure).
+void checkConfiguration(const std::string& directory, bool echo) {
   std::vector<double> array(zot_sim::kSetupArrayCapacity);
   int count = 0;
   ZOTtracker::FileParser parser;
-  if (parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt", "model.txt", count,
-                           array.data(), zot_sim::kSetupArrayCapacity) != 0)
-    fail("the configuration written to " + directory + " does not parse");
-  size_t sizes[7];
-  if (!zot_sim::poolSizesForSetup(array.data(), count, sizes))
-    fail("the configuration written to " + directory + " has no usable camera");
-  ZOTtracker::doBigMalloc(sizes[0], sizes[1], sizes[2], sizes[3], sizes[4], sizes[5], sizes[6]);
+  zot_sim::StdoutCapture held(!echo);
+  const int parsed = parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt",
+                                          "model.txt", count, array.data(),
+                                          zot_sim::kSetupArrayCapacity);
+  held.end(parsed != 0);
+  if (parsed != 0) fail("the configuration written to " + directory + " does not parse");
+  size_t sizes[ZOTtracker::ZOT_N_POOLS];
+  if (ZOTtracker::computePoolSizes(count, array.data(), ZOTtracker::ZOT_POOL_MARGIN, sizes) != 0)
+    fail("the configuration written to " + directory + " is refused (see the message above)");
+  ZOTtracker::reservePools(sizes);
   int rc;
   {
     std::unique_ptr<ZOTtracker::GenericObjectTracker> tracker(
@@ -273,38 +320,52 @@ int main(int argc, char** argv) {
   std::string error;
 
   // Configuration through the library's parser; its echo of the
-  // calibration goes to standard output.
+  // calibration goes to standard output once, unless -q.
   std::vector<zot_sim::CameraConfig> cameras;
   zot_sim::ModelConfig model;
   const std::string hint =
       o.configDir == "data" ? " (run from the repository or give --config)" : "";
-  if (zot_sim::loadCameraFile(o.configDir, o.cameraFile, cameras, error) != 0) fail(error + hint);
+  zot_sim::StdoutCapture echo(o.quiet);
+  const int cameraCode = zot_sim::loadCameraFile(o.configDir, o.cameraFile, cameras, error);
+  echo.end(cameraCode != 0);
+  if (cameraCode != 0) fail(error + hint);
   if (zot_sim::loadModelFile(o.configDir, o.modelFile, model, error) != 0) fail(error + hint);
   for (zot_sim::CameraConfig& c : cameras) {
     if (o.noDistortion) std::fill(c.dist, c.dist + 5, 0.0);
     if (o.scale != 1.0) scaleCamera(c, o.scale);
   }
-  if (!zot_sim::makeDirectories(o.outDir)) fail("cannot create the directory " + o.outDir);
+  std::error_code ec;
+  fs::create_directories(o.outDir, ec);
+  if (!fs::is_directory(o.outDir)) fail("cannot create the directory " + o.outDir);
   const std::string out = o.outDir + "/";
   if (!zot_sim::writeCameraFile(out + "camera.txt", cameras, "cameras of a rendered sequence",
                                 error) ||
-      !zot_sim::copyFile(o.configDir + "/" + o.trackerFile, out + "tracker.txt", error) ||
-      !zot_sim::writeModelFile(o.outDir, "model.txt", model, error))
+      !fs::copy_file(fs::path(o.configDir) / o.trackerFile, out + "tracker.txt",
+                     fs::copy_options::overwrite_existing, ec) ||
+      !zot_sim::writeModelFile(
+          o.outDir, "model.txt",
+          o.modelScale != 1.0 ? zot_sim::scaledModel(model, o.modelScale) : model, error))
     fail(error);
 
-  checkConfiguration(o.outDir);
+  checkConfiguration(o.outDir, false);
 
-  const zot_sim::SequenceRenderer renderer(cameras, model, o.plan);
+  const zot_sim::EffectsRenderer scene(cameras, model, o.plan, o.effects);
+  const zot_sim::SequenceRenderer& renderer = scene.sequence();
   for (const std::string& w : renderer.warnings())
     fprintf(stderr, "zot_render: warning: %s\n", w.c_str());
 
-  // Poses and time stamps.
-  const int n = o.plan.frames;
+  // Poses and time stamps of the frames kept; frame k of the output is
+  // frame kept[k] of the sequence.
+  std::vector<int> kept;
+  for (int i = 0; i < o.plan.frames; i++) {
+    if (i < o.dropFirst || i >= o.dropFirst + o.dropCount) kept.push_back(i);
+  }
+  const int n = (int)kept.size();
   std::vector<double> times(n);
   std::vector<zot_sim::Pose> toolPoses(n), truth(n);
   for (int i = 0; i < n; i++) {
-    times[i] = renderer.time(i);
-    renderer.poses(i, toolPoses[i].data(), nullptr, truth[i].data());
+    times[i] = renderer.time(kept[i]);
+    renderer.poses(kept[i], toolPoses[i].data(), nullptr, truth[i].data());
   }
   const std::vector<zot_sim::Pose> initial = {offsetPose(truth[0], o.offsetTransl, o.offsetRotDeg)};
   if (!zot_sim::writeNumberFile(out + "times.txt", times, "time stamp of every frame [s]", error) ||
@@ -326,20 +387,22 @@ int main(int argc, char** argv) {
       videos[c].open(path, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), o.plan.fps,
                      cv::Size(cameras[c].width, cameras[c].height), false);
       if (!videos[c].isOpened()) fail("cannot write the video " + path);
-    } else if (!zot_sim::makeDirectories(out + "cam" + std::to_string(c))) {
+    } else if (fs::create_directories(out + "cam" + std::to_string(c), ec), ec) {
       fail("cannot create " + out + "cam" + std::to_string(c));
     }
   }
   const auto start = std::chrono::steady_clock::now();
   std::vector<std::vector<std::vector<unsigned char>>> batch(o.jobs);
   std::vector<std::string> writeErrors(o.jobs);
+  std::vector<double> hidden(n, 0.0);
   for (int first = 0; first < n; first += o.jobs) {
     const int count = std::min(o.jobs, n - first);
     std::vector<std::thread> workers;
     for (int k = 0; k < count; k++) {
       workers.emplace_back([&, k] {
         const int frame = first + k;
-        renderer.render(frame, batch[k]);
+        scene.render(kept[frame], batch[k]);
+        if (o.effects.occluderWidth > 0.0) hidden[frame] = scene.hiddenOutline(kept[frame]);
         if (o.video) return;
         char name[64];
         for (int c = 0; c < nCams; c++) {
@@ -370,6 +433,31 @@ int main(int argc, char** argv) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   // How to track it.
+  // What makes the sequence hard, measured.
+  double meanMotion = 0.0, maxMotion = 0.0, stall = 0.0;
+  for (int k = 1; k < n; k++) {
+    const double moved = scene.vertexMotion(kept[k - 1], kept[k]);
+    if (kept[k] - kept[k - 1] > 1) {
+      stall = moved;
+      continue;
+    }
+    meanMotion += moved / std::max(1, n - 1 - (o.dropCount > 0));
+    maxMotion = std::max(maxMotion, moved);
+  }
+  char facts[512];
+  int used = snprintf(facts, sizeof facts,
+                      "Image motion of the model's vertices in cam 0: mean %.1f, max %.1f px "
+                      "per frame\n",
+                      meanMotion, maxMotion);
+  if (o.dropCount > 0)
+    used += snprintf(facts + used, sizeof facts - used,
+                     "Camera stall: frames %d to %d left out; the vertices jump up to %.1f px\n",
+                     o.dropFirst, o.dropFirst + o.dropCount - 1, stall);
+  if (o.effects.occluderWidth > 0.0)
+    snprintf(facts + used, sizeof facts - used,
+             "Occluder: hides at most %.0f %% of the object's outline in cam 0\n",
+             100.0 * *std::max_element(hidden.begin(), hidden.end()));
+
   std::string images;
   for (int c = 0; c < nCams; c++) {
     images += o.video ? " --images " + out + "cam" + std::to_string(c) + ".avi"
@@ -384,14 +472,14 @@ int main(int argc, char** argv) {
   for (int i = 0; i < argc; i++) fprintf(f, " %s", argv[i]);
   fprintf(f,
           "\n%d frames at %g fps, %d camera(s) of %d x %d, object size %g, viewing distance "
-          "%g\nTrack it with:\n%s\n",
+          "%g\n%sTrack it with:\n%s\n",
           n, o.plan.fps, nCams, cameras[0].width, cameras[0].height, renderer.objectSize(),
-          renderer.viewDistance(), command.c_str());
+          renderer.viewDistance(), facts, command.c_str());
   if (fclose(f) != 0) fail("cannot write " + out + "sequence.txt");
   if (!o.quiet) {
     if (isatty(fileno(stdout))) printf("\n");
-    printf("rendered %d frames of %d camera(s) into %s in %.1f s\ntrack them with:\n  %s\n", n,
-           nCams, o.outDir.c_str(), seconds, command.c_str());
+    printf("rendered %d frames of %d camera(s) into %s in %.1f s\n%strack them with:\n  %s\n", n,
+           nCams, o.outDir.c_str(), seconds, facts, command.c_str());
   }
   return 0;
 }

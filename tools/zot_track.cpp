@@ -3,7 +3,6 @@
 // header), per-camera image sequences or videos, time stamps, tool poses and
 // an initial object pose in; a CSV of poses, optional overlays and a summary
 // with failures and per-stage timing out.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -26,13 +25,16 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "IO.h"
 #include "Math.h"
-#include "frame_timing.h"
+#include "PoolSizes.h"
 #include "memory_handling.h"
+#include "overlay.h"
 #include "scene_config.h"
+#include "stdout_capture.h"
 
 // A host that must not read configuration files at run time compiles its
 // setup array in: build with -DZOT_TRACK_SETUP_HEADER=/path/global_array_declaration.h
@@ -70,8 +72,7 @@ struct Options {
 };
 
 [[noreturn]] void usageError(const std::string& message) {
-  fprintf(stderr, "zot_track: %s\n(zot_track --help lists the options)\n", message.c_str());
-  exit(kExitUsage);
+  zot_sim::usageError("zot_track", message);
 }
 
 [[noreturn]] void fail(const std::string& message) {
@@ -184,7 +185,8 @@ Options parseArguments(int argc, char** argv) {
          "rotation vector in degrees) in the CSV (default: matrix)");
   app.add_flag("--overlays", o.overlays,
                "DIR/overlays/camN_IIIIII.png: the undistorted image with\n"
-               "the model contour (red) and the object's axes");
+               "the model's visible contour (yellow) and the object's\n"
+               "axes (x red, y green, z blue)");
   option("--overlay-video", o.overlayVideo, "FILE",
          "the overlays of all cameras side by side as a Motion-JPEG\nvideo (.avi)");
   app.add_flag("--per-frame", o.perFrame,
@@ -199,13 +201,7 @@ Options parseArguments(int argc, char** argv) {
                "Gauss-Newton loop ends");
   app.add_flag("-q,--quiet", o.quiet, "no progress line and no summary on standard output");
   app.set_help_flag("-h,--help", "this text")->group("output");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    exit(app.exit(e));
-  } catch (const CLI::ParseError& e) {
-    usageError(e.what());
-  }
+  zot_sim::parseCommandLine(app, argc, argv, "zot_track");
   if (!app.remaining().empty()) {
     const std::string a = app.remaining()[0];
     usageError((a.size() > 1 && a[0] == '-' ? "unknown option " : "unexpected argument ") + a);
@@ -232,26 +228,6 @@ Options parseArguments(int argc, char** argv) {
   if (!o.truthFile.empty() || o.maxTranslError < 0) return o;
   usageError("--max-mean-error needs --truth");
 }
-
-// ---------------------------------------------------------------- standard output
-// The library reports on standard output with C stdio; this points file
-// descriptor 1 elsewhere for the length of a call.
-class StdoutRedirect {
- public:
-  explicit StdoutRedirect(int fd) {
-    fflush(stdout);
-    m_saved = dup(1);
-    dup2(fd, 1);
-  }
-  ~StdoutRedirect() {
-    fflush(stdout);
-    dup2(m_saved, 1);
-    close(m_saved);
-  }
-
- private:
-  int m_saved;
-};
 
 // ---------------------------------------------------------------- image sources
 bool isImageFile(const fs::path& path) {
@@ -501,7 +477,7 @@ void drawStatus(cv::Mat& overlay, const std::string& text, bool ok) {
               cv::LINE_AA);
 }
 
-// Overlays drawn by the tracker: PNG files per frame and camera and/or a
+// Overlays of the tracking result: PNG files per frame and camera and/or a
 // video with the cameras side by side. Write failures end the program.
 class OverlayWriter {
  public:
@@ -512,25 +488,18 @@ class OverlayWriter {
         m_videoPath(videoPath),
         m_fps(fps),
         m_axisLength(axisLength),
-        m_devNull(::open("/dev/null", O_WRONLY)),
         m_colour(tracker.m_nCameras) {
     for (int c = 0; c < tracker.m_nCameras; c++)
       m_colour[c].resize(3 * (size_t)tracker.m_imageWidth[c] * tracker.m_imageHeight[c]);
   }
-  ~OverlayWriter() {
-    m_video.release();
-    if (m_devNull >= 0) close(m_devNull);
-  }
+  ~OverlayWriter() { m_video.release(); }
 
   // Draws the frame's result at pose (the estimate, or the last good pose
   // after a failure) into every camera's overlay and writes them.
   void write(const FrameResult& r, const double* pose) {
     std::vector<cv::Mat> views;
     for (int c = 0; c < m_tracker.m_nCameras; c++) {
-      {
-        StdoutRedirect quiet(m_devNull);  // drawResult reports its sample count
-        m_tracker.drawResult(pose, m_colour[c].data(), c, true, m_axisLength, nullptr);
-      }
+      zot_sim::drawTrackingOverlay(m_tracker, c, pose, m_axisLength, m_colour[c].data());
       cv::Mat view(m_tracker.m_imageHeight[c], m_tracker.m_imageWidth[c], CV_8UC3,
                    m_colour[c].data());
       char text[200];
@@ -567,7 +536,6 @@ class OverlayWriter {
   GenericObjectTracker& m_tracker;
   std::string m_directory, m_videoPath;
   double m_fps, m_axisLength;
-  int m_devNull;
   std::vector<std::vector<unsigned char>> m_colour;
   cv::VideoWriter m_video;
 };
@@ -589,22 +557,15 @@ std::vector<double> readSetupArray(const Options& o) {
 #endif
   }
   setup.resize(zot_sim::kSetupArrayCapacity);
-  int count = 0, rc = 0;
+  int count = 0;
   // The parser echoes each camera's tcp-to-camera calibration; with -q that
-  // echo goes to a scratch file, shown only when the parse fails.
-  FILE* echo = o.quiet ? tmpfile() : nullptr;
-  {
-    std::unique_ptr<StdoutRedirect> quiet(echo ? new StdoutRedirect(fileno(echo)) : nullptr);
-    ZOTtracker::FileParser parser;
-    rc = parser.parseAllFiles(o.configDir.c_str(), o.cameraFile.c_str(), o.trackerFile.c_str(),
-                              o.modelFile.c_str(), count, setup.data(),
-                              zot_sim::kSetupArrayCapacity);
-  }
-  if (echo != nullptr) {
-    rewind(echo);
-    for (int ch; rc != 0 && (ch = fgetc(echo)) != EOF;) putchar(ch);
-    fclose(echo);
-  }
+  // echo is held back, shown only when the parse fails.
+  zot_sim::StdoutCapture echo(o.quiet);
+  ZOTtracker::FileParser parser;
+  const int rc = parser.parseAllFiles(o.configDir.c_str(), o.cameraFile.c_str(),
+                                      o.trackerFile.c_str(), o.modelFile.c_str(), count,
+                                      setup.data(), zot_sim::kSetupArrayCapacity);
+  echo.end(rc != 0);
   if (rc != 0) {
     const char* which = rc == ZOTtracker::ZOT_ERR_CAMERA_PARSER    ? "camera file "
                         : rc == ZOTtracker::ZOT_ERR_TRACKER_PARSER ? "tracker file "
@@ -615,6 +576,10 @@ std::vector<double> readSetupArray(const Options& o) {
     fail("cannot read the configuration in " + o.configDir + " (" + which + file +
          ", or a body file it names: see the message above)");
   }
+  // The parser takes "6l2.43" as 6 and wraps large integers; refuse such files.
+  if (!zot_sim::checkConfigFilesStrictly(o.configDir, o.cameraFile, o.trackerFile, o.modelFile,
+                                         error))
+    fail("malformed configuration: " + error);
   setup.resize(count);
   return setup;
 }
@@ -622,6 +587,7 @@ std::vector<double> readSetupArray(const Options& o) {
 // The tracker set up from the configuration, with its memory pools.
 struct Setup {
   std::unique_ptr<GenericObjectTracker> tracker;
+  zot_sim::ModelConfig model;
   double objectSize = 0.0;  ///< the model's bounding-box size, for the error limits and axes
 };
 
@@ -636,10 +602,12 @@ Setup setUp(const Options& o) {
     fail("the configuration is inconsistent: " + error);
   Setup s;
   s.objectSize = zot_sim::modelSize(model, nullptr);
-  size_t pools[7];
-  if (!zot_sim::poolSizesForSetup(setup.data(), (int)setup.size(), pools))
-    fail("the configuration has no usable camera");
-  ZOTtracker::doBigMalloc(pools[0], pools[1], pools[2], pools[3], pools[4], pools[5], pools[6]);
+  s.model = model;
+  size_t pools[ZOTtracker::ZOT_N_POOLS];
+  if (ZOTtracker::computePoolSizes((int)setup.size(), setup.data(), ZOTtracker::ZOT_POOL_MARGIN,
+                                   pools) != 0)
+    fail("the configuration is refused (see the message above)");
+  ZOTtracker::reservePools(pools);
   s.tracker.reset(new GenericObjectTracker());
   if (s.tracker->setupFromGlobalArray((int)setup.size(), setup.data()) != 0)
     fail("the tracker refuses the configuration (see the message above)");
@@ -649,6 +617,49 @@ Setup setUp(const Options& o) {
          " camera(s) but --images was given " + std::to_string(o.images.size()) + " time(s)");
   }
   return s;
+}
+
+// ---------------------------------------------------------------- first-frame checks
+// What a pose in the wrong unit or a wrong calibration looks like: the model
+// outside every camera's view, and the first frame failing with -5.
+const char* const kUnitsHint =
+    "check that the initial pose uses the model's length unit (a pose in metres\n"
+    "against a model in millimetres puts the object 1000 times too close) and the\n"
+    "camera-to-tool calibration in the camera file";
+
+// "" when some camera sees a vertex of the model at pose (object in the tool
+// frame, inside the depth range and the image), else where the model is.
+std::string outOfView(const GenericObjectTracker& tracker, const zot_sim::ModelConfig& model,
+                      const double* pose) {
+  std::string where;
+  for (int c = 0; c < tracker.m_nCameras; c++) {
+    double T[16], centre[3] = {0, 0, 0};
+    ZOTtracker::matrixProduct444(tracker.m_toolToCamera[c], pose, T);
+    const double* K = tracker.m_K[c];
+    int n = 0;
+    for (const zot_sim::BodyConfig& b : model.bodies) {
+      const std::vector<double>& v = b.mesh.vertices;
+      for (size_t i = 0; i + 2 < v.size(); i += 3, n++) {
+        double x[3];
+        for (int r = 0; r < 3; r++)
+          x[r] = T[4 * r] * v[i] + T[4 * r + 1] * v[i + 1] + T[4 * r + 2] * v[i + 2] + T[4 * r + 3];
+        for (int r = 0; r < 3; r++) centre[r] += x[r];
+        if (x[2] < tracker.m_zNear[c] || x[2] > tracker.m_zFar[c]) continue;
+        const double u = K[0] * x[0] / x[2] + K[1] * x[1] / x[2] + K[2],
+                     w = K[4] * x[1] / x[2] + K[5];
+        if (u >= 0 && u < tracker.m_imageWidth[c] && w >= 0 && w < tracker.m_imageHeight[c])
+          return "";
+      }
+    }
+    char line[200];
+    snprintf(line, sizeof line,
+             "%sits centre at (%.4g, %.4g, %.4g) in cam %d, whose depth range is %g to %g",
+             c ? "; " : "", centre[0] / std::max(n, 1), centre[1] / std::max(n, 1),
+             centre[2] / std::max(n, 1), c, tracker.m_zNear[c], tracker.m_zFar[c]);
+    where += line;
+  }
+  return "the initial pose puts the model outside every camera's view (" + where + "):\n" +
+         kUnitsHint;
 }
 
 // ---------------------------------------------------------------- input sequence
@@ -844,9 +855,24 @@ std::vector<FrameResult> trackSequence(const Options& o, GenericObjectTracker& t
 // ---------------------------------------------------------------- summary and outputs
 // Writes summary.txt (and shows it unless -q); returns the exit status.
 int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& results,
-           double objectSize, double runSeconds, const std::string& csvPath, bool csvOk) {
+           double objectSize, double runSeconds, const std::string& csvPath, bool csvOk,
+           std::string hint) {
+  if (hint.empty() && !results.empty() && results[0].status == ZOTtracker::ZOT_ERR_OUT_OF_SCREEN)
+    hint = std::string(
+               "the first frame failed with -5 (the model leaves the image at the\n"
+               "initial pose): ") +
+           kUnitsHint;
+  if (!hint.empty()) fprintf(stderr, "zot_track: %s\n", hint.c_str());
   std::string summary = summaryText(results, s.expected >= 0 ? s.expected : (int)results.size(),
                                     objectSize, !s.truth.empty());
+  if (!s.truth.empty()) {
+    // How far the track started from the truth, to read the first frames' errors against.
+    double t = 0.0, r = 0.0;
+    zot_sim::poseError(s.initialPose.data(), s.truth[0].data(), &t, &r);
+    char line[160];
+    snprintf(line, sizeof line, "initial pose: %.3f mm / %.3f deg from the first true pose\n", t, r);
+    summary += line;
+  }
   int status = 0;
   for (const FrameResult& r : results) {
     if (r.status != 0) status = kExitTrackingFailed;
@@ -859,15 +885,16 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
     if (e.n > 0 && (e.meanT > limit || e.meanR > o.maxRotError)) {
       snprintf(
           line, sizeof line,
-          "ACCURACY LIMITS EXCEEDED: mean errors %.3f and %.3f deg, limits %.3f and %.3f deg\n",
+          "ACCURACY LIMITS EXCEEDED: mean errors %.3f mm and %.3f deg, limits %.3f mm and %.3f deg\n",
           e.meanT, e.meanR, limit, o.maxRotError);
       if (status == 0) status = kExitAccuracy;
     } else {
-      snprintf(line, sizeof line, "accuracy limits met: mean errors within %.3f and %.3f deg\n",
+      snprintf(line, sizeof line, "accuracy limits met: mean errors within %.3f mm and %.3f deg\n",
                limit, o.maxRotError);
     }
     summary += line;
   }
+  if (!hint.empty()) summary += "HINT: " + hint + "\n";
   if (!s.inputProblem.empty()) {
     summary +=
         "INPUT ERROR at frame " + std::to_string(s.inputLimit) + ": " + s.inputProblem + "\n";
@@ -897,6 +924,8 @@ int main(int argc, char** argv) {
   const Options o = parseArguments(argc, argv);
   Setup setup = setUp(o);
   Sequence sequence = openSequence(o, setup.tracker->m_nCameras);
+  const std::string hint = outOfView(*setup.tracker, setup.model, sequence.initialPose.data());
+  if (!hint.empty()) fprintf(stderr, "zot_track: warning: %s\n", hint.c_str());
   Outputs out = openOutputs(o, sequence, *setup.tracker, setup.objectSize);
   const auto start = std::chrono::steady_clock::now();
   const std::vector<FrameResult> results = trackSequence(o, *setup.tracker, sequence, out);
@@ -906,5 +935,5 @@ int main(int argc, char** argv) {
   out.overlays.reset();
   setup.tracker.reset();
   ZOTtracker::doBigFree();
-  return finish(o, sequence, results, setup.objectSize, runSeconds, out.csvPath, csvOk);
+  return finish(o, sequence, results, setup.objectSize, runSeconds, out.csvPath, csvOk, hint);
 }

@@ -47,19 +47,12 @@ std::vector<std::string> splitCsvLine(const std::string& line) {
 
 bool readPosesCsv(const std::string& path, std::vector<TrackedFrame>& frames, std::string& error) {
   std::ifstream in(path);
-  if (!in) {
-    error = "cannot open " + path;
-    return false;
-  }
   std::string line;
-  if (!std::getline(in, line)) {
-    error = path + " is empty";
-    return false;
-  }
-  const std::vector<std::string> header = splitCsvLine(line);
+  std::vector<std::string> header;
+  if (std::getline(in, line)) header = splitCsvLine(line);
   if (header.size() < 20 || header[0] != "frame" || header[3] != "message" || header[4] != "T00" ||
       header[19] != "T33") {
-    error = path + ": unexpected header " + line;
+    error = path + ": missing, empty or with an unexpected header";
     return false;
   }
   frames.clear();

@@ -2,19 +2,17 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
+#include "FileParser.h"
 #include "Math.h"
+#include "SetupArray.h"
 #include "memory_handling.h"
 #include "synthetic_images.h"
 
 using namespace ZOTtracker;
 
 namespace zot_test {
-
-std::string dataDirectory() {
-  const std::string self = __FILE__;  // tests/support/tracker_scene.cpp
-  return self.substr(0, self.rfind('/')) + "/../../data";
-}
 
 TrackerPools::TrackerPools(long maxPixels, int nCams, int maxSamples, long modelValues,
                            int setups) {
@@ -50,56 +48,30 @@ void appendCameraSection(std::vector<double>& a, const std::vector<SetupCamera>&
 }
 
 std::vector<SetupCamera> camerasOfSetupArray(const std::vector<double>& a) {
-  std::vector<SetupCamera> cams((size_t)a.at(0));
-  size_t i = 1;
-  for (SetupCamera& c : cams) {
-    c.width = (int)a.at(i);
-    c.height = (int)a.at(i + 1);
-    c.zNear = a.at(i + 2);
-    c.zFar = a.at(i + 3);
-    c.fx = a.at(i + 4);
-    c.fy = a.at(i + 5);
-    c.cx = a.at(i + 6);
-    c.cy = a.at(i + 7);
-    c.skew = a.at(i + 8);
-    for (int k = 0; k < 5; k++) c.dist[k] = a.at(i + 9 + k);
-    for (int k = 0; k < 12; k++) c.camInTool[k] = a.at(i + 14 + k);
-    i += 26;
-    const int nMasks = (int)a.at(i++);
-    for (int m = 0; m < nMasks; m++) {
-      const int nVertices = (int)a.at(i++);
-      c.masks.emplace_back(a.begin() + (long)i, a.begin() + (long)i + 2 * nVertices);
-      i += 2 * (size_t)nVertices;
-    }
+  const auto setup = std::make_unique<SetupArray>();
+  if (!decodeSetupArray(a.data(), (int)a.size(), *setup)) return {};
+  std::vector<SetupCamera> cams;
+  for (const ZOTtracker::SetupCamera& d : setup->cameras) {
+    if ((int)cams.size() == setup->nCameras) break;
+    cams.push_back({d.width, d.height, d.zNear, d.zFar, d.fx, d.fy, d.cx, d.cy, d.skew, {}, {}, {}});
+    std::copy(d.dist, d.dist + 5, cams.back().dist);
+    std::copy(d.toolFromCamera, d.toolFromCamera + 16, cams.back().camInTool);
+    for (int m = 0; m < d.nMasks; m++)
+      cams.back().masks.emplace_back(d.maskVertices[m], d.maskVertices[m] + 2 * d.maskNVertices[m]);
   }
   return cams;
 }
 
 void appendTrackerSection(std::vector<double>& a,
                           const GenericObjectTracker::TrackingParameters& p) {
-  a.insert(a.end(), {(double)p.m_maxNSamplePointsPerCam,
-                     p.m_facingTolerance,
-                     (double)p.m_samplingStep,
-                     p.m_minEdgeLength,
-                     (double)p.m_searchRange,
-                     (double)p.m_cannyLowThreshold,
-                     (double)p.m_cannyHighThreshold,
-                     p.m_maxAngleDeg,
-                     (double)p.m_maxIterations,
-                     p.m_convergenceRot,
-                     p.m_convergenceTransl,
-                     p.m_maxAbsRot,
-                     p.m_maxAbsTransl,
-                     p.m_minInliersLoop,
-                     p.m_minInliersFinal,
-                     p.m_maxFinalCost,
-                     p.m_resampleRot,
-                     p.m_resampleTransl,
-                     p.m_kfAccNoiseRot,
-                     p.m_kfAccNoiseTransl,
-                     p.m_measStdRot,
-                     p.m_measStdTransl,
-                     p.m_kfInitialCov});
+  a.insert(a.end(),
+           {(double)p.m_maxNSamplePointsPerCam, p.m_facingTolerance, (double)p.m_samplingStep,
+            p.m_minEdgeLength, (double)p.m_searchRange, (double)p.m_cannyLowThreshold,
+            (double)p.m_cannyHighThreshold, p.m_maxAngleDeg, (double)p.m_maxIterations,
+            p.m_convergenceRot, p.m_convergenceTransl, p.m_maxAbsRot, p.m_maxAbsTransl,
+            p.m_minInliersLoop, p.m_minInliersFinal, p.m_maxFinalCost, p.m_resampleRot,
+            p.m_resampleTransl, p.m_kfAccNoiseRot, p.m_kfAccNoiseTransl, p.m_measStdRot,
+            p.m_measStdTransl, p.m_kfInitialCov});
 }
 
 void appendPolyhedronBody(std::vector<double>& a, const zot_sim::Mesh& mesh, bool flat,
@@ -115,6 +87,28 @@ void appendPolylineBody(std::vector<double>& a, int supportBody, int supportFace
   a.insert(a.end(), points.begin(), points.end());
   a.push_back((double)(edges.size() / 2));
   for (int v : edges) a.push_back(v);
+}
+
+std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
+                                 const GenericObjectTracker::TrackingParameters& p,
+                                 const zot_sim::Mesh& mesh) {
+  std::vector<double> a;
+  appendCameraSection(a, cams);
+  appendTrackerSection(a, p);
+  a.insert(a.end(), {0.0, 1.0});  // no local frames, one body
+  appendPolyhedronBody(a, mesh, false, 30.0);
+  return a;
+}
+
+std::vector<double> sampleSetupArray(const char* dataDir, const char* camera, const char* tracker,
+                                     const char* model) {
+  std::vector<double> a(200000);
+  int count = 0;
+  FileParser parser;
+  const int code =
+      parser.parseAllFiles(dataDir, camera, tracker, model, count, a.data(), (int)a.size());
+  a.resize(code == 0 ? count : 0);
+  return a;
 }
 
 GenericObjectTracker::TrackingParameters convergingParameters() {
@@ -157,6 +151,16 @@ zot_sim::Mesh slotPlateMesh() {
   return m;
 }
 
+void perturb(const double* pose, const double* axis, double angleDeg, const double* t,
+             double* out) {
+  const double k = angleDeg * ZOT_PI / 180.0 / norm(axis, 3);
+  const double rvec[3] = {axis[0] * k, axis[1] * k, axis[2] * k};
+  double R[9], D[16];
+  matrixRvecToRmat(rvec, R);
+  TfromRotTransl(R, t, D);
+  matrixProduct444(pose, D, out);
+}
+
 // ================================================================ rig
 
 namespace {
@@ -175,12 +179,9 @@ TrackerScene::TrackerScene(const std::vector<SetupCamera>& cams, const std::vect
       m_pools(largestImage(cams), (int)cams.size(), maxSamples, (long)setup.size()),
       m_tracker(new GenericObjectTracker()),
       m_setupCode(m_tracker->setupFromGlobalArray((int)setup.size(), setup.data())) {
-  for (int c = 0; c < ZOT_MAX_CAMERAS; c++) m_imagePtrs[c] = nullptr;
-  for (size_t c = 0; c < cams.size(); c++) {
-    m_images.emplace_back((size_t)cams[c].width * cams[c].height, 0);
-  }
-  for (size_t c = 0; c < cams.size() && c < (size_t)ZOT_MAX_CAMERAS; c++)
-    m_imagePtrs[c] = m_images[c].data();
+  for (const SetupCamera& c : cams) m_images.emplace_back((size_t)c.width * c.height, 0);
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++)
+    m_imagePtrs[c] = c < (int)cams.size() ? m_images[c].data() : nullptr;
 }
 
 void TrackerScene::poseInCamera(const double* objInTool, int cam, double* T) const {
@@ -224,17 +225,6 @@ double TrackerScene::meanVertexError(const zot_sim::Mesh& mesh, const double* po
     sum += std::hypot(c.fx * (a[0] / a[2] - b[0] / b[2]), c.fy * (a[1] / a[2] - b[1] / b[2]));
   }
   return sum / (double)n;
-}
-
-void poseDifference(const double* a, const double* b, double* angleDeg, double* distance) {
-  double aInv[16], D[16], R[9], t[3], rvec[3];
-  inverseTransform(a, aInv);
-  matrixProduct444(aInv, b, D);
-  rotTranslFromT(D, R, t);
-  matrixRmatToRvec(R, rvec);
-  *angleDeg = norm(rvec, 3) * 180.0 / ZOT_PI;
-  *distance = std::sqrt((a[3] - b[3]) * (a[3] - b[3]) + (a[7] - b[7]) * (a[7] - b[7]) +
-                        (a[11] - b[11]) * (a[11] - b[11]));
 }
 
 }  // namespace zot_test

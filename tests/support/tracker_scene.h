@@ -14,9 +14,6 @@
 
 namespace zot_test {
 
-// data/ beside tests/.
-std::string dataDirectory();
-
 // Pools of all seven types for `setups` set-ups of a tracker with nCams
 // cameras of at most maxPixels pixels, maxSamples samples per camera and a
 // model of about modelValues setup-array values; released (with the overrun
@@ -50,6 +47,18 @@ void appendPolyhedronBody(std::vector<double>& a, const zot_sim::Mesh& mesh, boo
 void appendPolylineBody(std::vector<double>& a, int supportBody, int supportFace,
                         const std::vector<double>& points, const std::vector<int>& edges);
 
+// Cameras, parameters, no local frames and the mesh as one polyhedron body
+// (not flat, feature angle 30 degrees).
+std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
+                                 const ZOTtracker::GenericObjectTracker::TrackingParameters& p,
+                                 const zot_sim::Mesh& mesh);
+
+// The setup array that the parser writes for the given files of dataDir (by
+// default the stereo chamfered box of data/); empty when it fails.
+std::vector<double> sampleSetupArray(const char* dataDir, const char* camera = "camera_stereo.txt",
+                                     const char* tracker = "tracker.txt",
+                                     const char* model = "model_chamfered_box.txt");
+
 // Tracking parameters that converge (the defaults never do).
 ZOTtracker::GenericObjectTracker::TrackingParameters convergingParameters();
 
@@ -61,6 +70,10 @@ std::vector<unsigned char> chamferedBoxGreys();
 // The slot marking of data/top_slot_polyline.txt as a thin dark plate just
 // above the top face, so that the renderer shows its outline.
 zot_sim::Mesh slotPlateMesh();
+
+// pose * [R(axis, angleDeg) t]: the pose moved in its own frame.
+void perturb(const double* pose, const double* axis, double angleDeg, const double* t,
+             double* out);
 
 // ---------------------------------------------------------------- rig
 class TrackerScene {
@@ -90,8 +103,5 @@ class TrackerScene {
   std::vector<std::vector<unsigned char>> m_images;
   unsigned char* m_imagePtrs[ZOTtracker::ZOT_MAX_CAMERAS];
 };
-
-// Rotation angle (degrees) and translation distance between two poses.
-void poseDifference(const double* a, const double* b, double* angleDeg, double* distance);
 
 }  // namespace zot_test

@@ -26,9 +26,21 @@ struct RenderObject {
 
 /// Draws the objects over `img` (which holds the background on entry): every
 /// pixel whose samples hit a face becomes the average of the hit faces' greys
-/// and the background. Only the objects' projected bounding boxes are cast.
+/// and the background. Only the objects' projected bounding boxes are cast,
+/// and each sample only against the objects whose box holds its pixel.
+/// `adaptive`: a pixel whose centre ray and its 8 neighbours' centre rays
+/// meet the same face (or none) takes that face without supersampling,
+/// several times faster for large objects; details thinner than a pixel that
+/// fall between pixel centres are lost.
 void renderScene(unsigned char* img, const RenderCamera& cam,
-                 const std::vector<RenderObject>& objects, int ss = 3);
+                 const std::vector<RenderObject>& objects, int ss = 3, bool adaptive = false);
+
+/// Per pixel the fraction of its ss x ss samples that hit one of the objects
+/// (0 to 1, the same samples as renderScene); `coverage` is resized to
+/// width x height. The objects' greys are not used. `adaptive` as for
+/// renderScene.
+void renderCoverage(const RenderCamera& cam, const std::vector<RenderObject>& objects, int ss,
+                    std::vector<float>& coverage, bool adaptive = false);
 
 /// Lambertian grey per face: ambient + diffuse * max(0, n . light) with the
 /// face normal (from its first three vertices, outward for counter-clockwise

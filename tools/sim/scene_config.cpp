@@ -3,16 +3,18 @@
 // the simulation sees exactly the numbers the tracker will see.
 #include "scene_config.h"
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
+#include <opencv2/core.hpp>
 #include <sstream>
 
 #include "FileParser.h"
@@ -31,9 +33,7 @@ std::string joinPath(const std::string& directory, const std::string& name) {
 bool numbersOfLine(const std::string& line, std::vector<double>& out) {
   out.clear();
   std::string text = line;
-  for (char& c : text) {
-    if (c == ',' || c == ';' || c == '\t' || c == '\r') c = ' ';
-  }
+  std::replace_if(text.begin(), text.end(), [](char c) { return c == ',' || c == ';'; }, ' ');
   std::istringstream in(text);
   std::string token;
   while (in >> token) {
@@ -50,21 +50,55 @@ bool isSkipped(const std::string& line) {
   return first == std::string::npos || line[first] == '#';
 }
 
+// Calls item(line, error) for every line of `path` that is not skipped as a
+// comment or blank; a false from item stops with "<path>:<line>: <error>".
+template <typename Item>
+bool forEachItemLine(const std::string& path, std::string& error, Item item) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open " + path;
+    return false;
+  }
+  std::string line;
+  int lineNo = 0;
+  while (std::getline(in, line)) {
+    lineNo++;
+    if (isSkipped(line)) continue;
+    if (!item(line, error)) {
+      error = path + ":" + std::to_string(lineNo) + ": " + error;
+      return false;
+    }
+  }
+  return true;
+}
+
 void writeRows(FILE* f, const double* T) {
   for (int k = 0; k < 12; k++) fprintf(f, "%.12g%s", T[k], k < 11 ? " " : "\n");
 }
 
 std::string stemOf(const std::string& fileName) {
-  const size_t dot = fileName.rfind('.');
-  return dot == std::string::npos ? fileName : fileName.substr(0, dot);
+  return std::filesystem::path(fileName).replace_extension().string();
 }
 
-}  // namespace
+// Writes an optional "# comment" line, then writeBody(file); reports a file
+// that cannot be opened or closed.
+template <typename Body>
+bool writeCommentedFile(const std::string& path, const std::string& comment, std::string& error,
+                        Body writeBody) {
+  FILE* f = fopen(path.c_str(), "w");
+  if (f == nullptr) {
+    error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
+  writeBody(f);
+  const bool ok = fclose(f) == 0;
+  if (!ok) error = "cannot write " + path;
+  return ok;
+}
 
-// ================================================================ configuration
-// The layout is the library's (SetupArray.h); these turn its plain
-// structures into the host-side ones.
-namespace {
+// The layout of the setup array is the library's (SetupArray.h); these turn
+// its plain structures into the host-side ones.
 
 // The codec's message lines as one line for `error`.
 std::string oneLine(const char* messages) {
@@ -138,10 +172,6 @@ bool decodeCameraSection(const double* array, int count, int& cursor,
     error = oneLine(messages);
     return false;
   }
-  if (nCameras == 0) {
-    error = "the setup array has no camera";
-    return false;
-  }
   cameras.clear();
   auto camera = std::make_unique<ZOTtracker::SetupCamera>();
   for (int c = 0; c < nCameras; c++) {
@@ -168,10 +198,6 @@ bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig
     error = oneLine(messages);
     return false;
   }
-  if (nBodies == 0) {
-    error = "the model has no body";
-    return false;
-  }
   addLocalFrames(model, nFrames, frame);
   for (int b = 0; b < nBodies; b++) {
     ZOTtracker::SetupBody body;
@@ -193,10 +219,6 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
     error = oneLine(messages);
     return false;
   }
-  if (setup->nCameras == 0 || setup->nBodies == 0) {
-    error = setup->nCameras == 0 ? "the setup array has no camera" : "the model has no body";
-    return false;
-  }
   cameras.clear();
   for (int c = 0; c < setup->nCameras; c++) cameras.push_back(cameraOf(setup->cameras[c]));
   trackingParameters.assign(setup->tracking,
@@ -204,29 +226,6 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
   model = ModelConfig();
   addLocalFrames(model, setup->nLocalFrames, setup->localFrames);
   for (int b = 0; b < setup->nBodies; b++) model.bodies.push_back(bodyOf(setup->bodies[b]));
-  return true;
-}
-
-bool poolSizesForSetup(const double* array, int count, size_t* sizes) {
-  std::vector<CameraConfig> cameras;
-  std::string error;
-  int cursor = 0;
-  if (!decodeCameraSection(array, count, cursor, cameras, error) || cursor >= count) return false;
-  size_t px = 0;
-  for (const CameraConfig& c : cameras) px = std::max(px, (size_t)c.width * c.height);
-  const size_t n = cameras.size();
-  const size_t samples = (size_t)std::max(0.0, std::min(1e7, array[cursor]));
-  const size_t model = (size_t)(count - cursor);  // tracker and model values
-  // Measured use of a 640 x 480 configuration is about (2n + 7) px bytes,
-  // px byte pointers, (3n + 1) px doubles, (5n + 2) px ints and (2n + 2) px
-  // shorts; the margins cover the sample buffers and the model topology.
-  sizes[0] = (2 * n + 8) * px + 100 * model + 100000;
-  sizes[1] = px + 10000;
-  sizes[2] = (3 * n + 2) * px + 200 * n * samples + 100 * model + 100000;
-  sizes[3] = 10000;
-  sizes[4] = (5 * n + 3) * px + 100 * n * samples + 100 * model + 100000;
-  sizes[5] = 20 * model + 10000;
-  sizes[6] = (2 * n + 3) * px + 10000;
   return true;
 }
 
@@ -280,138 +279,327 @@ int loadModelFile(const std::string& directory, const std::string& fileName, Mod
       error);
 }
 
-bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
-                     const std::string& headerComment, std::string& error) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
+// ================================================================ strict check
+namespace {
+
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+// A configuration file walked the way FileParser walks it: item lines
+// (before each, lines whose first character is '#' are skipped) and
+// free-format tokens on one position, so that the check sees the very values
+// the parser takes. Every failing call leaves "<path>:<line>: ..." in error.
+class StrictFile {
+ public:
+  std::string error;
+
+  bool open(const std::string& path) {
+    m_path = path;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return fault("cannot open the file");
+    std::stringstream text;
+    text << in.rdbuf();
+    m_text = text.str();
+    return true;
+  }
+  bool fault(const std::string& what) {
+    error = m_path + ":" + std::to_string(m_at) + ": " + what;
     return false;
   }
-  if (!headerComment.empty()) fprintf(f, "# %s\n", headerComment.c_str());
-  fprintf(f, "# number of cameras\n%d\n", (int)cameras.size());
-  for (size_t i = 0; i < cameras.size(); i++) {
-    const CameraConfig& c = cameras[i];
-    fprintf(f, "# ---- cam %d ----\n# image width, height [pixels]\n%d %d\n", (int)i, c.width,
-            c.height);
-    fprintf(f, "# near and far clipping depth\n%.12g %.12g\n", c.zNear, c.zFar);
-    fprintf(f, "# fx fy cx cy skew [pixels]\n%.12g %.12g %.12g %.12g %.12g\n", c.fx, c.fy, c.cx,
-            c.cy, c.skew);
-    fprintf(f, "# distortion k1 k2 p1 p2 k3\n%.12g %.12g %.12g %.12g %.12g\n", c.dist[0], c.dist[1],
-            c.dist[2], c.dist[3], c.dist[4]);
-    fprintf(f, "# camera pose in the tool frame: first three rows of the 4x4 transform\n");
-    writeRows(f, c.toolFromCamera.data());
-    fprintf(f, "# number of mask polygons\n%d\n", (int)c.masks.size());
-    for (const std::vector<double>& m : c.masks) {
-      fprintf(f, "%d", (int)m.size() / 2);
-      for (size_t k = 0; k + 1 < m.size(); k += 2) fprintf(f, "  %.12g %.12g", m[k], m[k + 1]);
-      fprintf(f, "\n");
+  // The next item line, without its line end.
+  bool item(std::string& line) {
+    do {
+      if (m_pos >= m_text.size()) return fault("unexpected end of file");
+      line = restOfLine();
+    } while (line[0] == '#');
+    return true;
+  }
+  // Reads and forgets one line.
+  void skipLine() {
+    if (m_pos < m_text.size()) restOfLine();
+  }
+  // The next blank-separated token; with comments, a token starting with
+  // '#' drops the rest of its line.
+  bool token(std::string& t, bool comments = false) {
+    for (;;) {
+      while (m_pos < m_text.size() && isBlank(m_text[m_pos])) m_line += m_text[m_pos++] == '\n';
+      m_at = m_line;
+      if (m_pos >= m_text.size()) return fault("unexpected end of file");
+      const size_t start = m_pos;
+      while (m_pos < m_text.size() && !isBlank(m_text[m_pos])) m_pos++;
+      t = m_text.substr(start, m_pos - start);
+      if (!comments || t[0] != '#') return true;
+      restOfLine();
     }
   }
-  const bool ok = fclose(f) == 0;
-  if (!ok) error = "cannot write " + path;
+  // The rest of the current line holds nothing but blanks or a comment.
+  bool restIsBlank() {
+    const std::string rest = restOfLine();
+    return emptyOrComment(rest, 0) || fault("unexpected \"" + rest + "\" after the values");
+  }
+  // Only blanks follow (body files), or only blank and comment lines.
+  bool atEnd() {
+    std::string t;
+    return !token(t) || fault("unexpected \"" + t + "\" after the last value");
+  }
+  bool onlyCommentsLeft() {
+    while (m_pos < m_text.size()) {
+      const std::string line = restOfLine();
+      if (!emptyOrComment(line, 0)) return fault("unexpected \"" + line + "\" after the last item");
+    }
+    return true;
+  }
+  // `t` scans completely as an int (first gets it) or a double.
+  bool number(const std::string& t, bool isInt, long long* first, const std::string& line) {
+    char* end = nullptr;
+    errno = 0;
+    const long long v = isInt ? strtoll(t.c_str(), &end, 10) : 0;
+    if (!isInt) strtod(t.c_str(), &end);
+    const std::string in = line.empty() ? "" : " in \"" + line + "\"";
+    if (t.empty() || *end != '\0')
+      return fault("\"" + t + "\" is not " + (isInt ? "an integer" : "a number") + in);
+    if (isInt && (errno == ERANGE || v < INT_MIN || v > INT_MAX))
+      return fault("\"" + t + "\" is outside the int range" + in);
+    if (first != nullptr) *first = v;
+    return true;
+  }
+  // n numbers at the start of line, then nothing but a comment.
+  bool numbers(const std::string& line, int n, bool isInt, long long* first = nullptr) {
+    std::istringstream in(line);
+    std::string t;
+    for (int i = 0; i < n; i++) {
+      if (!(in >> t))
+        return fault("expected " + std::to_string(n) + (n > 1 ? " values" : " value") + ", found " +
+                     std::to_string(i) + " in \"" + line + "\"");
+      if (!number(t, isInt, i == 0 ? first : nullptr, line)) return false;
+    }
+    in >> std::ws;
+    return emptyOrComment(line, in.eof() ? line.size() : (size_t)in.tellg()) ||
+           fault("unexpected text after " + std::to_string(n) + (n > 1 ? " values" : " value") +
+                 " in \"" + line + "\"");
+  }
+  // `keyword` (unless null), then n number tokens.
+  bool keyword(const char* keyword, int n, bool isInt, long long* first = nullptr) {
+    std::string t;
+    if (keyword != nullptr) {
+      if (!token(t)) return false;
+      if (t != keyword)
+        return fault("expected \"" + std::string(keyword) + "\", found \"" + t + "\"");
+    }
+    for (int i = 0; i < n; i++) {
+      if (!token(t) || !number(t, isInt, i == 0 ? first : nullptr, "")) return false;
+    }
+    return true;
+  }
+
+ private:
+  static bool emptyOrComment(const std::string& text, size_t from) {
+    while (from < text.size() && isBlank(text[from])) from++;
+    return from == text.size() || text[from] == '#';
+  }
+  // Consumes the current line up to its end; returns it without the line end.
+  std::string restOfLine() {
+    m_at = m_line;
+    const size_t end = std::min(m_text.find('\n', m_pos), m_text.size());
+    std::string line = m_text.substr(m_pos, end - m_pos);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    m_pos = end + 1;
+    m_line++;
+    return line;
+  }
+
+  std::string m_path, m_text;
+  size_t m_pos = 0;
+  int m_line = 1;  // line of m_pos
+  int m_at = 1;    // line of the last item or token, for the messages
+};
+
+bool strictBodyFile(StrictFile& f, bool polyhedron) {
+  long long n = 0, k = 0;
+  if (!f.keyword("nv", 1, true, &n)) return false;
+  for (long long v = 0; v < n; v++)
+    if (!f.keyword("v", 3, false)) return false;
+  if (!f.keyword(polyhedron ? "nf" : "ne", 1, true, &n)) return false;
+  for (long long i = 0; i < n; i++) {
+    if (!polyhedron && !f.keyword("e", 2, true)) return false;
+    if (polyhedron && (!f.keyword("f", 1, true, &k) || !f.keyword(nullptr, (int)k, true)))
+      return false;
+  }
+  return f.atEnd();
+}
+
+bool strictCameraFile(StrictFile& f) {
+  std::string line, t;
+  long long nCameras = 0, n = 0;
+  if (!f.item(line) || !f.numbers(line, 1, true, &nCameras)) return false;
+  // width height, depths, intrinsics, distortion, calibration, mask count
+  const int items[6][2] = {{2, 1}, {2, 0}, {5, 0}, {5, 0}, {12, 0}, {1, 1}};
+  for (long long c = 0; c < nCameras; c++) {
+    for (const auto& it : items)
+      if (!f.item(line) || !f.numbers(line, it[0], it[1] != 0, &n)) return false;
+    for (long long p = 0, nMasks = n; p < nMasks; p++) {
+      if (!f.token(t, true) || !f.number(t, true, &n, "")) return false;
+      if (!f.keyword(nullptr, (int)(2 * std::max(0LL, n)), false) || !f.restIsBlank()) return false;
+    }
+  }
+  return f.onlyCommentsLeft();
+}
+
+bool strictTrackerFile(StrictFile& f) {
+  // Values per item and whether they are integers, as FileParser reads them.
+  const int items[16][2] = {{1, 1}, {1, 0}, {1, 1}, {1, 0}, {1, 1}, {2, 1}, {1, 0}, {1, 1},
+                            {2, 0}, {2, 0}, {2, 0}, {1, 0}, {2, 0}, {2, 0}, {2, 0}, {1, 0}};
+  std::string line;
+  for (const auto& it : items)
+    if (!f.item(line) || !f.numbers(line, it[0], it[1] != 0)) return false;
+  return f.onlyCommentsLeft();
+}
+
+bool strictModelFile(StrictFile& f, const std::string& directory) {
+  std::string line, name;
+  long long n = 0;
+  if (!f.item(line) || !f.numbers(line, 1, true, &n)) return false;
+  for (long long i = 0; i < n; i++)
+    if (!f.item(line) || !f.numbers(line, 12, false)) return false;
+  if (!f.item(line) || !f.numbers(line, 1, true, &n)) return false;
+  for (long long b = 0; b < n; b++) {
+    if (!f.item(line)) return false;
+    if (line[0] == 'P') {
+      long long flat = 0;
+      if (!f.item(line) || !f.numbers(line, 1, true, &flat)) return false;
+      // The parser looks at the first character only.
+      if ((flat != 0 && flat != 1) || line[0] != '0' + flat)
+        return f.fault("the flat flag must be 0 or 1 at the start of the line: \"" + line + "\"");
+      if (!f.item(line) || !f.numbers(line, 1, false) || !f.item(name)) return false;
+      if (!checkBodyFileStrictly(joinPath(directory, name), true, f.error)) return false;
+      f.skipLine();
+    } else if (line[0] == 'L') {
+      if (!f.item(line) || !f.numbers(line, 2, true) || !f.token(name)) return false;
+      if (!checkBodyFileStrictly(joinPath(directory, name), false, f.error) || !f.restIsBlank())
+        return false;
+    } else if (line[0] == 'C') {
+      if (!f.item(line) || !f.numbers(line, 1, false)) return false;
+      for (int v = 0; v < 4; v++)
+        if (!f.item(line) || !f.numbers(line, 3, false)) return false;
+    } else {
+      return f.fault("unknown body type in \"" + line + "\" (P, L or C)");
+    }
+  }
+  return f.onlyCommentsLeft();
+}
+
+}  // namespace
+
+bool checkConfigFilesStrictly(const std::string& directory, const std::string& cameraFile,
+                              const std::string& trackerFile, const std::string& modelFile,
+                              std::string& error) {
+  StrictFile camera, tracker, model;
+  const bool ok = camera.open(joinPath(directory, cameraFile)) && strictCameraFile(camera) &&
+                  tracker.open(joinPath(directory, trackerFile)) && strictTrackerFile(tracker) &&
+                  model.open(joinPath(directory, modelFile)) && strictModelFile(model, directory);
+  error = camera.error + tracker.error + model.error;  // the one that failed
   return ok;
+}
+
+bool checkBodyFileStrictly(const std::string& path, bool polyhedron, std::string& error) {
+  StrictFile f;
+  const bool ok = f.open(path) && strictBodyFile(f, polyhedron);
+  error = f.error;
+  return ok;
+}
+
+bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
+                     const std::string& headerComment, std::string& error) {
+  return writeCommentedFile(path, headerComment, error, [&cameras](FILE* f) {
+    fprintf(f, "# number of cameras\n%d\n", (int)cameras.size());
+    for (size_t i = 0; i < cameras.size(); i++) {
+      const CameraConfig& c = cameras[i];
+      fprintf(f, "# ---- cam %d ----\n# image width, height [pixels]\n%d %d\n", (int)i, c.width,
+              c.height);
+      fprintf(f, "# near and far clipping depth\n%.12g %.12g\n", c.zNear, c.zFar);
+      fprintf(f, "# fx fy cx cy skew [pixels]\n%.12g %.12g %.12g %.12g %.12g\n", c.fx, c.fy, c.cx,
+              c.cy, c.skew);
+      fprintf(f, "# distortion k1 k2 p1 p2 k3\n%.12g %.12g %.12g %.12g %.12g\n", c.dist[0],
+              c.dist[1], c.dist[2], c.dist[3], c.dist[4]);
+      fprintf(f, "# camera pose in the tool frame: first three rows of the 4x4 transform\n");
+      writeRows(f, c.toolFromCamera.data());
+      fprintf(f, "# number of mask polygons\n%d\n", (int)c.masks.size());
+      for (const std::vector<double>& m : c.masks) {
+        fprintf(f, "%d", (int)m.size() / 2);
+        for (size_t k = 0; k + 1 < m.size(); k += 2) fprintf(f, "  %.12g %.12g", m[k], m[k + 1]);
+        fprintf(f, "\n");
+      }
+    }
+  });
 }
 
 bool writeModelFile(const std::string& directory, const std::string& fileName,
                     const ModelConfig& model, std::string& error) {
-  const std::string path = joinPath(directory, fileName);
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  bool ok = true;
-  fprintf(f, "# number of local frames\n%d\n", (int)model.localFrames.size());
-  for (const Pose& T : model.localFrames) writeRows(f, T.data());
-  fprintf(f, "# number of bodies\n%d\n", (int)model.bodies.size());
-  for (size_t b = 0; b < model.bodies.size() && ok; b++) {
+  // The geometry files first, then the model file naming them.
+  std::vector<std::string> bodyFiles;
+  for (size_t b = 0; b < model.bodies.size(); b++) {
     const BodyConfig& body = model.bodies[b];
-    const std::string bodyFile = stemOf(fileName) + "_body" + std::to_string(b + 1) +
-                                 (body.type == 0 ? "_polyhedron.txt" : "_polyline.txt");
-    if (body.type == 2) {
-      fprintf(f, "C body %d: cylinder\n%.12g\n", (int)b + 1, body.cylinder[0]);
-      for (int k = 0; k < 4; k++)
-        fprintf(f, "%.12g %.12g %.12g\n", body.cylinder[1 + 3 * k], body.cylinder[2 + 3 * k],
-                body.cylinder[3 + 3 * k]);
-      continue;
-    }
-    const std::vector<double>& v = body.mesh.vertices;
-    FILE* g = fopen(joinPath(directory, bodyFile).c_str(), "w");
-    if (g == nullptr) {
-      error = "cannot write " + joinPath(directory, bodyFile) + ": " + strerror(errno);
-      ok = false;
-      break;
-    }
-    fprintf(g, "nv %d\n", (int)v.size() / 3);
-    for (size_t k = 0; k + 2 < v.size(); k += 3)
-      fprintf(g, "v %.12g %.12g %.12g\n", v[k], v[k + 1], v[k + 2]);
-    if (body.type == 0) {
-      fprintf(g, "nf %d\n", (int)body.mesh.faceSizes.size());
-      size_t start = 0;
-      for (int size : body.mesh.faceSizes) {
-        fprintf(g, "f %d", size);
-        for (int j = 0; j < size; j++) fprintf(g, " %d", body.mesh.faceIndices[start + j] + 1);
-        fprintf(g, "\n");
-        start += size;
+    bodyFiles.push_back(stemOf(fileName) + "_body" + std::to_string(b + 1) +
+                        (body.type == 0 ? "_polyhedron.txt" : "_polyline.txt"));
+    if (body.type == 2) continue;
+    const std::string bodyPath = joinPath(directory, bodyFiles[b]);
+    const bool ok = writeCommentedFile(bodyPath, "", error, [&body](FILE* g) {
+      const std::vector<double>& v = body.mesh.vertices;
+      fprintf(g, "nv %d\n", (int)v.size() / 3);
+      for (size_t k = 0; k + 2 < v.size(); k += 3)
+        fprintf(g, "v %.12g %.12g %.12g\n", v[k], v[k + 1], v[k + 2]);
+      if (body.type == 0) {
+        fprintf(g, "nf %d\n", (int)body.mesh.faceSizes.size());
+        size_t start = 0;
+        for (int size : body.mesh.faceSizes) {
+          fprintf(g, "f %d", size);
+          for (int j = 0; j < size; j++) fprintf(g, " %d", body.mesh.faceIndices[start++] + 1);
+          fprintf(g, "\n");
+        }
+      } else {
+        fprintf(g, "ne %d\n", (int)body.segments.size() / 2);
+        for (size_t k = 0; k + 1 < body.segments.size(); k += 2)
+          fprintf(g, "e %d %d\n", body.segments[k] + 1, body.segments[k + 1] + 1);
       }
-      fprintf(f, "P body %d: polyhedron\n%d\n%.12g\n%s\n# (spare line after the file name)\n",
-              (int)b + 1, body.flat ? 1 : 0, body.featureAngle, bodyFile.c_str());
-    } else {
-      fprintf(g, "ne %d\n", (int)body.segments.size() / 2);
-      for (size_t k = 0; k + 1 < body.segments.size(); k += 2)
-        fprintf(g, "e %d %d\n", body.segments[k] + 1, body.segments[k + 1] + 1);
-      fprintf(f, "L body %d: polyline\n%d %d\n%s\n", (int)b + 1, body.supportBody + 1,
-              body.supportFace + 1, bodyFile.c_str());
+    });
+    if (!ok) return false;
+  }
+  return writeCommentedFile(joinPath(directory, fileName), "", error, [&](FILE* f) {
+    fprintf(f, "# number of local frames\n%d\n", (int)model.localFrames.size());
+    for (const Pose& T : model.localFrames) writeRows(f, T.data());
+    fprintf(f, "# number of bodies\n%d\n", (int)model.bodies.size());
+    for (size_t b = 0; b < model.bodies.size(); b++) {
+      const BodyConfig& body = model.bodies[b];
+      if (body.type == 0) {
+        fprintf(f, "P body %d: polyhedron\n%d\n%.12g\n%s\n# (spare line after the file name)\n",
+                (int)b + 1, body.flat ? 1 : 0, body.featureAngle, bodyFiles[b].c_str());
+      } else if (body.type == 1) {
+        fprintf(f, "L body %d: polyline\n%d %d\n%s\n", (int)b + 1, body.supportBody + 1,
+                body.supportFace + 1, bodyFiles[b].c_str());
+      } else {
+        fprintf(f, "C body %d: cylinder\n%.12g\n", (int)b + 1, body.cylinder[0]);
+        for (int k = 1; k < 13; k += 3)
+          fprintf(f, "%.12g %.12g %.12g\n", body.cylinder[k], body.cylinder[k + 1],
+                  body.cylinder[k + 2]);
+      }
     }
-    ok = fclose(g) == 0;
-    if (!ok) error = "cannot write " + joinPath(directory, bodyFile);
-  }
-  if (fclose(f) != 0 && ok) {
-    error = "cannot write " + path;
-    ok = false;
-  }
-  return ok;
-}
-
-bool copyFile(const std::string& from, const std::string& to, std::string& error) {
-  std::ifstream in(from, std::ios::binary);
-  if (!in) {
-    error = "cannot read " + from;
-    return false;
-  }
-  std::ofstream out(to, std::ios::binary);
-  out << in.rdbuf();
-  if (!out) {
-    error = "cannot write " + to;
-    return false;
-  }
-  return true;
+  });
 }
 
 double modelSize(const ModelConfig& model, double* centre, double* diagonal) {
-  double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+  std::vector<double> xyz;
   for (const BodyConfig& b : model.bodies) {
     const std::vector<double>& v = b.mesh.vertices;
-    for (size_t k = 0; k + 2 < v.size(); k += 3) {
-      for (int a = 0; a < 3; a++) {
-        lo[a] = std::min(lo[a], v[k + a]);
-        hi[a] = std::max(hi[a], v[k + a]);
-      }
-    }
+    xyz.insert(xyz.end(), v.begin(), v.begin() + v.size() / 3 * 3);
   }
-  if (!(lo[0] <= hi[0])) {
-    if (centre != nullptr) centre[0] = centre[1] = centre[2] = 0.0;
-    if (diagonal != nullptr) *diagonal = 0.0;
-    return 0.0;
-  }
-  if (centre != nullptr) {
-    for (int a = 0; a < 3; a++) centre[a] = 0.5 * (lo[a] + hi[a]);
-  }
-  if (diagonal != nullptr) {
-    const double d[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
-    *diagonal = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-  }
-  return std::max(hi[0] - lo[0], std::max(hi[1] - lo[1], hi[2] - lo[2]));
+  double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+  for (int a = 0; a < 3 && !xyz.empty(); a++)
+    cv::minMaxIdx(cv::Mat((int)xyz.size() / 3, 3, CV_64F, xyz.data()).col(a), &lo[a], &hi[a]);
+  const double d[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
+  for (int a = 0; a < 3 && centre != nullptr; a++) centre[a] = 0.5 * (lo[a] + hi[a]);
+  if (diagonal != nullptr) *diagonal = ZOTtracker::norm(d, 3);
+  return std::max({d[0], d[1], d[2]});
 }
 
 // ================================================================ sequence files
@@ -435,14 +623,14 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
       return false;
     }
     // A rotation that is far from orthonormal is a unit or layout mistake.
-    for (int i = 0; i < 3; i++) {
-      for (int j = 0; j < 3; j++) {
-        double d = 0.0;
-        for (int k = 0; k < 3; k++) d += T[4 * k + i] * T[4 * k + j];
-        if (std::fabs(d - (i == j ? 1.0 : 0.0)) > 1e-3) {
-          error = "the rotation part of the pose is not orthonormal";
-          return false;
-        }
+    double R[9], t[3], Rt[9], RtR[9];
+    ZOTtracker::rotTranslFromT(T.data(), R, t);
+    ZOTtracker::matrixTranspose33(R, Rt);
+    ZOTtracker::matrixProduct333(Rt, R, RtR);
+    for (int k = 0; k < 9; k++) {
+      if (std::fabs(RtR[k] - (k % 4 == 0 ? 1.0 : 0.0)) > 1e-3) {
+        error = "the rotation part of the pose is not orthonormal";
+        return false;
       }
     }
     pose = T;
@@ -459,49 +647,6 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
   error = "a pose needs 16, 12 or 6 numbers, found " + std::to_string(v.size());
   return false;
 }
-
-namespace {
-
-// Calls item(line, error) for every line of `path` that is not skipped as a
-// comment or blank; a false from item stops with "<path>:<line>: <error>".
-template <typename Item>
-bool forEachItemLine(const std::string& path, std::string& error, Item item) {
-  std::ifstream in(path);
-  if (!in) {
-    error = "cannot open " + path;
-    return false;
-  }
-  std::string line;
-  int lineNo = 0;
-  while (std::getline(in, line)) {
-    lineNo++;
-    if (isSkipped(line)) continue;
-    if (!item(line, error)) {
-      error = path + ":" + std::to_string(lineNo) + ": " + error;
-      return false;
-    }
-  }
-  return true;
-}
-
-// Writes an optional "# comment" line, then writeBody(file); reports a file
-// that cannot be opened or closed.
-template <typename Body>
-bool writeCommentedFile(const std::string& path, const std::string& comment, std::string& error,
-                        Body writeBody) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  if (!comment.empty()) fprintf(f, "# %s\n", comment.c_str());
-  writeBody(f);
-  const bool ok = fclose(f) == 0;
-  if (!ok) error = "cannot write " + path;
-  return ok;
-}
-
-}  // namespace
 
 bool readPoseFile(const std::string& path, std::vector<Pose>& poses, std::string& error) {
   poses.clear();
@@ -547,9 +692,7 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
     error = "cannot open " + path;
     return false;
   }
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  const std::string text = buffer.str();
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   const char* const counterKey = "setup_global_array_counter =";
   const size_t key = text.find(counterKey);
   const size_t open = text.find('{');
@@ -559,20 +702,9 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
     return false;
   }
   const long count = std::strtol(text.c_str() + key + strlen(counterKey), nullptr, 10);
-  values.clear();
-  const char* p = text.c_str() + open + 1;
-  const char* const end = text.c_str() + close;
-  while (p < end) {
-    while (p < end && (*p == ' ' || *p == ',' || *p == '\n' || *p == '\r' || *p == '\t')) p++;
-    if (p >= end) break;
-    char* next = nullptr;
-    const double v = std::strtod(p, &next);
-    if (next == p || next > end) {
-      error = path + ": unexpected text in the value list";
-      return false;
-    }
-    values.push_back(v);
-    p = next;
+  if (!numbersOfLine(text.substr(open + 1, close - open - 1), values)) {
+    error = path + ": unexpected text in the value list";
+    return false;
   }
   if ((long)values.size() != count || count <= 0) {
     error = path + ": " + std::to_string(values.size()) + " values, but the counter says " +
@@ -589,29 +721,25 @@ void poseError(const double* estimate, const double* reference, double* translat
                dz = estimate[11] - reference[11];
   *translationError = std::sqrt(dx * dx + dy * dy + dz * dz);
   // trace(R_e^T R_r) = sum of the element-wise products
-  double trace = 0.0;
-  for (int i = 0; i < 3; i++) {
-    for (int j = 0; j < 3; j++) trace += estimate[4 * i + j] * reference[4 * i + j];
-  }
+  using ZOTtracker::dotProd3;
+  const double trace = dotProd3(estimate, reference) + dotProd3(estimate + 4, reference + 4) +
+                       dotProd3(estimate + 8, reference + 8);
   const double c = std::max(-1.0, std::min(1.0, 0.5 * (trace - 1.0)));
   *rotationErrorDeg = std::acos(c) * 57.29577951308232;
 }
 
-bool makeDirectories(const std::string& path) {
-  if (path.empty()) return false;
-  for (size_t pos = 1; pos <= path.size(); pos++) {
-    if (pos == path.size() || path[pos] == '/') {
-      const std::string part = path.substr(0, pos);
-      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-  }
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+double quantile(std::vector<double>& values, double q) {
+  if (values.empty()) return 0.0;
+  std::sort(values.begin(), values.end());
+  const double position = std::min(1.0, std::max(0.0, q)) * (values.size() - 1);
+  const size_t below = (size_t)position;
+  const size_t above = std::min(values.size() - 1, below + 1);
+  return values[below] + (position - below) * (values[above] - values[below]);
 }
 
 bool pathExists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
 }
 
 }  // namespace zot_sim

@@ -55,8 +55,8 @@ struct ModelConfig {
 
 /// Decoders of the setup array sections, through the library's codec
 /// (SetupArray.h); `cursor` moves past the section. Return false with the
-/// codec's message in `error` when the values run out or a count is
-/// impossible, or when there is no camera or no body.
+/// codec's message in `error` when the values run out, a count is
+/// impossible (no camera or no body included) or a value is refused.
 bool decodeCameraSection(const double* array, int count, int& cursor,
                          std::vector<CameraConfig>& cameras, std::string& error);
 bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig& model,
@@ -68,11 +68,6 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
                       std::vector<double>& trackingParameters, ModelConfig& model,
                       std::string& error);
 
-/// Pool sizes (elements for doBigMalloc, in its order Uchar, UcharPtr,
-/// Double, Float, Int, IntPtr, Short) that comfortably hold a tracker set
-/// up from this setup array: the per-camera images, maps and tables, the
-/// sample buffers and the model. False when the camera section is unusable.
-bool poolSizesForSetup(const double* array, int count, size_t* sizes);
 
 /// Reads `directory`/`fileName` with FileParser::parseCameraFile and decodes
 /// the cameras. Returns 0, or the parser's negative code (with its message
@@ -85,6 +80,21 @@ int loadCameraFile(const std::string& directory, const std::string& fileName,
 int loadModelFile(const std::string& directory, const std::string& fileName, ModelConfig& model,
                   std::string& error);
 
+/// Reads the camera, tracker and model files in `directory` (and the
+/// polyhedron and polyline files the model names) item by item as
+/// FileParser does, and checks more strictly than it: every value must scan
+/// completely (the parser reads "6l2.43" as 6), integers must lie within the
+/// int range, the expected number of values must be there with nothing but a
+/// '#' comment after them, a flat flag must be 0 or 1, and nothing but
+/// comments may follow the last item (a body file: nothing at all). Returns
+/// false with "<file>:<line>: <what> in \"<text>\"" in `error` at the
+/// first fault.
+bool checkConfigFilesStrictly(const std::string& directory, const std::string& cameraFile,
+                              const std::string& trackerFile, const std::string& modelFile,
+                              std::string& error);
+/// The same check for one polyhedron (`polyhedron` true) or polyline file.
+bool checkBodyFileStrictly(const std::string& path, bool polyhedron, std::string& error);
+
 /// Writes a commented camera file that parses back to `cameras`. Returns
 /// false with a reason when the file cannot be written.
 bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& cameras,
@@ -95,8 +105,6 @@ bool writeCameraFile(const std::string& path, const std::vector<CameraConfig>& c
 bool writeModelFile(const std::string& directory, const std::string& fileName,
                     const ModelConfig& model, std::string& error);
 
-/// Copies a file byte for byte. Returns false with a reason on failure.
-bool copyFile(const std::string& from, const std::string& to, std::string& error);
 
 /// Largest extent of the axis-aligned bounding box of all polyhedron and
 /// polyline vertices (0 without vertices); `centre` and `diagonal` (either
@@ -131,8 +139,10 @@ bool readSetupHeader(const std::string& path, std::vector<double>& values, std::
 void poseError(const double* estimate, const double* reference, double* translationError,
                double* rotationErrorDeg);
 
-/// Creates a directory and its missing parents; true when it exists afterwards.
-bool makeDirectories(const std::string& path);
+/// The q-quantile (0..1) of the values by linear interpolation between
+/// order statistics; 0 for no values. `values` is sorted in place.
+double quantile(std::vector<double>& values, double q);
+
 /// True when a file or directory exists.
 bool pathExists(const std::string& path);
 

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numeric>
 #include <random>
+#include <opencv2/imgproc.hpp>
 #include <set>
 
 #include "Math.h"
@@ -21,34 +23,10 @@ constexpr double kDeg = kPi / 180.0;
 // ---------------------------------------------------------------- small pose algebra
 using ZOTtracker::crossProd;
 using ZOTtracker::inverseTransform;
-using ZOTtracker::matrixIdentity;
 using ZOTtracker::matrixProduct444;
+using ZOTtracker::TfromEuler;
 
 void normalise3(double* v) { ZOTtracker::normalize(v, 3, 1); }
-
-// Rotation by angle (degrees) about axis 0, 1 or 2.
-void rotation(int axis, double deg, double* T) {
-  matrixIdentity(T, 4);
-  const double c = std::cos(deg * kDeg), s = std::sin(deg * kDeg);
-  const int a = (axis + 1) % 3, b = (axis + 2) % 3;
-  T[4 * a + a] = c;
-  T[4 * a + b] = -s;
-  T[4 * b + a] = s;
-  T[4 * b + b] = c;
-}
-
-void translation(double x, double y, double z, double* T) {
-  matrixIdentity(T, 4);
-  T[3] = x;
-  T[7] = y;
-  T[11] = z;
-}
-
-void chain(double* T, const double* B) {  // T <- T * B
-  double C[16];
-  matrixProduct444(T, B, C);
-  std::copy(C, C + 16, T);
-}
 
 // Tool pose looking from eye at target, image "down" towards the table,
 // then turned by roll about the viewing axis.
@@ -56,24 +34,15 @@ void lookAt(const double* eye, const double* target, double rollDeg, double* T) 
   double z[3] = {target[0] - eye[0], target[1] - eye[1], target[2] - eye[2]};
   normalise3(z);
   const double down[3] = {0.0, 0.0, -1.0};
-  double x[3], y[3];
+  double x[3], y[3], R[9], look[16], roll[16];
   crossProd(down, z, x);
-  if (x[0] * x[0] + x[1] * x[1] + x[2] * x[2] < 1e-12) {
-    x[0] = 1.0;  // straight down: any horizontal x
-    x[1] = x[2] = 0.0;
-  }
+  if (x[0] * x[0] + x[1] * x[1] + x[2] * x[2] < 1e-12) x[0] = 1.0;  // straight down: any x
   normalise3(x);
   crossProd(z, x, y);
-  matrixIdentity(T, 4);
-  for (int i = 0; i < 3; i++) {
-    T[4 * i] = x[i];
-    T[4 * i + 1] = y[i];
-    T[4 * i + 2] = z[i];
-    T[4 * i + 3] = eye[i];
-  }
-  double roll[16];
-  rotation(2, rollDeg, roll);
-  chain(T, roll);
+  for (int i = 0; i < 3; i++) R[3 * i] = x[i], R[3 * i + 1] = y[i], R[3 * i + 2] = z[i];
+  ZOTtracker::TfromRotTransl(R, eye, look);
+  TfromEuler(roll, 0.0, 0.0, -rollDeg, 0.0, 0.0, 0.0);  // its factors turn the other way
+  matrixProduct444(look, roll, T);
 }
 
 // 0 at rest, rising smoothly to 1 over the first second of motion.
@@ -86,50 +55,20 @@ double wave(double t, double period, double phase) {
   return std::sin(2.0 * kPi * t / period + phase);
 }
 
-// ---------------------------------------------------------------- table clutter
-struct Shape {
-  int kind;  // 0 rectangle, 1 disc, 2 ring
-  double cx, cy, a, b, angle;
-  unsigned char grey;
-  bool inside(double x, double y) const {
-    const double dx = x - cx, dy = y - cy;
-    const double c = std::cos(angle), s = std::sin(angle);
-    const double u = c * dx + s * dy, v = -s * dx + c * dy;
-    if (kind == 0) return std::fabs(u) <= a && std::fabs(v) <= b;
-    const double r2 = u * u + v * v;
-    if (kind == 1) return r2 <= a * a;
-    return r2 <= a * a && r2 >= b * b;
-  }
-  double radius() const { return kind == 0 ? std::sqrt(a * a + b * b) : a; }
-};
+unsigned char toByte(double v) { return cv::saturate_cast<unsigned char>(v); }
 
-unsigned char toByte(double v) {
-  if (!(v > 0.0)) return 0;
-  if (v >= 255.0) return 255;
-  return (unsigned char)(v + 0.5);
-}
-
-bool insidePolygon(const std::vector<double>& uv, double x, double y) {
-  bool inside = false;
-  const size_t n = uv.size() / 2;
-  for (size_t k = 0, j = n - 1; k < n; j = k++) {
-    const double xk = uv[2 * k], yk = uv[2 * k + 1], xj = uv[2 * j], yj = uv[2 * j + 1];
-    if ((yk > y) != (yj > y) && x < (xj - xk) * (y - yk) / (yj - yk) + xk) inside = !inside;
+// The undistorted normalised ray (x, y) through every pixel centre, row by row.
+std::vector<float> pixelRays(const CameraConfig& cam) {
+  std::vector<float> rays(2 * (size_t)cam.width * cam.height);
+  for (int y = 0; y < cam.height; y++) {
+    for (int x = 0; x < cam.width; x++) {
+      double xn, yn;
+      undistortNormalized(cam.dist, (x - cam.cx) / cam.fx, (y - cam.cy) / cam.fy, &xn, &yn);
+      rays[2 * ((size_t)y * cam.width + x)] = (float)xn;
+      rays[2 * ((size_t)y * cam.width + x) + 1] = (float)yn;
+    }
   }
-  return inside;
-}
-
-// Newell normal of a polygon given by vertex indices into v.
-void polygonNormal(const std::vector<double>& v, const int* idx, int n, double* normal) {
-  normal[0] = normal[1] = normal[2] = 0.0;
-  for (int k = 0; k < n; k++) {
-    const double* a = &v[3 * idx[k]];
-    const double* b = &v[3 * idx[(k + 1) % n]];
-    normal[0] += (a[1] - b[1]) * (a[2] + b[2]);
-    normal[1] += (a[2] - b[2]) * (a[0] + b[0]);
-    normal[2] += (a[0] - b[0]) * (a[1] + b[1]);
-  }
-  normalise3(normal);
+  return rays;
 }
 
 // Four tones, 55 grey levels apart; the shading adds at most 15 on top.
@@ -201,17 +140,12 @@ std::vector<double> faceTones(const Mesh& m) {
 }  // namespace
 
 bool parseMotion(const std::string& text, Motion& motion) {
-  if (text == "none")
-    motion = Motion::None;
-  else if (text == "object")
-    motion = Motion::Object;
-  else if (text == "tool")
-    motion = Motion::Tool;
-  else if (text == "both")
-    motion = Motion::Both;
-  else
-    return false;
-  return true;
+  static const std::map<std::string, Motion> names = {
+      {"none", Motion::None}, {"object", Motion::Object}, {"tool", Motion::Tool},
+      {"both", Motion::Both}};
+  const auto it = names.find(text);
+  if (it != names.end()) motion = it->second;
+  return it != names.end();
 }
 
 // ================================================================ set-up
@@ -229,30 +163,14 @@ SequenceRenderer::SequenceRenderer(const std::vector<CameraConfig>& cameras,
 
   for (size_t c = 0; c < m_cameras.size(); c++) {
     const CameraConfig& cam = m_cameras[c];
-    RenderCamera rc;
-    rc.width = cam.width;
-    rc.height = cam.height;
-    const double K[9] = {cam.fx, 0.0, cam.cx, 0.0, cam.fy, cam.cy, 0.0, 0.0, 1.0};
-    std::copy(K, K + 9, rc.K);
-    std::copy(cam.dist, cam.dist + 5, rc.dist);
-    m_renderCameras.push_back(rc);
+    m_renderCameras.push_back(renderCameraOf(cam));
     if (cam.skew != 0.0) {
       m_warnings.push_back("cam " + std::to_string(c) + ": skew is not rendered");
     }
     Pose camFromTool;
     inverseTransform(cam.toolFromCamera.data(), camFromTool.data());
     m_cameraFromTool.push_back(camFromTool);
-    // Undistorted normalised ray through every pixel centre.
-    std::vector<float> rays(2 * (size_t)cam.width * cam.height);
-    for (int y = 0; y < cam.height; y++) {
-      for (int x = 0; x < cam.width; x++) {
-        double xn, yn;
-        undistortNormalized(cam.dist, (x - cam.cx) / cam.fx, (y - cam.cy) / cam.fy, &xn, &yn);
-        rays[2 * ((size_t)y * cam.width + x)] = (float)xn;
-        rays[2 * ((size_t)y * cam.width + x) + 1] = (float)yn;
-      }
-    }
-    m_rays.push_back(std::move(rays));
+    m_rays.push_back(pixelRays(cam));
   }
   for (size_t b = 0; b < model.bodies.size(); b++) {
     const BodyConfig& body = model.bodies[b];
@@ -278,22 +196,19 @@ void SequenceRenderer::buildPaints(const ModelConfig& model) {
     const std::vector<double>& v = body.mesh.vertices;
     // Normal of the supporting face, when there is one.
     double faceNormal[3] = {0.0, 0.0, 0.0}, tone = 45.0;
-    bool supported = false;
-    if (body.supportBody >= 0 && body.supportBody < (int)model.bodies.size() &&
-        model.bodies[body.supportBody].type == 0) {
-      const Mesh& support = model.bodies[body.supportBody].mesh;
-      int start = 0;
-      for (int f = 0; f < (int)support.faceSizes.size(); f++) {
-        if (f == body.supportFace) {
-          polygonNormal(support.vertices, &support.faceIndices[start], support.faceSizes[f],
-                        faceNormal);
-          supported = true;
-          // Dark ink on a bright face, bright ink on a dark one.
-          const double faceTone = faceTones(support)[f];
-          tone = faceTone >= 150.0 ? faceTone - 120.0 : faceTone + 100.0;
-        }
-        start += support.faceSizes[f];
-      }
+    const int f = body.supportFace;
+    const Mesh* support = body.supportBody >= 0 && body.supportBody < (int)model.bodies.size() &&
+                                  model.bodies[body.supportBody].type == 0
+                              ? &model.bodies[body.supportBody].mesh
+                              : nullptr;
+    const bool supported = support != nullptr && f >= 0 && f < (int)support->faceSizes.size();
+    if (supported) {
+      const std::vector<int>& sizes = support->faceSizes;
+      const int start = std::accumulate(sizes.begin(), sizes.begin() + f, 0);
+      polygonNormal(support->vertices, &support->faceIndices[start], sizes[f], faceNormal);
+      // Dark ink on a bright face, bright ink on a dark one.
+      const double faceTone = faceTones(*support)[f];
+      tone = faceTone >= 150.0 ? faceTone - 120.0 : faceTone + 100.0;
     }
     // Loops: every vertex in a component has exactly two segments.
     std::map<int, std::vector<int>> neighbours;
@@ -383,64 +298,59 @@ void SequenceRenderer::buildPaints(const ModelConfig& model) {
 }
 
 // The table: a square texture around the object, with random shapes in
-// many greys (cluttered) or a faint gradient (plain).
+// many greys (cluttered) or a faint gradient (plain). Texel (i, j) is
+// centred at ((i + 0.5) - side / 2, (j + 0.5) - side / 2) texel sizes.
 void SequenceRenderer::buildTable() {
   m_textureSide = 2048;
   const double half = 4.0 * m_distance;
   m_texelSize = 2.0 * half / m_textureSide;
   m_texture.assign((size_t)m_textureSide * m_textureSide, 0);
-  for (int j = 0; j < m_textureSide; j++) {
-    for (int i = 0; i < m_textureSide; i++) {
-      const double x = (i - m_textureSide / 2) * m_texelSize;
-      m_texture[(size_t)j * m_textureSide + i] = toByte(30.0 + 8.0 * x / half);
-    }
-  }
+  cv::Mat texture(m_textureSide, m_textureSide, CV_8U, m_texture.data());
+  for (int i = 0; i < m_textureSide; i++)
+    texture.col(i).setTo(toByte(30.0 + 8.0 * (i - m_textureSide / 2) * m_texelSize / half));
   if (!m_plan.clutter) return;
   std::mt19937_64 rng(m_plan.seed * 7919 + 17);
   std::uniform_real_distribution<double> unit(0.0, 1.0);
-  std::vector<Shape> shapes;
   const double spread = 2.5 * m_distance, S = m_size;
+  constexpr int kShift = 4, kOne = 1 << kShift;  // sub-texel drawing precision
+  // Texture coordinates of a table point, in 1 / kOne texels.
+  auto texel = [&](double x, double y) {
+    const double o = m_textureSide / 2 - 0.5;
+    return cv::Point((int)std::lround((x / m_texelSize + o) * kOne),
+                     (int)std::lround((y / m_texelSize + o) * kOne));
+  };
+  // Painter's order, anti-aliased: rectangles (some long and thin like
+  // cables and strips), discs and rings.
   for (int k = 0; k < 260; k++) {
-    Shape s;
     const double r = unit(rng);
-    s.kind = r < 0.55 ? 0 : (r < 0.85 ? 1 : 2);
-    s.cx = (2.0 * unit(rng) - 1.0) * spread;
-    s.cy = (2.0 * unit(rng) - 1.0) * spread;
-    s.angle = unit(rng) * kPi;
-    s.grey = (unsigned char)(15 + 165 * unit(rng));
-    if (s.kind == 0 && unit(rng) < 0.3) {  // cables and strips
-      s.a = S * (0.6 + 1.6 * unit(rng));
-      s.b = S * (0.01 + 0.03 * unit(rng));
-    } else if (s.kind == 0) {
-      s.a = S * (0.08 + 0.5 * unit(rng));
-      s.b = S * (0.08 + 0.4 * unit(rng));
+    const int kind = r < 0.55 ? 0 : (r < 0.85 ? 1 : 2);
+    const double cx = (2.0 * unit(rng) - 1.0) * spread, cy = (2.0 * unit(rng) - 1.0) * spread;
+    const double angle = unit(rng) * kPi;
+    const cv::Scalar grey((int)(15 + 165 * unit(rng)));
+    double a, b;
+    if (kind == 0 && unit(rng) < 0.3) {
+      a = S * (0.6 + 1.6 * unit(rng));
+      b = S * (0.01 + 0.03 * unit(rng));
+    } else if (kind == 0) {
+      a = S * (0.08 + 0.5 * unit(rng));
+      b = S * (0.08 + 0.4 * unit(rng));
     } else {
-      s.a = S * (0.05 + 0.35 * unit(rng));
-      s.b = s.a * (0.4 + 0.4 * unit(rng));
+      a = S * (0.05 + 0.35 * unit(rng));
+      b = a * (0.4 + 0.4 * unit(rng));
     }
-    shapes.push_back(s);
-  }
-  // Painter's order with 2 x 2 samples per texel at shape borders.
-  for (const Shape& s : shapes) {
-    const double r = s.radius();
-    const int i0 = std::max(0, (int)((s.cx - r) / m_texelSize) + m_textureSide / 2 - 1);
-    const int i1 =
-        std::min(m_textureSide - 1, (int)((s.cx + r) / m_texelSize) + m_textureSide / 2 + 1);
-    const int j0 = std::max(0, (int)((s.cy - r) / m_texelSize) + m_textureSide / 2 - 1);
-    const int j1 =
-        std::min(m_textureSide - 1, (int)((s.cy + r) / m_texelSize) + m_textureSide / 2 + 1);
-    for (int j = j0; j <= j1; j++) {
-      for (int i = i0; i <= i1; i++) {
-        int hits = 0;
-        for (int sub = 0; sub < 4; sub++) {
-          const double x = (i - m_textureSide / 2 + 0.25 + 0.5 * (sub & 1)) * m_texelSize;
-          const double y = (j - m_textureSide / 2 + 0.25 + 0.5 * (sub >> 1)) * m_texelSize;
-          if (s.inside(x, y)) hits++;
-        }
-        if (hits == 0) continue;
-        unsigned char& t = m_texture[(size_t)j * m_textureSide + i];
-        t = toByte((hits * s.grey + (4 - hits) * t) / 4.0);
-      }
+    if (kind == 0) {
+      const double c = std::cos(angle), s = std::sin(angle);
+      const double uv[4][2] = {{-a, -b}, {-a, b}, {a, b}, {a, -b}};
+      std::vector<cv::Point> corners;
+      for (const auto& q : uv)
+        corners.push_back(texel(cx + c * q[0] - s * q[1], cy + s * q[0] + c * q[1]));
+      cv::fillConvexPoly(texture, corners, grey, cv::LINE_AA, kShift);
+    } else {
+      const int thickness =
+          kind == 1 ? cv::FILLED : std::max(1, (int)std::lround((a - b) / m_texelSize));
+      const double radius = kind == 1 ? a : 0.5 * (a + b);
+      cv::circle(texture, texel(cx, cy), (int)std::lround(radius / m_texelSize * kOne), grey,
+                 thickness, cv::LINE_AA, kShift);
     }
   }
 }
@@ -466,18 +376,14 @@ void SequenceRenderer::poses(int frame, double* toolWorld, double* objectWorld,
   const bool objectMoves = m_plan.motion == Motion::Object || m_plan.motion == Motion::Both;
   const bool toolMoves = m_plan.motion == Motion::Tool || m_plan.motion == Motion::Both;
   const double S = m_size;
-  double To[16], step[16];
   const double eo = objectMoves ? e : 0.0, et = toolMoves ? e : 0.0;
-  translation(eo * 0.18 * S * wave(t, 5.0, 0.0), eo * 0.12 * S * wave(t, 7.0, 1.0),
-              eo * 0.06 * S * wave(t, 4.0, 2.0), To);
-  rotation(2, eo * 25.0 * wave(t, 6.0, 0.5), step);
-  chain(To, step);
-  rotation(0, eo * 10.0 * wave(t, 4.5, 1.5), step);
-  chain(To, step);
-  rotation(1, eo * 12.0 * wave(t, 5.5, 2.5), step);
-  chain(To, step);
-  translation(-m_centre[0], -m_centre[1], -m_centre[2], step);
-  chain(To, step);
+  // Rz Rx Ry about the box centre; TfromEuler's factors turn the other way.
+  double To[16], moved[16], centred[16];
+  TfromEuler(moved, -eo * 10.0 * wave(t, 4.5, 1.5), -eo * 12.0 * wave(t, 5.5, 2.5),
+             -eo * 25.0 * wave(t, 6.0, 0.5), eo * 0.18 * S * wave(t, 5.0, 0.0),
+             eo * 0.12 * S * wave(t, 7.0, 1.0), eo * 0.06 * S * wave(t, 4.0, 2.0));
+  TfromEuler(centred, 0.0, 0.0, 0.0, -m_centre[0], -m_centre[1], -m_centre[2]);
+  matrixProduct444(moved, centred, To);
 
   const double az = (m_plan.azimuthDeg + et * 20.0 * wave(t, 6.5, 0.3)) * kDeg;
   const double el = (m_plan.elevationDeg + et * 8.0 * wave(t, 5.0, 1.2)) * kDeg;
@@ -539,13 +445,9 @@ void SequenceRenderer::renderCamera(int cam, int frame, const double* toolWorld,
 
   // Object: the faces' tones plus a little Lambertian shading from a light
   // at the camera and a key light fixed in the world.
-  double key[3] = {-0.5, -0.3, 0.81};
+  double key[4] = {-0.5, -0.3, 0.81, 0.0}, keyCam[3];  // a direction: no translation
   normalise3(key);
-  double keyCam[3];
-  for (int i = 0; i < 3; i++) {
-    keyCam[i] = camFromWorld[4 * i] * key[0] + camFromWorld[4 * i + 1] * key[1] +
-                camFromWorld[4 * i + 2] * key[2];
-  }
+  ZOTtracker::matrixProduct341(camFromWorld, key, keyCam);
   const double headlight[3] = {0.0, 0.0, -1.0};
   std::vector<RenderObject> objects;
   auto shade = [&](const Mesh& mesh, const std::vector<double>& tones) {
@@ -565,65 +467,46 @@ void SequenceRenderer::renderCamera(int cam, int frame, const double* toolWorld,
 
   // Mask polygons: something dark and near (a gripper finger) in front of
   // everything, fixed in the image.
-  for (const std::vector<double>& m : c.masks) {
-    if (m.size() < 6) continue;
-    double x0 = w, y0 = h, x1 = 0, y1 = 0;
-    for (size_t k = 0; k + 1 < m.size(); k += 2) {
-      x0 = std::min(x0, m[k]);
-      x1 = std::max(x1, m[k]);
-      y0 = std::min(y0, m[k + 1]);
-      y1 = std::max(y1, m[k + 1]);
-    }
-    for (int y = std::max(0, (int)y0 - 1); y <= std::min(h - 1, (int)y1 + 1); y++) {
-      for (int x = std::max(0, (int)x0 - 1); x <= std::min(w - 1, (int)x1 + 1); x++) {
-        int hits = 0;
-        for (int sub = 0; sub < 4; sub++) {
-          if (insidePolygon(m, x - 0.25 + 0.5 * (sub & 1), y - 0.25 + 0.5 * (sub >> 1))) hits++;
-        }
-        unsigned char& p = image[(size_t)y * w + x];
-        p = toByte((hits * 35.0 + (4 - hits) * p) / 4.0);
-      }
-    }
-  }
-
-  gaussianBlur(image.data(), w, h, m_plan.blur);
-  if (m_plan.noise > 0.0) {
-    std::mt19937_64 rng(m_plan.seed * 1000003ULL + (uint64_t)frame * 31ULL + (uint64_t)cam);
-    std::normal_distribution<double> noise(0.0, m_plan.noise);
-    for (unsigned char& p : image) p = toByte(p + noise(rng));
-  }
+  fillMasks(c, image.data(), 35, true);
+  applySensor(image, w, h, m_plan, frame, cam);
 }
 
-void gaussianBlur(unsigned char* image, int width, int height, double sigma) {
-  if (!(sigma > 0.0) || width <= 0 || height <= 0) return;
-  const int radius = std::max(1, (int)std::ceil(3.0 * sigma));
-  std::vector<double> kernel(2 * radius + 1);
-  double sum = 0.0;
-  for (int k = -radius; k <= radius; k++) {
-    kernel[k + radius] = std::exp(-0.5 * k * k / (sigma * sigma));
-    sum += kernel[k + radius];
+RenderCamera renderCameraOf(const CameraConfig& cam) {
+  RenderCamera rc;
+  rc.width = cam.width;
+  rc.height = cam.height;
+  const double K[9] = {cam.fx, 0.0, cam.cx, 0.0, cam.fy, cam.cy, 0.0, 0.0, 1.0};
+  std::copy(K, K + 9, rc.K);
+  std::copy(cam.dist, cam.dist + 5, rc.dist);
+  return rc;
+}
+
+void fillMasks(const CameraConfig& cam, unsigned char* image, int grey, bool antialiased) {
+  constexpr int kShift = 4;  // sub-pixel precision of the vertices
+  std::vector<std::vector<cv::Point>> polygons;
+  for (const std::vector<double>& m : cam.masks) {
+    if (m.size() < 6) continue;
+    polygons.emplace_back();
+    for (size_t k = 0; k + 1 < m.size(); k += 2)
+      polygons.back().emplace_back((int)std::lround(m[k] * (1 << kShift)),
+                                   (int)std::lround(m[k + 1] * (1 << kShift)));
   }
-  for (double& k : kernel) k /= sum;
-  std::vector<double> tmp((size_t)width * height);
-  for (int y = 0; y < height; y++) {  // horizontal, borders clamped
-    for (int x = 0; x < width; x++) {
-      double s = 0.0;
-      for (int k = -radius; k <= radius; k++) {
-        const int xx = std::min(width - 1, std::max(0, x + k));
-        s += kernel[k + radius] * image[(size_t)y * width + xx];
-      }
-      tmp[(size_t)y * width + x] = s;
-    }
+  cv::Mat picture(cam.height, cam.width, CV_8U, image);
+  cv::fillPoly(picture, polygons, cv::Scalar(grey), antialiased ? cv::LINE_AA : cv::LINE_8, kShift);
+}
+
+void applySensor(std::vector<unsigned char>& image, int width, int height,
+                 const SequenceSpec& plan, int frame, int cam) {
+  if (plan.blur > 0.0 && width > 0 && height > 0) {
+    cv::Mat picture(height, width, CV_8U, image.data());
+    const int size = 2 * std::max(1, (int)std::ceil(3.0 * plan.blur)) + 1;
+    cv::GaussianBlur(picture, picture, cv::Size(size, size), plan.blur, plan.blur,
+                     cv::BORDER_REPLICATE);
   }
-  for (int y = 0; y < height; y++) {  // vertical
-    for (int x = 0; x < width; x++) {
-      double s = 0.0;
-      for (int k = -radius; k <= radius; k++) {
-        const int yy = std::min(height - 1, std::max(0, y + k));
-        s += kernel[k + radius] * tmp[(size_t)yy * width + x];
-      }
-      image[(size_t)y * width + x] = toByte(s);
-    }
+  if (plan.noise > 0.0) {
+    std::mt19937_64 rng(plan.seed * 1000003ULL + (uint64_t)frame * 31ULL + (uint64_t)cam);
+    std::normal_distribution<double> noise(0.0, plan.noise);
+    for (unsigned char& p : image) p = toByte(p + noise(rng));
   }
 }
 

@@ -68,6 +68,8 @@ class SequenceRenderer {
   // ---------------------------------------------------------------- getters
   double objectSize() const { return m_size; }
   double viewDistance() const { return m_distance; }
+  /// Undistorted normalised ray (x, y) through every pixel of camera `cam`.
+  const std::vector<float>& rays(int cam) const { return m_rays[cam]; }
   /// Bodies that cannot be rendered (cylinders, open polylines without a
   /// supporting face), one line each.
   const std::vector<std::string>& warnings() const { return m_warnings; }
@@ -98,7 +100,16 @@ class SequenceRenderer {
   std::vector<std::string> m_warnings;
 };
 
-/// Separable Gaussian blur of a grey image in place (sigma <= 0: nothing).
-void gaussianBlur(unsigned char* image, int width, int height, double sigma);
+/// The ray caster's camera for a configured one (its skew is not rendered).
+RenderCamera renderCameraOf(const CameraConfig& cam);
+/// Paints the camera's mask polygons (those of three or more vertices) in
+/// `grey` onto its width x height grey image, anti-aliased or not.
+void fillMasks(const CameraConfig& cam, unsigned char* image, int grey, bool antialiased);
+/// The sensor, in place on a width x height grey image: a Gaussian blur of
+/// plan.blur pixels (none when 0; borders replicated), then Gaussian noise
+/// of plan.noise grey levels from a generator seeded by the plan's seed, the
+/// frame and the camera, so that every frame and camera is reproducible.
+void applySensor(std::vector<unsigned char>& image, int width, int height,
+                 const SequenceSpec& plan, int frame, int cam);
 
 }  // namespace zot_sim

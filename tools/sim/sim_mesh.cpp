@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+#include "Math.h"
+
 namespace zot_sim {
 
 namespace {
@@ -98,6 +100,18 @@ void appendPolyhedronValues(const Mesh& mesh, std::vector<double>& values) {
     values.push_back(size);
     for (int k = 0; k < size; k++) values.push_back(mesh.faceIndices[next++] + 1);
   }
+}
+
+void polygonNormal(const std::vector<double>& vertices, const int* idx, int n, double* normal) {
+  normal[0] = normal[1] = normal[2] = 0.0;
+  for (int k = 0; k < n; k++) {
+    const double* a = &vertices[3 * idx[k]];
+    const double* b = &vertices[3 * idx[(k + 1) % n]];
+    normal[0] += (a[1] - b[1]) * (a[2] + b[2]);
+    normal[1] += (a[2] - b[2]) * (a[0] + b[0]);
+    normal[2] += (a[0] - b[0]) * (a[1] + b[1]);
+  }
+  ZOTtracker::normalize(normal, 3, 1);
 }
 
 }  // namespace zot_sim

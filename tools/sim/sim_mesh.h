@@ -31,4 +31,9 @@ Mesh torusMesh(int nU, int nV, double majorRadius, double minorRadius);
 /// face its vertex count and its 1-based vertex indices.
 void appendPolyhedronValues(const Mesh& mesh, std::vector<double>& values);
 
+/// Unit Newell normal of the polygon whose n vertex indices into `vertices`
+/// (3 per vertex) start at idx; it follows the winding (counter-clockwise
+/// seen from the side it points to) and stays robust for non-planar faces.
+void polygonNormal(const std::vector<double>& vertices, const int* idx, int n, double* normal);
+
 }  // namespace zot_sim

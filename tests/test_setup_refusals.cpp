@@ -1,0 +1,160 @@
+// What can never track is refused up front: by the tracker's set-up (the codec
+// says the same line), by the tools' strict reading of the configuration files,
+// by zot_mesh2poly when doubles cannot hold the mesh, whose coordinates it
+// writes exactly.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FileParser.h"
+#include "SetupArray.h"
+#include "memory_handling.h"
+#include "scene_config.h"
+#include "tool_runner.h"
+#include "tracker_scene.h"
+
+TEST(SetupRefusals, WhatCanNeverTrackIsRefusedWithOneLineNamingTheValue) {
+  const double kNaN = std::nan("");
+  // Offsets in the stereo sample's 219 values: the two cameras, the tracking
+  // parameters, the body count, the polyline's support.
+  const int kCam0 = 1, kCam1 = 37, kTracking = 73, kBodies = 121, kSupport = 195;
+  struct Refusal {
+    const char* message;  // in the one line printed
+    int at;               // the value written at this offset (and the n - 1 after it)
+    double value;
+    int n = 1;
+  };
+  std::vector<double> sample(10000);
+  int count = 0;
+  testing::internal::CaptureStdout();  // the parser echoes the calibrations
+  ZOTtracker::FileParser().parseAllFiles(ZOT_DATA_DIR, "camera_stereo.txt", "tracker.txt",
+                                         "model_chamfered_box.txt", count, sample.data(), 10000);
+  testing::internal::GetCapturedStdout();
+  ASSERT_EQ(count, 219);
+  const Refusal cases[] = {
+      {"ERROR: setup array value 0: -2 cameras, at least 1 is needed\n", 0, -2},
+      {"ERROR: setup array value 121: 0 bodies, at least 1 is needed\n", kBodies, 0},
+      {"ERROR: camera 0: fx is nan, must be finite and > 0\n", kCam0 + 4, kNaN},
+      {"ERROR: camera 1: fx is 0, must be finite and > 0\n", kCam1 + 4, 0},
+      {"ERROR: camera 1: near depth is 0, must be finite and > 0\n", kCam1 + 2, 0},
+      {"ERROR: camera 0: far depth is 1500, must be finite and > the near depth 2000\n", kCam0 + 2,
+       2000},
+      {"ERROR: camera 0: far depth is nan, must be finite and > the near depth 50\n", kCam0 + 3,
+       kNaN},
+      {"ERROR: camera 0: distortion p1 is nan, must be finite\n", kCam0 + 11, kNaN},
+      {"ERROR: camera 1: distortion k1 is nan, must be finite\n", kCam1 + 9, kNaN, 5},
+      {"ERROR: camera 0: pose value 8 (row 2, column 4) is inf, must be finite\n", kCam0 + 21,
+       INFINITY},
+      // Stretched, the kind of pose that sent the sampler's byte conversion astray.
+      {"ERROR: camera 0: pose rotation is not a rotation: |R^T R - I| reaches 3.0076 (at most "
+       "1e-05)",
+       kCam0 + 14, 2.0},
+      {"), det -1 (must be > 0)\n", kCam1 + 19, -1.0},  // a mirror
+      {"ERROR: camera 1: mask polygon 1 vertex 2 is not finite\n", kCam1 + 31, kNaN},
+      {"ERROR: tracking parameters: 0 sample points per camera, at least 1 is needed\n", kTracking,
+       0},
+      {"ERROR: tracking parameters: sampling step 0, must be at least 1 pixel\n", kTracking + 2,
+       0.9},
+      {"ERROR: setup array value 195 (supporting body) is not an index: -2147483648\n", kSupport,
+       INT_MIN},
+  };
+  zot_test::TrackerPools pools(640 * 480, 2, 400);
+  for (const Refusal& c : cases) {
+    std::vector<double> a(sample.begin(), sample.begin() + count);
+    std::fill(a.begin() + c.at, a.begin() + c.at + c.n, c.value);
+    char kept[512];
+    auto decoded = std::make_unique<ZOTtracker::SetupArray>();
+    EXPECT_FALSE(ZOTtracker::decodeSetupArray(a.data(), count, *decoded, kept, sizeof(kept)));
+    ZOTtracker::resetMemoryCounters();
+    auto tracker = std::make_unique<ZOTtracker::GenericObjectTracker>();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(tracker->setupFromGlobalArray(count, a.data()), -1) << c.message;
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_NE(printed.find(c.message), std::string::npos) << printed;
+    EXPECT_EQ(printed, kept) << "the codec agrees";
+    EXPECT_EQ(tracker->m_contourTracker.m_nCams, 0) << c.message;
+  }
+}
+
+TEST(SetupRefusals, TheToolsReadConfigurationFilesStrictly) {
+  const std::string dir = testing::TempDir() + "strict_config";
+  struct Case {
+    const char *file, *from, *to, *message;
+  } cases[] = {
+      {"camera_stereo.txt", "612.43", "6l2.43",
+       "camera_stereo.txt:12: \"6l2.43\" is not a number in \"6l2.43 611.87"},
+      {"camera_stereo.txt", "\n2\n", "\n4294967297\n",
+       "camera_stereo.txt:4: \"4294967297\" is outside the int range in \"4294967297\""},
+      {"camera_stereo.txt", "\n50.0 1500.0\n", "\n50.0\n",
+       "camera_stereo.txt:10: expected 2 values, found 1 in \"50.0\""},
+      {"tracker.txt", "\n400\n", "\n400.5\n", "tracker.txt:3: \"400.5\" is not an integer"},
+      {"chamfered_box_polyhedron.txt", "nf 7", "nf 7.0", "polyhedron.txt:12: \"7.0\" is not"},
+      {"model_chamfered_box.txt", "\n1 6\n", "\n1 6 7\n",
+       "model_chamfered_box.txt:25: unexpected text after 2 values in \"1 6 7\""},
+  };
+  for (const Case& c : cases) {
+    zot_test::freshDirectory(dir);
+    for (const char* name : {"camera_stereo.txt", "tracker.txt", "model_chamfered_box.txt",
+                             "chamfered_box_polyhedron.txt", "top_slot_polyline.txt"}) {
+      std::string text = zot_test::readText(std::string(ZOT_DATA_DIR) + "/" + name);
+      if (name == std::string(c.file))
+        text.replace(text.find(c.from), std::string(c.from).size(), c.to);
+      std::ofstream(dir + "/" + name) << text;
+    }
+    std::string error;
+    EXPECT_FALSE(zot_sim::checkConfigFilesStrictly(dir, "camera_stereo.txt", "tracker.txt",
+                                                   "model_chamfered_box.txt", error));
+    EXPECT_NE(error.find(c.message), std::string::npos) << error;
+  }
+  // The last case, through a tool: nothing is written, exit status 1.
+  const zot_test::CommandResult r = zot_test::runCommand(
+      std::string(ZOT_TOOLS_DIR) + "/zot_export_header --config-dir " + dir +
+          " --camera camera_stereo.txt --model model_chamfered_box.txt --out " + dir,
+      dir + "/export");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("malformed configuration: " + dir + "/model_chamfered_box.txt:25"),
+            std::string::npos)
+      << r.err;
+}
+
+TEST(SetupRefusals, Mesh2polyWritesExactCoordinatesAndRefusesWhatDoublesCannotHold) {
+  const std::string dir = testing::TempDir() + "mesh2poly_precision";
+  zot_test::freshDirectory(dir);
+  for (const double offset : {1e9, 1e13}) {  // a unit cube from x = offset on
+    const double centre[3] = {offset + 0.5, 0.5, 0.5}, half[3] = {0.5, 0.5, 0.5};
+    const zot_sim::Mesh cube = zot_sim::boxMesh(centre, half);
+    std::ofstream obj(dir + "/cube.obj");
+    obj.precision(17);
+    for (size_t i = 0; i < cube.vertices.size(); i += 3)
+      obj << "v " << cube.vertices[i] << " " << cube.vertices[i + 1] << " " << cube.vertices[i + 2]
+          << "\n";
+    for (size_t f = 0, at = 0; f < cube.faceSizes.size(); f++, obj << "\n")
+      for (int k = 0; k < cube.faceSizes[f]; k++)
+        obj << (k ? " " : "f ") << cube.faceIndices[at++] + 1;
+    obj.close();
+    const zot_test::CommandResult r =
+        zot_test::runCommand(std::string(ZOT_TOOLS_DIR) + "/zot_mesh2poly -q --scale 0.1 " + dir +
+                                 "/cube.obj " + dir + "/cube.txt",
+                             dir + "/run");
+    if (offset > 1e10) {
+      EXPECT_EQ(r.status, 1);
+      EXPECT_NE(r.err.find("below what doubles resolve at its offset"), std::string::npos) << r.err;
+      continue;
+    }
+    ASSERT_EQ(r.status, 0) << r.err << r.out;
+    std::vector<double> values(200);
+    int count = 0;
+    ASSERT_EQ(ZOTtracker::FileParser().parsePolyhedron((dir + "/cube.txt").c_str(), count,
+                                                       values.data(), 200),
+              0);
+    // 1000000001 * 0.1 needs 17 digits; nine made both sides of the cube one.
+    EXPECT_EQ(values[1], offset * 0.1);
+    EXPECT_EQ(values[1 + 3], (offset + 1.0) * 0.1);
+  }
+}
