@@ -1,7 +1,6 @@
 // The host-facing layer: pool sizes computed from a configuration (exact to
 // the element) and the session that owns configuration, pools and tracker.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
