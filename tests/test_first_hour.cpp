@@ -1,6 +1,5 @@
-// A new user's first hour: a CAD model in another format, the first pose
-// from a few point pairs, and the hint when the initial pose is in the wrong
-// unit.
+// A new user's first hour: a CAD model in another format, the first pose from
+// point pairs, the hint when the initial pose is in the wrong unit.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -21,13 +20,12 @@ namespace {
 
 using zot_test::CommandResult;
 using zot_test::runCommand;
-
 const std::string kTools = ZOT_TOOLS_DIR;
 const std::string kData = ZOT_DATA_DIR;
 const std::string kDir = kTools + "/first_hour/" + std::to_string(getpid());
 const std::string kMeshDir = kDir + "/meshes", kSeq = kDir + "/seq";
 
-// The scratch directory stays only after a failure, for a look.
+// The scratch directory stays only after a failure.
 class ScratchCleanup : public testing::Environment {
   void TearDown() override {
     if (testing::UnitTest::GetInstance()->Passed()) {
@@ -41,9 +39,7 @@ void writeFile(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
 }
 
-// ---------------------------------------------------------------- mesh readers
-// Every format encodes the same tetrahedron (faces wound outwards); a reader
-// that drops a vertex, shifts an index or loses the winding fails the row.
+// Every format encodes the same tetrahedron, faces wound outwards.
 const std::vector<double> kTetraVertices = {0, 0, 0, 10, 0, 0, 0, 10, 0, 0, 0, 10};
 const std::vector<std::vector<int>> kTetraFaces = {{0, 2, 1}, {0, 1, 3}, {0, 3, 2}, {1, 2, 3}};
 
@@ -96,7 +92,6 @@ TEST(MeshFormats, EveryFormatGivesTheSameTetrahedron) {
     ASSERT_TRUE(zot_sim::readMeshFile(path, m, error)) << error;
     EXPECT_EQ(m.vertices, kTetraVertices);
     ASSERT_EQ(m.faces.size(), kTetraFaces.size());
-    // The same cycle, whatever vertex a face starts at.
     for (size_t f = 0; f < kTetraFaces.size(); f++) {
       std::vector<int> g = m.faces[f];
       std::rotate(g.begin(), std::find(g.begin(), g.end(), kTetraFaces[f][0]), g.end());
@@ -106,7 +101,6 @@ TEST(MeshFormats, EveryFormatGivesTheSameTetrahedron) {
   }
 }
 
-// What the tracker's model cannot represent is refused with file and line.
 TEST(MeshFormats, UnsupportedElementsAreNamedWithTheirLine) {
   zot_test::freshDirectory(kMeshDir);
   const std::string head = "V1\n4\n0 0 0\n10 0 0\n0 10 0\n0 0 10\n";
@@ -138,9 +132,8 @@ TEST(MeshFormats, UnsupportedElementsAreNamedWithTheirLine) {
   }
 }
 
-// zot_mesh2poly writes the whole model in one step: the polyhedron, the line
-// that bounds no face (not the one along a face edge) as a polyline on the
-// face it lies on, and the model file; a refused element leaves no file.
+// The line bounding no face becomes a polyline on its face; a refused element
+// leaves no file.
 TEST(MeshFormats, Mesh2PolyWritesTheWholeModelOrNothing) {
   if (!zot_sim::pathExists(kTools + "/zot_mesh2poly")) GTEST_SKIP() << "not built";
   zot_test::freshDirectory(kMeshDir);
@@ -170,7 +163,6 @@ TEST(MeshFormats, Mesh2PolyWritesTheWholeModelOrNothing) {
                zot_sim::pathExists(kMeshDir + "/pin_model.txt"));
 }
 
-// ---------------------------------------------------------------- first pose
 // One frame of the chamfered box over clutter, rendered once.
 class FirstPose : public testing::Test {
  protected:
@@ -189,8 +181,7 @@ class FirstPose : public testing::Test {
     ASSERT_TRUE(zot_sim::readPoseFile(kSeq + "/truth_poses.txt", truth, error)) << error;
     m_truth = truth[0];
   }
-  // The chamfered box's corners where the renderer shows them, moved by
-  // up to 3 pixels as a hasty hand would click them: "u v X Y Z" lines.
+  // "u v X Y Z" lines: the box's corners as rendered, moved up to 3 pixels.
   std::string clickedCorners(int first, int count) const {
     std::vector<zot_sim::CameraConfig> cams;
     std::string error, lines;
@@ -259,8 +250,7 @@ TEST_F(FirstPose, UnusablePointsAreRefusedAndNothingIsWritten) {
   }
 }
 
-// A pose in metres against a model in millimetres: every frame fails, and
-// the user is told what to check.
+// A pose in metres against a model in millimetres.
 TEST_F(FirstPose, InitialPoseInTheWrongUnitGivesAHint) {
   if (!zot_sim::pathExists(kTools + "/zot_track")) GTEST_SKIP();
   zot_sim::Pose metres = m_truth;

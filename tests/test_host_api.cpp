@@ -1,5 +1,4 @@
-// The host-facing layer: pool sizes computed from a configuration (exact to
-// the element) and the session that owns configuration, pools and tracker.
+// Pool sizes computed from a configuration, and the session owning it all.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,26 +25,20 @@ std::vector<double> parseData(const char* camera, const char* tracker, const cha
   return zot_test::sampleSetupArray(ZOT_DATA_DIR, camera, tracker, model);
 }
 
-// What the sample files do not cover: two cameras of different sizes (the
-// shared buffers take the larger width and the larger height separately),
-// one with distortion and a mask polygon, a local frame, and a flat square,
-// a cylinder and a polyline standing on the square.
+// Two cameras of different sizes (one distorted, with a mask), a local frame,
+// and a flat square, a cylinder and a polyline on the square.
 std::vector<double> mixedConfiguration() {
   std::vector<double> a = {2};  // cameras
   const double pose[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
-  // 320 x 200 without distortion, no mask
   a.insert(a.end(), {320, 200, 50, 1500, 300, 300, 159.5, 99.5, 0, 0, 0, 0, 0, 0});
   a.insert(a.end(), pose, pose + 12);
-  // 180 x 260 with distortion and a triangular mask
   a.insert(a.end(), {0, 180, 260, 50, 1500, 250, 250, 89.5, 129.5, 0, -0.2, 0.05, 0, 0, 0});
   a.insert(a.end(), pose, pose + 12);
   a.insert(a.end(), {1, 3, 0, 259, 40, 259, 0, 200});
   const std::vector<double> tracker =
       parseData("camera_mono.txt", "tracker_demo.txt", "model_l_bracket.txt");
-  // The tracker section follows the 1 + 27 values of the mono camera.
   a.insert(a.end(), tracker.begin() + 28, tracker.begin() + 51);
   a.insert(a.end(), {1, 1, 0, 0, 5, 0, 1, 0, 5, 0, 0, 1, 0});  // one local frame
-  // three bodies: a flat square, a cylinder, a polyline on the square
   a.insert(a.end(),
            {3, 0, 1, 0, 4, -50, -50, 0, 50, -50, 0, 50, 50, 0, -50, 50, 0, 1, 4, 1, 2, 3, 4});
   a.insert(a.end(), {2, 10, 0, 0, 0, 0, 0, 30, 0, 0, -1, 0, 0, 1});
@@ -53,10 +46,8 @@ std::vector<double> mixedConfiguration() {
   return a;
 }
 
-// Sets a tracker up in the reserved pools and runs `frames` frames through
-// the designed API; returns the set-up's code. Every camera sees a bright
-// block on a dark field, so that every frame finds edges and samples the
-// model placed 400 units in front of camera 0.
+// Sets up in the reserved pools and tracks `frames` frames of a bright block
+// on a dark field, the model 400 units in front of camera 0.
 int setUpAndTrack(const std::vector<double>& a, int frames) {
   auto t = std::make_unique<GenericObjectTracker>();
   if (t->setupFromGlobalArray((int)a.size(), a.data()) != 0) return -1;
@@ -91,9 +82,6 @@ uint64_t used(int pool) {
 
 }  // namespace
 
-// Set-up and ten frames fill pools of exactly the computed sizes to the last
-// element of every pool; with 1 % less in any pool that is used the set-up is
-// refused before it takes anything.
 TEST(PoolSizes, ExactForEveryPoolAndOnePercentLessIsRefused) {
   const std::vector<double> configurations[] = {
       parseData("camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt"),
@@ -120,8 +108,6 @@ TEST(PoolSizes, ExactForEveryPoolAndOnePercentLessIsRefused) {
   }
 }
 
-// An array that the set-up would refuse for its layout gets no sizes: one
-// value more or less, a count beyond a capacity, an unknown body type.
 TEST(PoolSizes, RefusesArraysTheSetUpRefuses) {
   const std::vector<double> good = mixedConfiguration();
   std::vector<std::vector<double>> bad(4, good);
@@ -134,7 +120,6 @@ TEST(PoolSizes, RefusesArraysTheSetUpRefuses) {
     EXPECT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), -1);
     EXPECT_EQ(sizes[6], 7u);  // untouched
   }
-  // A margin rounds up and keeps every pool reserved.
   size_t exact[ZOT_N_POOLS], padded[ZOT_N_POOLS];
   ASSERT_EQ(computePoolSizes((int)good.size(), good.data(), 0.0, exact), 0);
   ASSERT_EQ(computePoolSizes((int)good.size(), good.data(), 0.1, padded), 0);
@@ -145,9 +130,6 @@ TEST(PoolSizes, RefusesArraysTheSetUpRefuses) {
   }
 }
 
-// The session gives, frame by frame, exactly what the designed API gives for
-// the same configuration and a rendered sequence (object and tool moving),
-// and tracks it.
 TEST(TrackerSession, TracksAsTheDesignedApiDoes) {
   const std::vector<double> a =
       parseData("camera_stereo.txt", "tracker_demo.txt", "model_chamfered_box.txt");
@@ -210,13 +192,10 @@ TEST(TrackerSession, TracksAsTheDesignedApiDoes) {
   EXPECT_EQ(session.draw(overlay.data(), 2), -1);
 }
 
-// Every way a session can fail leaves it refused with a code and a message,
-// and leaves the process as it was: no pools kept, the next session works.
 TEST(TrackerSession, FailuresAreCodesWithMessagesAndLeaveNothingBehind) {
   const std::vector<double> a = mixedConfiguration();
-  std::vector<double> wrongCount = a;
+  std::vector<double> wrongCount = a, badTopology = a;
   wrongCount.push_back(1.0);
-  std::vector<double> badTopology = a;
   badTopology[badTopology.size() - 53] = 0;  // the one-face square is no longer flat: open edges
   struct Case {
     const std::vector<double>* array;  // none: a missing camera file
@@ -240,7 +219,6 @@ TEST(TrackerSession, FailuresAreCodesWithMessagesAndLeaveNothingBehind) {
     EXPECT_EQ(m_bigArrayDouble, nullptr);  // the pools went back
   }
 
-  // Pools the host reserved too small are refused before anything is taken.
   doBigMalloc(10, 10, 10, 10, 10, 10, 10);
   {
     TrackerSession small((int)a.size(), a.data());
@@ -250,7 +228,6 @@ TEST(TrackerSession, FailuresAreCodesWithMessagesAndLeaveNothingBehind) {
   }
   doBigFree();
 
-  // One session at a time; the first is not disturbed by the second.
   TrackerSession first((int)a.size(), a.data());
   ASSERT_TRUE(first.ok()) << first.message();
   {

@@ -1,7 +1,4 @@
-// What can never track is refused up front: by the tracker's set-up (the codec
-// says the same line), by the tools' strict reading of the configuration files,
-// by zot_mesh2poly when doubles cannot hold the mesh, whose coordinates it
-// writes exactly.
+// What can never track is refused up front, with one line naming the value.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,21 +18,15 @@
 
 TEST(SetupRefusals, WhatCanNeverTrackIsRefusedWithOneLineNamingTheValue) {
   const double kNaN = std::nan("");
-  // Offsets in the stereo sample's 219 values: the two cameras, the tracking
-  // parameters, the body count, the polyline's support.
   const int kCam0 = 1, kCam1 = 37, kTracking = 73, kBodies = 121, kSupport = 195;
   struct Refusal {
-    const char* message;  // in the one line printed
-    int at;               // the value written at this offset (and the n - 1 after it)
+    const char* message;
+    int at;  // the value written here and at the n - 1 after
     double value;
     int n = 1;
   };
-  std::vector<double> sample(10000);
-  int count = 0;
-  testing::internal::CaptureStdout();  // the parser echoes the calibrations
-  ZOTtracker::FileParser().parseAllFiles(ZOT_DATA_DIR, "camera_stereo.txt", "tracker.txt",
-                                         "model_chamfered_box.txt", count, sample.data(), 10000);
-  testing::internal::GetCapturedStdout();
+  const std::vector<double> sample = zot_test::sampleSetupArray(ZOT_DATA_DIR);
+  const int count = (int)sample.size();
   ASSERT_EQ(count, 219);
   const Refusal cases[] = {
       {"ERROR: setup array value 0: -2 cameras, at least 1 is needed\n", 0, -2},
@@ -51,7 +42,6 @@ TEST(SetupRefusals, WhatCanNeverTrackIsRefusedWithOneLineNamingTheValue) {
       {"ERROR: camera 1: distortion k1 is nan, must be finite\n", kCam1 + 9, kNaN, 5},
       {"ERROR: camera 0: pose value 8 (row 2, column 4) is inf, must be finite\n", kCam0 + 21,
        INFINITY},
-      // Stretched, the kind of pose that sent the sampler's byte conversion astray.
       {"ERROR: camera 0: pose rotation is not a rotation: |R^T R - I| reaches 3.0076 (at most "
        "1e-05)",
        kCam0 + 14, 2.0},
@@ -66,7 +56,7 @@ TEST(SetupRefusals, WhatCanNeverTrackIsRefusedWithOneLineNamingTheValue) {
   };
   zot_test::TrackerPools pools(640 * 480, 2, 400);
   for (const Refusal& c : cases) {
-    std::vector<double> a(sample.begin(), sample.begin() + count);
+    std::vector<double> a = sample;
     std::fill(a.begin() + c.at, a.begin() + c.at + c.n, c.value);
     char kept[512];
     auto decoded = std::make_unique<ZOTtracker::SetupArray>();
@@ -112,7 +102,6 @@ TEST(SetupRefusals, TheToolsReadConfigurationFilesStrictly) {
                                                    "model_chamfered_box.txt", error));
     EXPECT_NE(error.find(c.message), std::string::npos) << error;
   }
-  // The last case, through a tool: nothing is written, exit status 1.
   const zot_test::CommandResult r = zot_test::runCommand(
       std::string(ZOT_TOOLS_DIR) + "/zot_export_header --config-dir " + dir +
           " --camera camera_stereo.txt --model model_chamfered_box.txt --out " + dir,
