@@ -15,9 +15,8 @@
 using namespace ZOTtracker;
 
 TEST(HostileInputs, PosesThatAreNoRigidTransformAreRefusedAndChangeNothing) {
-  const std::vector<double> a =
-      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt", "tracker.txt",
-                                 "model_chamfered_box.txt");
+  const std::vector<double> a = zot_test::sampleSetupArray(
+      ZOT_DATA_DIR, "camera_mono.txt", "tracker.txt", "model_chamfered_box.txt");
   size_t sizes[ZOT_N_POOLS];
   ASSERT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), 0);
   reservePools(sizes);
@@ -31,19 +30,19 @@ TEST(HostileInputs, PosesThatAreNoRigidTransformAreRefusedAndChangeNothing) {
     matrixIdentity(identity, 4);
     matrixIdentity(start, 4);
     start[11] = 400.0;
-    struct Row {
+    // entry: of the tool pose (0..15) or of the initial pose (16..31)
+    const struct {
       const char* fault;
-      int entry;  // of the tool pose (0..15) or of the initial pose (16..31)
+      int entry;
       double value;
-    };
-    const Row rows[] = {{"NaN in the tool rotation", 5, NAN},
-                        {"infinite tool translation", 3, INFINITY},
-                        {"huge tool rotation entry", 0, 5e10},
-                        {"tool pose with a bad last row", 14, 1.0},
-                        {"reflection as initial pose", 16 + 10, -1.0},
-                        {"initial rotation scaled by 1.001", 16 + 0, 1.001},
-                        {"NaN in the initial translation", 16 + 11, NAN}};
-    for (const Row& row : rows) {
+    } rows[] = {{"NaN in the tool rotation", 5, NAN},
+                {"infinite tool translation", 3, INFINITY},
+                {"huge tool rotation entry", 0, 5e10},
+                {"tool pose with a bad last row", 14, 1.0},
+                {"reflection as initial pose", 16 + 10, -1.0},
+                {"initial rotation scaled by 1.001", 16 + 0, 1.001},
+                {"NaN in the initial translation", 16 + 11, NAN}};
+    for (const auto& row : rows) {
       SCOPED_TRACE(row.fault);
       double tool[16], init[16], pose[16];
       matrixCopy(identity, tool, 4, 4);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -115,21 +116,16 @@ TEST(SetupRefusals, TheToolsReadConfigurationFilesStrictly) {
 TEST(SetupRefusals, Mesh2polyWritesExactCoordinatesAndRefusesWhatDoublesCannotHold) {
   const std::string dir = testing::TempDir() + "mesh2poly_precision";
   zot_test::freshDirectory(dir);
-  for (const double offset : {1e9, 1e13}) {  // a unit cube from x = offset on
-    const double centre[3] = {offset + 0.5, 0.5, 0.5}, half[3] = {0.5, 0.5, 0.5};
-    const zot_sim::Mesh cube = zot_sim::boxMesh(centre, half);
-    std::ofstream obj(dir + "/cube.obj");
-    obj.precision(17);
-    for (size_t i = 0; i < cube.vertices.size(); i += 3)
-      obj << "v " << cube.vertices[i] << " " << cube.vertices[i + 1] << " " << cube.vertices[i + 2]
-          << "\n";
-    for (size_t f = 0, at = 0; f < cube.faceSizes.size(); f++, obj << "\n")
-      for (int k = 0; k < cube.faceSizes[f]; k++)
-        obj << (k ? " " : "f ") << cube.faceIndices[at++] + 1;
-    obj.close();
+  for (const double offset : {1e9, 1e13}) {  // a unit tetrahedron from x = offset on
+    char obj[256];
+    snprintf(obj, sizeof obj,
+             "v %.17g 0 0\nv %.17g 0 0\nv %.17g 1 0\nv %.17g 0 1\n"
+             "f 1 3 2\nf 1 2 4\nf 1 4 3\nf 2 3 4\n",
+             offset, offset + 1, offset, offset);
+    std::ofstream(dir + "/tetra.obj") << obj;
     const zot_test::CommandResult r =
         zot_test::runCommand(std::string(ZOT_TOOLS_DIR) + "/zot_mesh2poly -q --scale 0.1 " + dir +
-                                 "/cube.obj " + dir + "/cube.txt",
+                                 "/tetra.obj " + dir + "/tetra.txt",
                              dir + "/run");
     if (offset > 1e10) {
       EXPECT_EQ(r.status, 1);
@@ -139,10 +135,10 @@ TEST(SetupRefusals, Mesh2polyWritesExactCoordinatesAndRefusesWhatDoublesCannotHo
     ASSERT_EQ(r.status, 0) << r.err << r.out;
     std::vector<double> values(200);
     int count = 0;
-    ASSERT_EQ(ZOTtracker::FileParser().parsePolyhedron((dir + "/cube.txt").c_str(), count,
+    ASSERT_EQ(ZOTtracker::FileParser().parsePolyhedron((dir + "/tetra.txt").c_str(), count,
                                                        values.data(), 200),
               0);
-    // 1000000001 * 0.1 needs 17 digits; nine made both sides of the cube one.
+    // 1000000001 * 0.1 needs 17 digits; nine made both ends one.
     EXPECT_EQ(values[1], offset * 0.1);
     EXPECT_EQ(values[1 + 3], (offset + 1.0) * 0.1);
   }
