@@ -154,9 +154,7 @@ TEST(TrackerSession, TracksAsTheDesignedApiDoes) {
 
   double expected[kFrames][16 + 6 + 36];
   {
-    size_t sizes[ZOT_N_POOLS];
-    ASSERT_EQ(computePoolSizes((int)a.size(), a.data(), 0.0, sizes), 0);
-    reservePools(sizes);
+    zot_test::TrackerPools pools(640 * 480, 2, 400);
     auto t = std::make_unique<GenericObjectTracker>();
     ASSERT_EQ(t->setupFromGlobalArray((int)a.size(), a.data()), 0);
     const double zero[6] = {0, 0, 0, 0, 0, 0}, dof[6] = {1, 1, 1, 1, 1, 1};
@@ -167,8 +165,6 @@ TEST(TrackerSession, TracksAsTheDesignedApiDoes) {
                                   out, out + 16, out + 22, dof, f == 0, false, false, false),
                 0);
     }
-    t.reset();
-    doBigFree();
   }
 
   TrackerSession session(ZOT_DATA_DIR, "camera_stereo.txt", "tracker_demo.txt",
