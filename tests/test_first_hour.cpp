@@ -14,6 +14,7 @@
 #include "mesh_formats.h"
 #include "render_scene.h"
 #include "scene_config.h"
+#include "sequence.h"
 #include "tool_runner.h"
 
 namespace {
@@ -186,10 +187,7 @@ class FirstPose : public testing::Test {
     std::vector<zot_sim::CameraConfig> cams;
     std::string error, lines;
     EXPECT_EQ(zot_sim::loadCameraFile(kSeq, "camera.txt", cams, error), 0) << error;
-    zot_sim::RenderCamera cam;
-    const double K[9] = {cams[0].fx, 0, cams[0].cx, 0, cams[0].fy, cams[0].cy, 0, 0, 1};
-    std::copy(K, K + 9, cam.K);
-    std::copy(cams[0].dist, cams[0].dist + 5, cam.dist);
+    const zot_sim::RenderCamera cam = zot_sim::renderCameraOf(cams[0]);
     double toCamera[16], T[16];
     ZOTtracker::inverseTransform(cams[0].toolFromCamera.data(), toCamera);
     ZOTtracker::matrixProduct444(toCamera, m_truth.data(), T);
