@@ -8,7 +8,6 @@
 
 #include "GenericObjectTracker.h"
 #include "Math.h"
-#include "memory_handling.h"
 #include "tracker_scene.h"
 
 using namespace ZOTtracker;
