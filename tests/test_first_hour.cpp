@@ -22,18 +22,9 @@ using zot_test::CommandResult;
 using zot_test::runCommand;
 const std::string kTools = ZOT_TOOLS_DIR;
 const std::string kData = ZOT_DATA_DIR;
-const std::string kDir = kTools + "/first_hour/" + std::to_string(getpid());
+const std::string kDir = zot_test::processScratchDirectory(kTools, "first_hour");
 const std::string kMeshDir = kDir + "/meshes", kSeq = kDir + "/seq";
 
-// The scratch directory stays only after a failure.
-class ScratchCleanup : public testing::Environment {
-  void TearDown() override {
-    if (testing::UnitTest::GetInstance()->Passed()) {
-      EXPECT_EQ(std::system(("rm -rf " + kDir).c_str()), 0);
-    }
-  }
-};
-testing::Environment* const kCleanup = testing::AddGlobalTestEnvironment(new ScratchCleanup);
 
 void writeFile(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;

@@ -22,21 +22,10 @@ using zot_test::CommandResult;
 using zot_test::runCommand;
 const std::string kTools = ZOT_TOOLS_DIR;
 const std::string kData = ZOT_DATA_DIR;
-// ctest runs every test in a process of its own, two at a time: each
-// process works in a directory of its own, removed when all passed.
-const std::string kDir = kTools + "/cli/" + std::to_string(getpid());
+const std::string kDir = zot_test::processScratchDirectory(kTools, "cli");
 const std::string kSeq = kDir + "/seq/";
 constexpr int kFrames = 10;
 
-class ScratchCleanup : public testing::Environment {
- public:
-  void TearDown() override {
-    if (!testing::UnitTest::GetInstance()->Failed()) {
-      EXPECT_EQ(std::system(("rm -rf '" + kDir + "'").c_str()), 0);
-    }
-  }
-};
-testing::Environment* const kCleanup = testing::AddGlobalTestEnvironment(new ScratchCleanup);
 
 bool built(const std::string& tool) { return zot_sim::pathExists(kTools + "/" + tool); }
 

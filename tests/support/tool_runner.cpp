@@ -1,10 +1,13 @@
 #include "tool_runner.h"
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 namespace zot_test {
 
@@ -16,6 +19,29 @@ CommandResult runCommand(const std::string& command, const std::string& logStem)
   r.out = readText(logStem + ".out");
   r.err = readText(logStem + ".err");
   return r;
+}
+
+namespace {
+
+class ScratchCleanup : public testing::Environment {
+ public:
+  explicit ScratchCleanup(std::string path) : m_path(std::move(path)) {}
+  void TearDown() override {
+    if (!testing::UnitTest::GetInstance()->Failed()) {
+      EXPECT_EQ(std::system(("rm -rf '" + m_path + "'").c_str()), 0);
+    }
+  }
+
+ private:
+  std::string m_path;
+};
+
+}  // namespace
+
+std::string processScratchDirectory(const std::string& parent, const std::string& name) {
+  const std::string path = parent + "/" + name + "/" + std::to_string(getpid());
+  testing::AddGlobalTestEnvironment(new ScratchCleanup(path));
+  return path;
 }
 
 void freshDirectory(const std::string& path) {

@@ -17,6 +17,11 @@ struct CommandResult {
 // through files next to `logStem` (logStem.out, logStem.err).
 CommandResult runCommand(const std::string& command, const std::string& logStem);
 
+// `parent`/<name>/<process id>: a directory of this test process's own (ctest
+// runs test processes side by side), removed at the end when every test
+// passed and kept after a failure, for a look.
+std::string processScratchDirectory(const std::string& parent, const std::string& name);
+
 // Removes `path` with everything in it and creates it again, empty.
 void freshDirectory(const std::string& path);
 
