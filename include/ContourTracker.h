@@ -18,9 +18,25 @@
 
 namespace ZOTtracker {
 
+struct RobustSettings;
+
 /// Full path of the text file written by ContourTracker::correlateEdges
 /// ("matching_points.dat" in the directory chosen at build time).
 const char* correlateEdgesOutputPath();
+
+/// Slots of each camera's polarity memory (a power of two): the model edges
+/// whose polarity is remembered, at most half of them for short probes.
+constexpr int ZOT_POLARITY_SLOTS = 1024;
+
+/// Sub-pixel position of the edge through pixel (x, y): the vertex of the
+/// parabola through the gradient magnitude (Euclidean, from the Sobel
+/// derivatives gx, gy of a width x height image) at the pixel and at its two
+/// neighbours along the gradient, quantised to Canny's four directions; the
+/// offset is clamped to half a step. Returns true with refined = (x, y) +
+/// offset * step, or false with refined = (x, y) at the image border or
+/// where the magnitude has no peak across the edge.
+bool refineEdgeSubpixel(const short* gx, const short* gy, int width, int height, int x, int y,
+                        double* refined);
 
 /// Settings of one cost evaluation (ContourTracker::computeOverallCostAndJacobian).
 struct CostSettings {
@@ -36,10 +52,47 @@ struct CostSettings {
   bool timing;                    ///< report each step's time
   bool showDebug;                 ///< the sampler's debug views
   bool verbose;                   ///< messages on standard output
+  const RobustSettings* robust =
+      nullptr;  ///< enabled: robust matching (see matchAlongNormalsRobust)
+};
+
+/// The robust estimator, an opt-in alternative to the designed one (nearest
+/// Canny pixel, 0/1 weights, convergence on the update's size). These are
+/// the tracker file's extension items in their order (format version
+/// ZOT_EXTENSION_VERSION, see SetupArray.h); the constructor sets the mode
+/// off and every other field to the value data/README.md gives as its
+/// default. Lengths are in pixels.
+struct RobustSettings {
+  RobustSettings();
+  int enabled;               ///< 1: the robust estimator; 0: the designed one
+  int estimator;             ///< M-estimator: 0 Tukey's biweight, 1 Huber
+  double tuning;             ///< its constant in units of the scale; 0: 4.685 / 1.345
+  double scaleFloorPx;       ///< least residual scale (median absolute deviation)
+  double inlierWeight;       ///< a sample with a larger weight counts as an inlier
+  int polarityMemory;        ///< 1: prefer edges of the polarity seen at the last good fit
+  double cannyAutoRatio;     ///< > 0: Canny's high threshold from the image, see edgeDetect
+  double cannyLowRatio;      ///< low threshold = this times the high one (adaptive only)
+  double cannyFloor;         ///< least low threshold (adaptive only)
+  double convergencePx;      ///< converged when no sample moves more than this
+  double costChange;         ///< relative change of the robust cost counted as stalled
+  double recoveryRangePx;    ///< > 0: after a failed fit, search again this far
+  double minInlierFraction;  ///< a fit with fewer inliers (of all samples) is lost
+  double maxResidualPx;      ///< a fit whose inliers' RMS residual is larger is lost
+};
+
+/// Per-fit figures of the robust estimator (all 0 for the designed one).
+struct FitQuality {
+  int samples;            ///< contour samples of the last evaluation, all cameras
+  double inlierFraction;  ///< samples whose weight passed inlierWeight, over samples
+  double residualPx;      ///< weighted RMS normal residual of the inliers
+  double robustCost;      ///< mean M-estimator cost per sample at the scale floor [px^2]
+  double scalePx;         ///< residual scale of the last iteration
+  int iterations;         ///< Gauss-Newton iterations made
+  int stalled;            ///< 1: accepted at the iteration limit with a stalled cost
 };
 
 /// Settings of one Gauss-Newton run (ContourTracker::poseUpdateLoop); the
-/// fields follow that call's arguments in order.
+/// fields follow that call's arguments in order, then the robust settings.
 struct GaussNewtonSettings {
   int maxIterations;
   double convRotDeg;    ///< convergence: rotation of an increment [deg]
@@ -60,6 +113,7 @@ struct GaussNewtonSettings {
   bool timing;
   bool showDebug;
   bool verbose;
+  const RobustSettings* robust = nullptr;  ///< null or not enabled: the designed estimator
 };
 
 class ContourTracker {
@@ -208,6 +262,45 @@ class ContourTracker {
   int computePoseUpdate_rectangularLSE(double* dx, const double* mask, bool computeCovariance,
                                        double* covariance);
 
+  // ---------------------------------------------------------------- robust estimator
+  /// Takes the robust estimator's buffers from the pools, after init(): per
+  /// camera the samples' model-edge ids (maxSamplePoints ints) and the
+  /// polarity memory (ZOT_POLARITY_SLOTS ints and doubles, cleared).
+  /// Without them the robust estimator runs without polarity memory.
+  void initRobust(int maxSamplePoints);
+
+  /// edgeDetect with thresholds taken from the image: for every enabled
+  /// camera the Sobel derivatives, then the "robust maximum" of the L1
+  /// gradient magnitude over regions[c] (x0, y0, x1, y1 inclusive, clipped
+  /// to the image; null, or an empty region, means the whole image): the
+  /// magnitude exceeded by 1 % of the region's pixels. High threshold =
+  /// r.cannyAutoRatio times it, low = r.cannyLowRatio times the high one,
+  /// at least r.cannyFloor (and high at least low). The thresholds used are
+  /// kept in m_cannyThresholds. Returns 0 or the edge detector's code.
+  int edgeDetectAdaptive(const unsigned char* const* images, const int* const* regions,
+                         const RobustSettings& r);
+
+  /// matchAlongNormals for the robust estimator: every edge pixel of
+  /// acceptable orientation on the search line is a candidate, nearest
+  /// first with the two sides in turn; with polarity memory the nearest one
+  /// whose gradient points the way the sample's model edge saw at the last
+  /// good fit wins, else the nearest. The match is refined to sub-pixel
+  /// precision (refineEdgeSubpixel). Returns 0.
+  int matchAlongNormalsRobust(const Multibody& model, int cam, double searchRange,
+                              double maxAngleDeg, const RobustSettings& r);
+
+  /// Replaces the 0/1 match weights of the last evaluation by M-estimator
+  /// weights: scale = max(r.scaleFloorPx, 1.4826 * median |residual| of the
+  /// matched samples); unmatched samples keep weight 0. Fills m_quality
+  /// (all but iterations and stalled) and returns the number of inliers
+  /// (weight above r.inlierWeight).
+  double reweight(const RobustSettings& r, double searchRange);
+
+  /// Remembers, per model edge, the polarity of the gradient at the matches
+  /// of the last evaluation (call after a good fit); forgetPolarity clears it.
+  void rememberPolarity(const Multibody& model);
+  void forgetPolarity();
+
   /// Offline analysis of edge ambiguity between two images: samples the
   /// contour at pose, and for every matched point with |residual| < 3 px
   /// slides its 11-pixel grey profile across the contour in referenceImages
@@ -243,12 +336,17 @@ class ContourTracker {
   double m_zNear[ZOT_MAX_CAMERAS];
   double m_zFar[ZOT_MAX_CAMERAS];
   int m_nCams;
-  unsigned char* m_displayImage;      ///< colour debug image, largest size
-  int* m_cannyIntWork;                ///< (maxWidth + 2) x (maxHeight + 5) ints
-  unsigned char** m_cannyStack;       ///< maxWidth x maxHeight pointers
-  short* m_cannyShortWork;            ///< maxWidth x 2 x maxHeight shorts
-  int m_nTotalPoints;                 ///< stacked points of the last evaluation
-  int m_camEnabled[ZOT_MAX_CAMERAS];  ///< 1 when the camera takes part
+  unsigned char* m_displayImage;         ///< colour debug image, largest size
+  int* m_cannyIntWork;                   ///< (maxWidth + 2) x (maxHeight + 5) ints
+  unsigned char** m_cannyStack;          ///< maxWidth x maxHeight pointers
+  short* m_cannyShortWork;               ///< maxWidth x 2 x maxHeight shorts
+  int m_nTotalPoints;                    ///< stacked points of the last evaluation
+  int m_camEnabled[ZOT_MAX_CAMERAS];     ///< 1 when the camera takes part
+  int* m_sampleIds[ZOT_MAX_CAMERAS];     ///< robust: model edge per sample (body * 65536 + edge)
+  int* m_polarityKeys[ZOT_MAX_CAMERAS];  ///< robust: edge id + 1 per slot, 0 empty
+  double* m_polarityValues[ZOT_MAX_CAMERAS];     ///< robust: sum of +-1 polarities per slot
+  double m_cannyThresholds[ZOT_MAX_CAMERAS][2];  ///< low, high of the last adaptive detection
+  FitQuality m_quality;                          ///< robust: figures of the last fit
 
  private:
   // Steps of the cost evaluation and the Gauss-Newton loop.
@@ -257,6 +355,10 @@ class ContourTracker {
                               const double* const* camIntrinsics, const CostSettings& settings);
   double stackResiduals(const Multibody& model, double searchRange, bool computeJacobian);
   void showMatches(const Multibody& model, const unsigned char* const* images, double searchRange);
+  int poseUpdateLoopRobust(Multibody& model, const unsigned char* const* images, double* pose,
+                           double* covariance, const double* const* camTransforms,
+                           const double* const* camIntrinsics, const GaussNewtonSettings& s);
+  int usableSampleCount(const Multibody& model, int cam) const;
 };
 
 }  // namespace ZOTtracker

@@ -58,7 +58,12 @@ class FileParser {
   int parseCameraFile(const char* directory, const char* fileName, int& count, double* array);
   int parseCameraFile(const char* directory, const char* fileName, int& count, double* array,
                       int capacity);
-  /// Tracker file: the 23 tracking parameters on sixteen lines. Fails with -11.
+  /// Tracker file: the 23 tracking parameters on sixteen lines, then up to
+  /// ZOT_EXTENSION_VALUES optional extension items, one number at the start
+  /// of each further line (comments and blank lines skipped). The items are
+  /// kept by this parser, not appended: appendExtensionBlock() writes them
+  /// at the end of the array, as parseAllFiles() does after the model.
+  /// Fails with -11, also for an item that is not a number or one too many.
   int parseTrackerFile(const char* directory, const char* fileName, int& count, double* array);
   int parseTrackerFile(const char* directory, const char* fileName, int& count, double* array,
                        int capacity);
@@ -84,6 +89,11 @@ class FileParser {
   int parsePolyline(const char* path, int& count, double* array);
   int parsePolyline(const char* path, int& count, double* array, int capacity);
 
+  /// Appends the extension block of the last tracker file parsed (marker,
+  /// version, count, items; see SetupArray.h), if it had extension items;
+  /// otherwise appends nothing. Returns 0, or -11 when the array is full.
+  int appendExtensionBlock(int& count, double* array, int capacity);
+
   // ---------------------------------------------------------------- header export
   /// Writes "<directory>/global_array_declaration.h" declaring
   /// setup_global_array_counter (= count) and setup_global_array with the
@@ -93,6 +103,13 @@ class FileParser {
   /// count <= 0, a null array or a file that cannot be created prints an
   /// "ERROR: ..." line and writes nothing.
   void createGlobalArrayHeaderFile(const char* directory, int count, const double* array);
+
+  /// Extension items kept (ZOT_EXTENSION_VALUES of SetupArray.h).
+  static constexpr int kExtensionCapacity = 14;
+
+ private:
+  double m_extensions[kExtensionCapacity] = {};
+  int m_nExtensions = -1;  ///< -1: the last tracker file had none
 };
 
 }  // namespace ZOTtracker

@@ -97,6 +97,11 @@ class GenericObjectTracker {
     double m_measStdRot;         ///< measurement standard deviation, rotation (degrees)
     double m_measStdTransl;      ///< measurement standard deviation, translation
     double m_kfInitialCov;       ///< diagonal of the Kalman covariance at the start of a track
+    /// The extension items of the tracker file (robust estimator); off
+    /// unless the setup array carries them. A host may change them between
+    /// set-up and a frame; polarity memory needs the buffers a set-up
+    /// reserves when the array carries the extension block.
+    RobustSettings m_robust;
   };
 
   // ---------------------------------------------------------------- set-up
@@ -180,6 +185,13 @@ class GenericObjectTracker {
                      double* pose, double* velocity, double* covariance, const double* dofMask,
                      bool initialise, bool timing, bool display, bool verbose);
 
+  /// Figures of the fit the last poseEstimation call returned or refused
+  /// (robust estimator only; all 0 with the designed one or before the
+  /// loop ran). With the robust estimator a frame succeeds only when its
+  /// inlier fraction and inlier residual pass m_robust's limits, so a host
+  /// can watch these to see a track degrade before it is lost.
+  const FitQuality& lastFitQuality() const { return m_lastQuality; }
+
   /// Stage times of the last poseEstimation call (all 0 before the first),
   /// measured whether or not `timing` was set.
   const FrameStageTimes& lastFrameTimes() const { return m_lastFrameTimes; }
@@ -239,12 +251,27 @@ class GenericObjectTracker {
   ContourTracker m_contourTracker;
   Multibody m_multibody;
   TrackingParameters m_trackingParams;
-  bool m_doEdgeDetection;  ///< false: reuse the previous frame's edge maps
+  bool m_doEdgeDetection;            ///< false: reuse the previous frame's edge maps
   FrameStageTimes m_lastFrameTimes;  ///< see lastFrameTimes()
+  FitQuality m_lastQuality;          ///< see lastFitQuality()
+  double m_lastGoodWorldPose[16];    ///< robust recovery: world pose of the last good fit
+  bool m_haveLastGood;               ///< false until a fit of the current track succeeded
   KalmanFilter m_kalmanFilter;
   SimplePredictor m_simplePredictor;  ///< kept for hosts; poseEstimation uses the Kalman filter
 
  private:
+  /// The Gauss-Newton settings of the tracking parameters.
+  GaussNewtonSettings loopSettings(const double* dofMask, bool timing, bool display,
+                                   bool verbose) const;
+  /// Robust recovery after a failed fit: coarse-to-fine searches from the
+  /// prediction and from the last good pose (tool frame via toolInverse);
+  /// keeps the successful one of least robust cost in pose. Returns 0 or
+  /// `failure`, the first attempt's code.
+  int recoverPose(const double* predicted, const double* toolInverse, double* pose,
+                  double* covariance, const double* dofMask, int failure, bool timing, bool display,
+                  bool verbose);
+  /// Edge detection of the frame: fixed or image-driven thresholds.
+  int detectEdges(const double* predicted);
   /// poseEstimation without the call's own timing (same arguments, result).
   int estimateFrame(const unsigned char* const* images, double time, const double* toolPose,
                     const double* initPose, const double* initVelocity, double initTime,

@@ -81,6 +81,15 @@ class Multibody {
   void cross_check_raytracing(const double* T, int nSamples, const double* samplePoints,
                               int* sampleIds);
 
+  /// The image rectangle the active bodies can cover at pose T (object in
+  /// camera frame) through camera matrix K, grown by `grow` pixels and
+  /// clipped to width x height: region = x0, y0, x1, y1 (inclusive). The
+  /// whole image when a cylinder is active or a vertex lies less than 1e-6
+  /// in front of the camera (its projection bounds nothing); an empty
+  /// rectangle (x1 < x0) when the bounds miss the image.
+  void projectedBounds(const double* T, const double* K, int width, int height, double grow,
+                       int* region) const;
+
   // ---------------------------------------------------------------- getters
   int getNbodies() const;
   /// m_bodyActive of the body; -1 with "ERROR: wrong body ID" for a bad index.

@@ -80,6 +80,18 @@ class SetupArrayReader {
   int m_messagesSize;
 };
 
+/// The extension block, optional, after the last body: the marker (a value
+/// the designed layout never has there, since the array must end), the
+/// format version, the number of values n, then n values: the tracker
+/// file's extension items in the order of RobustSettings. A version-1 block
+/// may hold fewer than ZOT_EXTENSION_VALUES values; the rest keep their
+/// defaults. All are integral or written with few decimals, so the header
+/// export's six decimals keep them exact.
+constexpr double ZOT_EXTENSION_MARKER = -8080808.0;
+constexpr int ZOT_EXTENSION_VERSION = 1;
+/// Values a version-1 block holds at most.
+constexpr int ZOT_EXTENSION_VALUES = 14;
+
 /// One camera of the array.
 struct SetupCamera {
   int width, height;
@@ -118,6 +130,8 @@ struct SetupArray {
   double localFrames[ZOT_MAX_LOCAL_FRAMES][16];
   int nBodies;
   SetupBody bodies[ZOT_MAX_BODIES];
+  int nExtensionValues = -1;                ///< -1: no extension block
+  double extensions[ZOT_EXTENSION_VALUES];  ///< its values as stored
 };
 
 /// Camera count (1 to ZOT_MAX_CAMERAS), checking that the array can hold
@@ -143,6 +157,15 @@ bool decodeBody(SetupArrayReader& r, int index, SetupBody& body);
 /// indices (up to ZOT_MAX_FACE_VERTICES) and moves offset past it. Returns
 /// the number of vertices.
 int nextFace(const SetupBody& body, int& offset, int* indices);
+
+/// The extension block at the cursor (which must hold the marker) into
+/// robust and, when values is not null, its nValues values. Refused with one
+/// "ERROR: ..." line: another format version, more values than the version
+/// has, a block cut short, a value that is not finite or out of its range
+/// (a mode or estimator other than 0 or 1, a negative length, ratio or
+/// count, a fraction above 1, a zero scale floor or convergence bound).
+/// robust is unchanged on failure.
+bool decodeExtensions(SetupArrayReader& r, RobustSettings& robust, int& nValues, double* values);
 
 /// Decodes all of array (count values) into setup. Returns true when the
 /// layout uses exactly count values; otherwise false with the tracker's

@@ -73,7 +73,12 @@ ContourTracker::ContourTracker()
     m_zNear[c] = 0.0;
     m_zFar[c] = 0.0;
     m_camEnabled[c] = 0;
+    m_sampleIds[c] = nullptr;
+    m_polarityKeys[c] = nullptr;
+    m_polarityValues[c] = nullptr;
+    m_cannyThresholds[c][0] = m_cannyThresholds[c][1] = 0.0;
   }
+  m_quality = FitQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
 }
 
 ContourTracker::~ContourTracker() {}
@@ -132,6 +137,12 @@ void ContourTracker::init(const int* imageWidths, const int* imageHeights, const
     if (m_imageWidth[c] > maxWidth) maxWidth = m_imageWidth[c];
     if (m_imageHeight[c] > maxHeight) maxHeight = m_imageHeight[c];
     m_camEnabled[c] = 1;
+  }
+  // The robust estimator's buffers belong to the previous set-up, if any.
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
+    m_sampleIds[c] = nullptr;
+    m_polarityKeys[c] = nullptr;
+    m_polarityValues[c] = nullptr;
   }
 
   // Shared by all cameras, so sized for the largest width and the largest

@@ -135,6 +135,10 @@ double* Multibody::getSampleTangentDirPerCam(int cam) const {
   return m_sampleTangentDirPerCam[cam];
 }
 
+int ContourTracker::usableSampleCount(const Multibody& model, int cam) const {
+  return usableSamples(model, cam, m_maxSamplePoints);
+}
+
 // ================================================================ Gauss-Newton loop
 
 namespace {
@@ -155,6 +159,7 @@ CostSettings iterationCostSettings(const GaussNewtonSettings& s) {
   c.timing = s.timing;
   c.showDebug = s.showDebug;
   c.verbose = false;
+  c.robust = s.robust;
   return c;
 }
 
@@ -221,6 +226,8 @@ int ContourTracker::poseUpdateLoop(Multibody& model, const unsigned char* const*
                                    const double* const* camTransforms,
                                    const double* const* camIntrinsics,
                                    const GaussNewtonSettings& s) {
+  if (s.robust != nullptr && s.robust->enabled != 0)
+    return poseUpdateLoopRobust(model, images, pose, covariance, camTransforms, camIntrinsics, s);
   double startPose[16], startPoseInverse[16], samplingPoseInverse[16];
   matrixCopy(pose, startPose, 4, 4);
   if (covariance != nullptr) matrixZero(covariance, 6, 6);
@@ -306,6 +313,99 @@ int ContourTracker::poseUpdateLoop(Multibody& model, const unsigned char* const*
   return 0;
 }
 
+// The designed loop with the robust estimator's weights and tests: the
+// scale and weights are renewed in every iteration, convergence is the
+// largest move of a sample along its normal, and at the iteration limit a
+// stalled robust cost with enough inliers is accepted. The final tests are
+// the inlier count, the inlier fraction and the inliers' RMS residual; the
+// designed final cost test does not apply.
+int ContourTracker::poseUpdateLoopRobust(Multibody& model, const unsigned char* const* images,
+                                         double* pose, double* covariance,
+                                         const double* const* camTransforms,
+                                         const double* const* camIntrinsics,
+                                         const GaussNewtonSettings& s) {
+  const RobustSettings& r = *s.robust;
+  double startPose[16], startPoseInverse[16], samplingPoseInverse[16];
+  matrixCopy(pose, startPose, 4, 4);
+  if (covariance != nullptr) matrixZero(covariance, 6, 6);
+  inverseTransform(pose, startPoseInverse);
+  matrixCopy(startPoseInverse, samplingPoseInverse, 4, 4);
+  CostSettings costSettings = iterationCostSettings(s);
+  m_quality = FitQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
+  double inliers = 0.0, previousCost = -1.0, dx[6];
+  auto fail = [&](int code) {
+    matrixCopy(startPose, pose, 4, 4);
+    return code;
+  };
+
+  for (int iteration = 0;; iteration++) {
+    m_cost = 0.0;
+    const int costCode = computeOverallCostAndJacobian(model, m_cost, pose, camTransforms,
+                                                       camIntrinsics, costSettings);
+    if (costCode != 0) return fail(costCode);
+    if (s.showDebug) showMatches(model, images, s.searchRange);
+    inliers = reweight(r, s.searchRange);
+    m_quality.iterations = iteration + 1;
+    if (inliers < s.minInliers) {
+      if (s.verbose) printf("EXIT GN: too few inliers (%g) in iteration %d\n", inliers, iteration);
+      return fail(ZOT_ERR_TOO_MANY_OUTLIERS);
+    }
+    if (s.verbose) {
+      printf(" Robust cost: %g, scale %g px, inliers %g\n", m_quality.robustCost, m_quality.scalePx,
+             inliers);
+    }
+    const int solveCode = computePoseUpdate_squareLSE(dx, s.dofMask, false, covariance);
+    if (solveCode != 0) return fail(solveCode);
+
+    // How far the update moves the samples along their normals, in pixels.
+    double largestMove = 0.0;
+    for (int i = 0; i < m_nTotalPoints; i++) {
+      if (m_inlierWeights[i] == 0.0) continue;
+      const double* J = m_normalJacobian + 6 * i;
+      double move = 0.0;
+      for (int j = 0; j < 6; j++) move += J[j] * dx[j];
+      if (std::fabs(move) > largestMove) largestMove = std::fabs(move);
+    }
+    const double oldTranslation[3] = {pose[3], pose[7], pose[11]};
+    updatePoseTwist(pose, dx);
+    const int divergenceCode = checkDivergence(startPoseInverse, pose, s, iteration);
+    if (divergenceCode != 0) return fail(divergenceCode);
+    if (largestMove < r.convergencePx) break;
+
+    const double cost = m_quality.robustCost;
+    const bool stalled = previousCost > 0.0 && (previousCost - cost) <= r.costChange * previousCost;
+    previousCost = cost;
+    if (iteration + 1 >= s.maxIterations) {
+      if (stalled && inliers >= s.minInliersAtEnd) {
+        m_quality.stalled = 1;
+        if (s.verbose) printf("EXIT GN: iteration limit, robust cost stalled: pose accepted\n");
+        break;
+      }
+      if (s.verbose) printf("EXIT GN: max. iteration reached\n");
+      return fail(ZOT_ERR_MAX_ITERATIONS);
+    }
+    const double step[3] = {oldTranslation[0] - pose[3], oldTranslation[1] - pose[7],
+                            oldTranslation[2] - pose[11]};
+    costSettings.resample = resampleNext(samplingPoseInverse, pose, norm(dx, 3), norm(step, 3), s);
+  }
+
+  if (inliers < s.minInliersAtEnd || m_quality.inlierFraction < r.minInlierFraction) {
+    if (s.verbose) {
+      printf("FAILED GN: too few inliers at the end (%g, %.0f %% of the samples)\n", inliers,
+             100.0 * m_quality.inlierFraction);
+    }
+    return fail(ZOT_ERR_TOO_MANY_OUTLIERS);
+  }
+  if (m_quality.residualPx > r.maxResidualPx) {
+    if (s.verbose) {
+      printf("FAILED GN: inlier residual %g px above %g px\n", m_quality.residualPx,
+             r.maxResidualPx);
+    }
+    return fail(ZOT_ERR_FINAL_REPROJECTION);
+  }
+  return 0;
+}
+
 // Debug view of an iteration: the cost, then each camera's matches over its
 // image in "tracking0" / "tracking1", waiting for a key.
 void ContourTracker::showMatches(const Multibody& model, const unsigned char* const* images,
@@ -386,6 +486,7 @@ int ContourTracker::sampleReprojectAndMatch(Multibody& model, int c, const doubl
   static const char* const kMatchLabel[2] = {"Match along normals, cam 0",
                                              "Match along normals, cam 1"};
   const bool labelled = s.timing && c < 2;
+  const bool robust = s.robust != nullptr && s.robust->enabled != 0;
   double T[16];
   matrixProduct444(camTransforms[c], pose, T);
   const double* K = camIntrinsics[c];
@@ -394,8 +495,8 @@ int ContourTracker::sampleReprojectAndMatch(Multibody& model, int c, const doubl
     const int64_t start = labelled ? getTickCount() : 0;
     const int code = model.sampleContour_Zbuffer(
         c, T, K, m_imageWidth[c], m_imageHeight[c], m_zNear[c], m_zFar[c], s.facingTolerance,
-        s.minEdgeLength, s.samplingStep, nullptr, nullptr, nullptr, nullptr, true, false,
-        s.showDebug, s.verbose);
+        s.minEdgeLength, s.samplingStep, nullptr, nullptr, nullptr,
+        robust ? m_sampleIds[c] : nullptr, true, false, s.showDebug, s.verbose);
     if (code != 0) {
       if (s.verbose) printf("ERROR: Something wrong with the VLD\n");
       return code;
@@ -412,7 +513,10 @@ int ContourTracker::sampleReprojectAndMatch(Multibody& model, int c, const doubl
 
   if (s.match) {
     start = labelled ? getTickCount() : 0;
-    matchAlongNormals(model, c, s.searchRange, s.maxAngleDeg, s.showDebug, s.verbose);
+    if (robust)
+      matchAlongNormalsRobust(model, c, s.searchRange, s.maxAngleDeg, *s.robust);
+    else
+      matchAlongNormals(model, c, s.searchRange, s.maxAngleDeg, s.showDebug, s.verbose);
     if (labelled) showElapsed(kMatchLabel[c], start, getTickCount());
   }
   return 0;
@@ -625,15 +729,19 @@ int ContourTracker::computePoseUpdate_squareLSE(double* dx, const double* mask,
   double rss = 0.0;
   int nUsed = 0;
   for (int i = 0; i < m_nTotalPoints; i++) {
-    if (m_inlierWeights[i] == 0.0) continue;  // a switch, not a factor
+    // The designed weights are 0 or 1, and a product with 1 is exact: the
+    // robust estimator's weights share this loop.
+    const double w = m_inlierWeights[i];
+    if (w == 0.0) continue;
     const double* J = m_normalJacobian + 6 * i;
     const double r = m_residuals[i];
     for (int a = 0; a < 6; a++) {
-      for (int b = a; b < 6; b++) H[6 * a + b] += J[a] * J[b];
-      g[a] += J[a] * r;
-      diag[a] += J[a] * J[a];
+      const double wJ = w * J[a];
+      for (int b = a; b < 6; b++) H[6 * a + b] += wJ * J[b];
+      g[a] += wJ * r;
+      diag[a] += wJ * J[a];
     }
-    rss += r * r;
+    rss += w * r * r;
     nUsed++;
   }
   for (int a = 0; a < 6; a++) {

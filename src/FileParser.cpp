@@ -4,10 +4,12 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "IO.h"
+#include "SetupArray.h"
 
 namespace ZOTtracker {
 
@@ -135,6 +137,24 @@ class LineReader {
         return false;
       }
       return true;
+    }
+  }
+
+  // Next line that is neither a comment nor blank, into m_line; false at the
+  // end of the file (no fault here) or, after a message, for a line too long.
+  bool nextOptionalItem(bool& failed) {
+    failed = false;
+    for (;;) {
+      const int r = readLine();
+      if (r == 0) return false;
+      if (r < 0) {
+        printf("ERROR: line longer than %d characters in %s\n", LINE_SIZE - 1, m_path);
+        failed = true;
+        return false;
+      }
+      const char* p = m_line;
+      while (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n') p++;
+      if (*p != '#' && *p != '\0') return true;
     }
   }
 
@@ -268,7 +288,8 @@ const TrackerItem TRACKER_ITEMS[16] = {
     {"%lf", 1, false},      // Kalman initial covariance
 };
 
-int readTrackerFile(FILE* file, const char* path, ArrayWriter& out) {
+int readTrackerFile(FILE* file, const char* path, ArrayWriter& out, double* extensions,
+                    int& nExtensions) {
   const int code = ZOT_ERR_TRACKER_PARSER;
   LineReader in(file, path);
   int intValues[2] = {0, 0};
@@ -285,7 +306,24 @@ int readTrackerFile(FILE* file, const char* path, ArrayWriter& out) {
       if (!out.put(values, item.nValues)) return code;
     }
   }
-  return 0;
+  // Optional extension items, one number per line; they travel in the
+  // extension block at the end of the array (appendExtensionBlock).
+  nExtensions = 0;
+  bool failed = false;
+  while (in.nextOptionalItem(failed)) {
+    if (nExtensions == ZOT_EXTENSION_VALUES) {
+      printf("ERROR: %s: more than %d extension items\n", path, ZOT_EXTENSION_VALUES);
+      return code;
+    }
+    char* end = nullptr;
+    const double v = strtod(in.m_line, &end);
+    if (end == in.m_line) {
+      printf("ERROR: %s: extension item %d is not a number: %s", path, nExtensions + 1, in.m_line);
+      return code;
+    }
+    extensions[nExtensions++] = v;
+  }
+  return failed ? code : 0;
 }
 
 // ---------------------------------------------------------------- body files
@@ -428,6 +466,9 @@ int readModelFile(FILE* file, const char* path, const char* directory, ArrayWrit
 
 }  // namespace
 
+static_assert(FileParser::kExtensionCapacity == ZOT_EXTENSION_VALUES,
+              "the parser keeps every extension item");
+
 // ---------------------------------------------------------------- whole configuration
 int FileParser::parseAllFiles(const char* directory, const char* cameraFile,
                               const char* trackerFile, const char* modelFile, int& count,
@@ -443,7 +484,19 @@ int FileParser::parseAllFiles(const char* directory, const char* cameraFile,
   if (rc != 0) return rc;
   rc = parseTrackerFile(directory, trackerFile, count, array, capacity);
   if (rc != 0) return rc;
-  return parseModelFile(directory, modelFile, count, array, capacity);
+  rc = parseModelFile(directory, modelFile, count, array, capacity);
+  if (rc != 0) return rc;
+  return appendExtensionBlock(count, array, capacity);
+}
+
+int FileParser::appendExtensionBlock(int& count, double* array, int capacity) {
+  if (m_nExtensions < 0) return 0;
+  if (!validArray(array, count, capacity)) return ZOT_ERR_TRACKER_PARSER;
+  ArrayWriter out{array, count, capacity};
+  const double head[3] = {ZOT_EXTENSION_MARKER, (double)ZOT_EXTENSION_VERSION,
+                          (double)m_nExtensions};
+  if (!out.put(head, 3) || !out.put(m_extensions, m_nExtensions)) return ZOT_ERR_TRACKER_PARSER;
+  return 0;
 }
 
 // ---------------------------------------------------------------- single files
@@ -476,7 +529,8 @@ int FileParser::parseTrackerFile(const char* directory, const char* fileName, in
   FILE* file = openJoined(directory, fileName, path);
   if (file == nullptr) return ZOT_ERR_TRACKER_PARSER;
   ArrayWriter out{array, count, capacity};
-  const int rc = readTrackerFile(file, path, out);
+  const int rc = readTrackerFile(file, path, out, m_extensions, m_nExtensions);
+  if (rc != 0 || m_nExtensions == 0) m_nExtensions = -1;
   fclose(file);
   return rc;
 }

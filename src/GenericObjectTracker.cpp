@@ -58,7 +58,12 @@ GenericObjectTracker::TrackingParameters::TrackingParameters()
       m_kfInitialCov(1000.0) {}
 
 GenericObjectTracker::GenericObjectTracker()
-    : m_nCameras(0), m_doEdgeDetection(true), m_lastFrameTimes{0.0, 0.0, 0.0, 0.0} {
+    : m_nCameras(0),
+      m_doEdgeDetection(true),
+      m_lastFrameTimes{0.0, 0.0, 0.0, 0.0},
+      m_lastQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0},
+      m_haveLastGood(false) {
+  matrixIdentity(m_lastGoodWorldPose, 4);
   // Per-camera members mean nothing before the set-up; null and zero them so
   // that a premature call fails cleanly instead of following garbage.
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
@@ -158,6 +163,7 @@ int GenericObjectTracker::poseEstimation(const unsigned char* const* images, dou
                                          bool display, bool verbose) {
   const int64_t callStart = getTickCount();
   m_lastFrameTimes = FrameStageTimes{0.0, 0.0, 0.0, 0.0};
+  m_lastQuality = FitQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
   const int code =
       estimateFrame(images, time, toolPose, initPose, initVelocity, initTime, pose, velocity,
                     covariance, dofMask, initialise, timing, display, verbose);
@@ -207,6 +213,8 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
       printf("ERROR: poseEstimation: invalid initial pose, velocity or time (%g)\n", initTime);
       return code;
     }
+    m_haveLastGood = false;
+    m_contourTracker.forgetPolarity();
   }
   const int predictCode = kf.predict(time);
   if (predictCode != 0) return predictCode;
@@ -218,9 +226,11 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   if (undistortCode != 0) return undistortCode;
   if (timing) showElapsed("Undistortion (2x)", start, end);
 
+  double predicted[16];
+  matrixProduct444(toolInv, kf.m_Tpred, predicted);
   if (m_doEdgeDetection) {
     start = getTickCount();
-    const int code = edgeDetectAllImages();
+    const int code = detectEdges(predicted);
     end = getTickCount();
     m_lastFrameTimes.edgesMs = ticksToMs(end - start);
     if (code != 0) return code;
@@ -228,9 +238,17 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   }
 
   double refined[16], loopCovariance[36];
-  matrixProduct444(toolInv, kf.m_Tpred, refined);
+  matrixCopy(predicted, refined, 4, 4);
   start = getTickCount();
-  const int loopCode = poseUpdateLoop(refined, loopCovariance, dofMask, timing, display, verbose);
+  int loopCode = poseUpdateLoop(refined, loopCovariance, dofMask, timing, display, verbose);
+  const RobustSettings& robust = m_trackingParams.m_robust;
+  if (robust.enabled) {
+    if (loopCode != 0 && robust.recoveryRangePx > 0.0) {
+      loopCode = recoverPose(predicted, toolInv, refined, loopCovariance, dofMask, loopCode, timing,
+                             display, verbose);
+    }
+    m_lastQuality = m_contourTracker.m_quality;
+  }
   end = getTickCount();
   m_lastFrameTimes.poseUpdateMs = ticksToMs(end - start);
   if (timing) showElapsed("Total Gauss-Newton loop (pose estimation)", start, end);
@@ -249,6 +267,11 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   const int correctCode = kf.correct(measuredWorld, R, time);
   if (correctCode != 0) return correctCode;
 
+  if (robust.enabled) {
+    m_contourTracker.rememberPolarity(m_multibody);
+    matrixCopy(measuredWorld, m_lastGoodWorldPose, 4, 4);
+    m_haveLastGood = true;
+  }
   // The Gauss-Newton result goes out, not the filtered pose.
   if (pose != nullptr) matrixCopy(refined, pose, 4, 4);
   if (velocity != nullptr) kf.getVelocity(velocity);
@@ -258,6 +281,80 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
 
 int GenericObjectTracker::poseUpdateLoop(double* pose, double* covariance, const double* dofMask,
                                          bool timing, bool display, bool verbose) {
+  return m_contourTracker.poseUpdateLoop(m_multibody, m_undistortedImage, pose, covariance,
+                                         m_toolToCamera, m_K,
+                                         loopSettings(dofMask, timing, display, verbose));
+}
+
+int GenericObjectTracker::recoverPose(const double* predicted, const double* toolInverse,
+                                      double* pose, double* covariance, const double* dofMask,
+                                      int failure, bool timing, bool display, bool verbose) {
+  const GaussNewtonSettings fine = loopSettings(dofMask, timing, display, verbose);
+  // Coarse: every other sample, searched as far as the object may have gone
+  // unseen, with room to move that far.
+  GaussNewtonSettings coarse = fine;
+  coarse.searchRange = m_trackingParams.m_robust.recoveryRangePx;
+  coarse.samplingStep = 2 * fine.samplingStep;
+  coarse.minInliers = 0.5 * fine.minInliers;
+  coarse.minInliersAtEnd = 0.5 * fine.minInliersAtEnd;
+  coarse.maxAbsRotDeg = 2.0 * fine.maxAbsRotDeg;
+  coarse.maxAbsTransl = 2.0 * fine.maxAbsTransl;
+
+  double starts[2][16];
+  int nStarts = 0;
+  matrixCopy(predicted, starts[nStarts++], 4, 4);
+  if (m_haveLastGood) matrixProduct444(toolInverse, m_lastGoodWorldPose, starts[nStarts++]);
+  ContourTracker& tracker = m_contourTracker;
+  bool found = false;
+  FitQuality best{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
+  for (int i = 0; i < nStarts; i++) {
+    double candidate[16], candidateCovariance[36];
+    matrixCopy(starts[i], candidate, 4, 4);
+    if (tracker.poseUpdateLoop(m_multibody, m_undistortedImage, candidate, candidateCovariance,
+                               m_toolToCamera, m_K, coarse) != 0)
+      continue;
+    if (tracker.poseUpdateLoop(m_multibody, m_undistortedImage, candidate, candidateCovariance,
+                               m_toolToCamera, m_K, fine) != 0)
+      continue;
+    if (found && tracker.m_quality.robustCost >= best.robustCost) continue;
+    found = true;
+    best = tracker.m_quality;
+    matrixCopy(candidate, pose, 4, 4);
+    matrixCopy(candidateCovariance, covariance, 6, 6);
+  }
+  if (verbose)
+    printf("Recovery: %s\n", found ? "a coarse-to-fine search found the object" : "none");
+  if (!found) return failure;
+  // The matches of the kept fit are the ones its polarity is learnt from.
+  if (tracker.m_quality.robustCost != best.robustCost) {
+    double again[16], ignored[36];
+    matrixCopy(pose, again, 4, 4);
+    tracker.poseUpdateLoop(m_multibody, m_undistortedImage, again, ignored, m_toolToCamera, m_K,
+                           fine);
+  }
+  tracker.m_quality = best;
+  return 0;
+}
+
+int GenericObjectTracker::detectEdges(const double* predicted) {
+  const RobustSettings& r = m_trackingParams.m_robust;
+  if (!r.enabled || !(r.cannyAutoRatio > 0.0)) return edgeDetectAllImages();
+  // Thresholds from where the object can be: its predicted outline, grown
+  // by the distance a match or a recovery may search.
+  int regions[ZOT_MAX_CAMERAS][4];
+  const int* regionOf[ZOT_MAX_CAMERAS];
+  const double grow = m_trackingParams.m_searchRange + r.recoveryRangePx;
+  for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
+    double T[16];
+    matrixProduct444(m_toolToCamera[c], predicted, T);
+    m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow, regions[c]);
+    regionOf[c] = regions[c];
+  }
+  return m_contourTracker.edgeDetectAdaptive(m_undistortedImage, regionOf, r);
+}
+
+GaussNewtonSettings GenericObjectTracker::loopSettings(const double* dofMask, bool timing,
+                                                       bool display, bool verbose) const {
   const TrackingParameters& p = m_trackingParams;
   GaussNewtonSettings s;
   s.maxIterations = p.m_maxIterations;
@@ -279,8 +376,8 @@ int GenericObjectTracker::poseUpdateLoop(double* pose, double* covariance, const
   s.timing = timing;
   s.showDebug = display;
   s.verbose = verbose;
-  return m_contourTracker.poseUpdateLoop(m_multibody, m_undistortedImage, pose, covariance,
-                                         m_toolToCamera, m_K, s);
+  s.robust = &p.m_robust;
+  return s;
 }
 
 void GenericObjectTracker::initAllUndistortMaps() {

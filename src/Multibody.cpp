@@ -2,6 +2,7 @@
 // per-camera sample getters live next to their reader, in ContourTracker_LM.cpp).
 #include "Multibody.h"
 
+#include <cmath>
 #include <cstdio>
 
 #include "Math.h"
@@ -163,6 +164,56 @@ int Multibody::getActiveBody(int body) const {
     return -1;
   }
   return m_bodyActive[body];
+}
+
+void Multibody::projectedBounds(const double* T, const double* K, int width, int height,
+                                double grow, int* region) const {
+  double lo[2] = {1e300, 1e300}, hi[2] = {-1e300, -1e300};
+  bool whole = false;
+  auto include = [&](const double* X) {
+    double p[3];
+    transformPoint3d(T, X, p);
+    if (!(p[2] > 1e-6)) {
+      whole = true;
+      return;
+    }
+    const double u = K[0] * p[0] / p[2] + K[1] * p[1] / p[2] + K[2];
+    const double v = K[4] * p[1] / p[2] + K[5];
+    lo[0] = u < lo[0] ? u : lo[0];
+    hi[0] = u > hi[0] ? u : hi[0];
+    lo[1] = v < lo[1] ? v : lo[1];
+    hi[1] = v > hi[1] ? v : hi[1];
+  };
+  for (int b = 0; b < m_nBodies && !whole; b++) {
+    if (!m_bodyActive[b]) continue;
+    if (m_bodyType[b] == ZOT_BODY_POLYHEDRON) {
+      for (int i = 0; i < m_polyhedra[b].m_nVertices; i++)
+        include(m_polyhedra[b].m_vertices + 3 * i);
+    } else if (m_bodyType[b] == ZOT_BODY_POLYLINE) {
+      for (int i = 0; i < m_polylines[b].m_nPoints; i++) include(m_polylines[b].m_points + 3 * i);
+    } else {
+      whole = true;
+    }
+  }
+  if (whole || !(lo[0] <= hi[0])) {
+    region[0] = region[1] = 0;
+    region[2] = width - 1;
+    region[3] = height - 1;
+    if (!whole) region[2] = -1;  // nothing to bound
+    return;
+  }
+  // Clamped in double first: a far-off projection must not overflow an int.
+  auto clampTo = [](double v, int most) {
+    return v < -1.0 ? -1 : v > most + 1.0 ? most + 1 : (int)std::floor(v);
+  };
+  region[0] = clampTo(lo[0] - grow, width - 1);
+  region[1] = clampTo(lo[1] - grow, height - 1);
+  region[2] = clampTo(hi[0] + grow + 1.0, width - 1);
+  region[3] = clampTo(hi[1] + grow + 1.0, height - 1);
+  if (region[0] < 0) region[0] = 0;
+  if (region[1] < 0) region[1] = 0;
+  if (region[2] > width - 1) region[2] = width - 1;
+  if (region[3] > height - 1) region[3] = height - 1;
 }
 
 }  // namespace ZOTtracker

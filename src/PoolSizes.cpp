@@ -109,6 +109,12 @@ int computePoolSizes(int count, const double* array, double margin, size_t sizes
   s[kDouble] += 6 * n * S + wh + n * wh + 6 * nEdges;
   s[kUchar] += 4 * wh;
   s[kInt] += wh + 3 * nEdges;
+  // Robust estimator, with an extension block: per camera the samples' edge
+  // ids and the polarity memory.
+  if (setup->nExtensionValues >= 0) {
+    s[kInt] += n * (S + ZOT_POLARITY_SLOTS);
+    s[kDouble] += n * ZOT_POLARITY_SLOTS;
+  }
 
   if (!(margin > 0.0) || !std::isfinite(margin)) margin = 0.0;
   for (int i = 0; i < ZOT_N_POOLS; i++) {

@@ -366,6 +366,93 @@ int nextFace(const SetupBody& body, int& offset, int* indices) {
 
 // ================================================================ whole array
 
+namespace {
+
+// One extension item: its name for the messages and its range.
+struct ExtensionItem {
+  const char* name;
+  double least;    // smallest value accepted
+  bool leastOpen;  // least itself refused
+  double most;     // largest value accepted
+  bool integral;
+};
+constexpr double kAny = 1e300;
+const ExtensionItem EXTENSION_ITEMS[ZOT_EXTENSION_VALUES] = {
+    {"robust mode (0 or 1)", 0.0, false, 1.0, true},
+    {"M-estimator (0 Tukey, 1 Huber)", 0.0, false, 1.0, true},
+    {"M-estimator constant", 0.0, false, kAny, false},
+    {"scale floor [px]", 0.0, true, kAny, false},
+    {"inlier weight", 0.0, false, 1.0, false},
+    {"polarity memory (0 or 1)", 0.0, false, 1.0, true},
+    {"Canny ratio to the robust maximum", 0.0, false, kAny, false},
+    {"Canny low-to-high ratio", 0.0, true, 1.0, false},
+    {"Canny floor", 0.0, false, kAny, false},
+    {"convergence [px]", 0.0, true, kAny, false},
+    {"relative cost change", 0.0, false, kAny, false},
+    {"recovery search range [px]", 0.0, false, kAny, false},
+    {"least inlier fraction", 0.0, false, 1.0, false},
+    {"largest inlier residual [px]", 0.0, true, kAny, false},
+};
+
+}  // namespace
+
+bool decodeExtensions(SetupArrayReader& r, RobustSettings& robust, int& nValues, double* values) {
+  if (!r.available(3, "extension block")) return false;
+  r.next();  // the marker
+  int version = 0, n = 0;
+  if (!r.readInt("extension format version", version)) return false;
+  if (version != ZOT_EXTENSION_VERSION) {
+    r.report("ERROR: extension block of format version %d; this library reads version %d\n",
+             version, ZOT_EXTENSION_VERSION);
+    return false;
+  }
+  if (!r.readInt("extension values", n)) return false;
+  if (n < 0 || n > ZOT_EXTENSION_VALUES) {
+    r.report("ERROR: extension block of %d values; version %d has 0 to %d\n", n, version,
+             ZOT_EXTENSION_VALUES);
+    return false;
+  }
+  if (!r.available(n, "extension block")) return false;
+  double v[ZOT_EXTENSION_VALUES];
+  for (int i = 0; i < n; i++) {
+    v[i] = r.next();
+    const ExtensionItem& item = EXTENSION_ITEMS[i];
+    const bool ok = std::isfinite(v[i]) && v[i] <= item.most &&
+                    (item.leastOpen ? v[i] > item.least : v[i] >= item.least) &&
+                    (!item.integral || v[i] == std::floor(v[i]));
+    if (!ok) {
+      r.report("ERROR: extension item %d (%s) is %g, out of its range\n", i + 1, item.name, v[i]);
+      return false;
+    }
+  }
+  RobustSettings s;
+  double* const fields[ZOT_EXTENSION_VALUES] = {nullptr,
+                                                nullptr,
+                                                &s.tuning,
+                                                &s.scaleFloorPx,
+                                                &s.inlierWeight,
+                                                nullptr,
+                                                &s.cannyAutoRatio,
+                                                &s.cannyLowRatio,
+                                                &s.cannyFloor,
+                                                &s.convergencePx,
+                                                &s.costChange,
+                                                &s.recoveryRangePx,
+                                                &s.minInlierFraction,
+                                                &s.maxResidualPx};
+  int* const flags[ZOT_EXTENSION_VALUES] = {&s.enabled, &s.estimator, nullptr,
+                                            nullptr,    nullptr,      &s.polarityMemory};
+  for (int i = 0; i < n; i++) {
+    if (fields[i] != nullptr) *fields[i] = v[i];
+    if (flags[i] != nullptr) *flags[i] = (int)v[i];
+  }
+  robust = s;
+  nValues = n;
+  if (values != nullptr)
+    for (int i = 0; i < n; i++) values[i] = v[i];
+  return true;
+}
+
 bool decodeSetupArray(const double* array, int count, SetupArray& setup, char* messages,
                       int messagesSize) {
   int cursor = 0;
@@ -387,6 +474,11 @@ bool decodeSetupArray(const double* array, int count, SetupArray& setup, char* m
   if (!decodeBodyCount(r, setup.nBodies)) return false;
   for (int b = 0; b < setup.nBodies; b++) {
     if (!decodeBody(r, b, setup.bodies[b])) return false;
+  }
+  setup.nExtensionValues = -1;
+  if (cursor < count && array[cursor] == ZOT_EXTENSION_MARKER) {
+    RobustSettings ignored;
+    if (!decodeExtensions(r, ignored, setup.nExtensionValues, setup.extensions)) return false;
   }
   if (cursor != count) {
     r.report("ERROR: total numbers read %d should be: %d\n", cursor, count);
@@ -458,6 +550,12 @@ int encodeSetupArray(const SetupArray& setup, double* out, int capacity) {
   for (int i = 0; i < setup.nLocalFrames; i++) w.put(setup.localFrames[i], kLocalFrameValues);
   w.put(setup.nBodies);
   for (int b = 0; b < setup.nBodies; b++) encodeBody(setup.bodies[b], w);
+  if (setup.nExtensionValues >= 0) {
+    const double head[3] = {ZOT_EXTENSION_MARKER, (double)ZOT_EXTENSION_VERSION,
+                            (double)setup.nExtensionValues};
+    w.put(head, 3);
+    w.put(setup.extensions, setup.nExtensionValues);
+  }
   return w.overflow ? -1 : w.n;
 }
 

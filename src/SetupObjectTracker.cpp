@@ -36,6 +36,15 @@ int GenericObjectTracker::setupFromGlobalArray(int count, const double* array) {
   if (setupCameraParam(cursor, array, count) != 0) return -1;
   if (setupTrackerParam(cursor, array, count) != 0) return -1;
   if (setupModelParam(cursor, array, count) != 0) return -1;
+  // The robust estimator's items, when the array carries them; otherwise
+  // the designed estimator, whatever an earlier set-up chose.
+  m_trackingParams.m_robust = RobustSettings();
+  const bool extended = cursor < count && array[cursor] == ZOT_EXTENSION_MARKER;
+  if (extended) {
+    SetupArrayReader r(array, count, cursor);
+    int nValues = 0;
+    if (!decodeExtensions(r, m_trackingParams.m_robust, nValues, nullptr)) return -1;
+  }
 
   const TrackingParameters& p = m_trackingParams;
   if (m_kalmanFilter.setParams(p.m_kfAccNoiseRot, p.m_kfAccNoiseTransl, p.m_kfInitialCov) != 0) {
@@ -57,6 +66,8 @@ int GenericObjectTracker::setupFromGlobalArray(int count, const double* array) {
     for (int c = 0; c < ZOT_MAX_CAMERAS; c++) m_contourTracker.m_camEnabled[c] = 0;
     return -1;
   }
+
+  if (extended) m_contourTracker.initRobust(p.m_maxNSamplePointsPerCam);
 
   // Checked last, after everything is built: the pools stay consumed.
   if (cursor != count) {

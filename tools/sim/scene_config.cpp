@@ -3,7 +3,6 @@
 // the simulation sees exactly the numbers the tracker will see.
 #include "scene_config.h"
 
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -33,7 +32,8 @@ std::string joinPath(const std::string& directory, const std::string& name) {
 bool numbersOfLine(const std::string& line, std::vector<double>& out) {
   out.clear();
   std::string text = line;
-  std::replace_if(text.begin(), text.end(), [](char c) { return c == ',' || c == ';'; }, ' ');
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == ',' || c == ';'; }, ' ');
   std::istringstream in(text);
   std::string token;
   while (in >> token) {
@@ -315,6 +315,14 @@ class StrictFile {
     } while (line[0] == '#');
     return true;
   }
+  // The next line that is neither blank nor a comment; false at the end.
+  bool optionalItem(std::string& line) {
+    while (m_pos < m_text.size()) {
+      line = restOfLine();
+      if (!emptyOrComment(line, 0)) return true;
+    }
+    return false;
+  }
   // Reads and forgets one line.
   void skipLine() {
     if (m_pos < m_text.size()) restOfLine();
@@ -453,7 +461,13 @@ bool strictTrackerFile(StrictFile& f) {
   std::string line;
   for (const auto& it : items)
     if (!f.item(line) || !f.numbers(line, it[0], it[1] != 0)) return false;
-  return f.onlyCommentsLeft();
+  // Then the optional extension items, one number per line.
+  for (int n = 0; f.optionalItem(line); n++) {
+    if (n == ZOTtracker::ZOT_EXTENSION_VALUES)
+      return f.fault("more than " + std::to_string(n) + " extension items");
+    if (!f.numbers(line, 1, false)) return false;
+  }
+  return true;
 }
 
 bool strictModelFile(StrictFile& f, const std::string& directory) {

@@ -1,0 +1,340 @@
+// The robust estimator of the contour tracker: image-driven Canny thresholds,
+// matching with sub-pixel edges and polarity memory, M-estimator weights
+// with a re-estimated scale, and its Gauss-Newton loop with convergence in
+// pixels. The designed estimator (ContourTracker_LM.cpp) does not call any of
+// it.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+
+#include "ContourTracker.h"
+#include "Drawing.h"
+#include "IO.h"
+#include "Imgproc.h"
+#include "Math.h"
+#include "memory_handling.h"
+
+namespace ZOTtracker {
+
+RobustSettings::RobustSettings()
+    : enabled(0),
+      estimator(0),
+      tuning(0.0),
+      scaleFloorPx(0.3),
+      inlierWeight(0.1),
+      polarityMemory(1),
+      cannyAutoRatio(0.0),
+      cannyLowRatio(0.5),
+      cannyFloor(10.0),
+      convergencePx(0.05),
+      costChange(0.01),
+      recoveryRangePx(0.0),
+      minInlierFraction(0.4),
+      maxResidualPx(1.5) {}
+
+namespace {
+
+constexpr double kTukeyConstant = 4.685;
+constexpr double kHuberConstant = 1.345;
+// Median absolute deviation to standard deviation, for normal residuals.
+constexpr double kMadToSigma = 1.4826;
+// Bins of the residual histogram the scale is read from: the median of
+// |r| over [0, searchRange] to 1/kScaleBins of the range.
+constexpr int kScaleBins = 1024;
+// L1 Sobel magnitudes reach 2 * 4 * 255.
+constexpr int kMagnitudeBins = 2041;
+// Share of the region's pixels above the "robust maximum" of the gradient.
+constexpr double kRobustMaxShare = 0.01;
+
+double tuningConstant(const RobustSettings& r) {
+  if (r.tuning > 0.0) return r.tuning;
+  return r.estimator == 1 ? kHuberConstant : kTukeyConstant;
+}
+
+// IRLS weight of a residual u in units of the scale.
+double mWeight(int estimator, double u, double c) {
+  const double a = std::fabs(u);
+  if (estimator == 1) return a <= c ? 1.0 : c / a;
+  if (a >= c) return 0.0;
+  const double t = 1.0 - (u / c) * (u / c);
+  return t * t;
+}
+
+// M-estimator cost of u (units of the scale); both saturate or grow slowly.
+double mCost(int estimator, double u, double c) {
+  const double a = std::fabs(u);
+  if (estimator == 1) return a <= c ? 0.5 * u * u : c * (a - 0.5 * c);
+  if (a >= c) return c * c / 6.0;
+  const double t = 1.0 - (u / c) * (u / c);
+  return c * c / 6.0 * (1.0 - t * t * t);
+}
+
+// Steps of Canny's four non-maximum directions, chosen by the gradient.
+void gradientStep(double gx, double gy, int* step) {
+  const double ax = std::fabs(gx), ay = std::fabs(gy);
+  // tan(22.5 deg) and tan(67.5 deg), as in the edge detector.
+  if (ay <= 0.41421356 * ax) {
+    step[0] = 1;
+    step[1] = 0;
+  } else if (ay >= 2.41421356 * ax) {
+    step[0] = 0;
+    step[1] = 1;
+  } else {
+    step[0] = 1;
+    step[1] = (gx > 0.0) == (gy > 0.0) ? 1 : -1;
+  }
+}
+
+inline double magnitudeAt(const short* gx, const short* gy, long i) {
+  const double x = gx[i], y = gy[i];
+  return std::sqrt(x * x + y * y);
+}
+
+// Slot of edge `id` in a camera's polarity table (open addressing), or -1.
+int polaritySlot(const int* keys, int id, bool insert) {
+  const uint32_t mask = ZOT_POLARITY_SLOTS - 1;
+  uint32_t h = ((uint32_t)id * 2654435761u) >> 7;
+  for (int probe = 0; probe < ZOT_POLARITY_SLOTS; probe++, h++) {
+    const int slot = (int)(h & mask);
+    if (keys[slot] == id + 1) return slot;
+    if (keys[slot] == 0) return insert ? slot : -1;
+  }
+  return -1;
+}
+
+}  // namespace
+
+bool refineEdgeSubpixel(const short* gx, const short* gy, int width, int height, int x, int y,
+                        double* refined) {
+  refined[0] = x;
+  refined[1] = y;
+  if (x < 1 || y < 1 || x >= width - 1 || y >= height - 1) return false;
+  const long i = (long)y * width + x;
+  int step[2];
+  gradientStep(gx[i], gy[i], step);
+  const long d = (long)step[1] * width + step[0];
+  const double a = magnitudeAt(gx, gy, i - d), b = magnitudeAt(gx, gy, i),
+               c = magnitudeAt(gx, gy, i + d);
+  const double curvature = a - 2.0 * b + c;
+  if (!(curvature < 0.0)) return false;
+  double offset = 0.5 * (a - c) / curvature;
+  if (offset > 0.5) offset = 0.5;
+  if (offset < -0.5) offset = -0.5;
+  refined[0] = x + offset * step[0];
+  refined[1] = y + offset * step[1];
+  return true;
+}
+
+// ================================================================ set-up
+
+void ContourTracker::initRobust(int maxSamplePoints) {
+  for (int c = 0; c < m_nCams; c++) {
+    m_sampleIds[c] = myMallocInt((size_t)maxSamplePoints);
+    m_polarityKeys[c] = myMallocInt(ZOT_POLARITY_SLOTS);
+    m_polarityValues[c] = myMallocDouble(ZOT_POLARITY_SLOTS);
+    for (int s = 0; s < ZOT_POLARITY_SLOTS; s++) {
+      m_polarityKeys[c][s] = 0;
+      m_polarityValues[c][s] = 0.0;
+    }
+  }
+}
+
+// ================================================================ edges
+
+int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
+                                       const int* const* regions, const RobustSettings& r) {
+  for (int c = 0; c < m_nCams; c++) {
+    if (!m_camEnabled[c]) continue;
+    const int width = m_imageWidth[c], height = m_imageHeight[c];
+    mySobel(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height);
+    // The gradient's distribution where the object can be: its strongest
+    // edges set the scale, so that faint footage gets low thresholds.
+    int x0 = 0, y0 = 0, x1 = width - 1, y1 = height - 1;
+    if (regions != nullptr && regions[c] != nullptr) {
+      x0 = regions[c][0] > 0 ? regions[c][0] : 0;
+      y0 = regions[c][1] > 0 ? regions[c][1] : 0;
+      x1 = regions[c][2] < width - 1 ? regions[c][2] : width - 1;
+      y1 = regions[c][3] < height - 1 ? regions[c][3] : height - 1;
+      if (x1 < x0 || y1 < y0) x0 = 0, y0 = 0, x1 = width - 1, y1 = height - 1;
+    }
+    int histogram[kMagnitudeBins] = {0};
+    for (int y = y0; y <= y1; y++) {
+      const short* dx = m_gradX[c] + (long)y * width;
+      const short* dy = m_gradY[c] + (long)y * width;
+      for (int x = x0; x <= x1; x++) {
+        int m = std::abs(dx[x]) + std::abs(dy[x]);
+        histogram[m < kMagnitudeBins ? m : kMagnitudeBins - 1]++;
+      }
+    }
+    const long total = (long)(x1 - x0 + 1) * (y1 - y0 + 1);
+    long above = 0;
+    int robustMax = kMagnitudeBins - 1;
+    while (robustMax > 0 && above + histogram[robustMax] <= kRobustMaxShare * total) {
+      above += histogram[robustMax];
+      robustMax--;
+    }
+    double high = r.cannyAutoRatio * robustMax;
+    double low = r.cannyLowRatio * high;
+    if (low < r.cannyFloor) low = r.cannyFloor;
+    if (high < low) high = low;
+    m_cannyThresholds[c][0] = low;
+    m_cannyThresholds[c][1] = high;
+    const int code = myCanny(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork, m_cannyStack,
+                             width, height, low, high);
+    if (code != 0) return code;
+  }
+  return 0;
+}
+
+// ================================================================ matching
+
+int ContourTracker::matchAlongNormalsRobust(const Multibody& model, int cam, double searchRange,
+                                            double maxAngleDeg, const RobustSettings& r) {
+  if (cam < 0 || cam >= m_nCams) return 0;
+  const int n = usableSampleCount(model, cam);
+  const int width = m_imageWidth[cam], height = m_imageHeight[cam];
+  const double* uv = m_projPoints[cam];
+  const double* normal = m_normals[cam];
+  double* matched = m_matchedPoints[cam];
+  double* flags = m_matchFlags[cam];
+  unsigned char* edges = m_edgeMap[cam];
+  const short* gx = m_gradX[cam];
+  const short* gy = m_gradY[cam];
+  const double cosLimit = maxAngleDeg > 0.0 ? std::cos(maxAngleDeg * ZOT_PI / 180.0) : 0.0;
+  const bool memory = r.polarityMemory != 0 && m_sampleIds[cam] != nullptr;
+
+  for (int k = 0; k < n; k++) {
+    matched[2 * k] = matched[2 * k + 1] = 0.0;
+    flags[k] = 0.0;
+    const int start[2] = {roundToPixel(uv[2 * k]), roundToPixel(uv[2 * k + 1])};
+    if (start[0] < 0 || start[0] >= width || start[1] < 0 || start[1] >= height) continue;
+    const double nx = normal[2 * k], ny = normal[2 * k + 1];
+    double expected = 0.0;
+    if (memory) {
+      const int slot = polaritySlot(m_polarityKeys[cam], m_sampleIds[cam][k], false);
+      if (slot >= 0) expected = m_polarityValues[cam][slot];
+    }
+    const int endMinus[2] = {roundToPixel(start[0] - nx * searchRange),
+                             roundToPixel(start[1] - ny * searchRange)};
+    const int endPlus[2] = {roundToPixel(start[0] + nx * searchRange),
+                            roundToPixel(start[1] + ny * searchRange)};
+    myLineIterator lines[2];
+    int counts[2] = {initLineIterator(edges, width, height, 1, start, endMinus, &lines[0], 4, 0),
+                     initLineIterator(edges, width, height, 1, start, endPlus, &lines[1], 4, 0)};
+    // Nearest first, both sides in turn; an edge of the remembered polarity
+    // wins over a nearer one of the other, which is kept as the fallback.
+    long chosen = -1, fallback = -1;
+    const int steps = counts[0] > counts[1] ? counts[0] : counts[1];
+    for (int i = 0; i < steps && chosen < 0; i++) {
+      for (int side = 0; side < 2 && chosen < 0; side++) {
+        if (i >= counts[side]) continue;
+        const long offset = lines[side].m_ptr - edges;
+        if (i + 1 < counts[side]) advanceLineIterator(lines[side]);
+        if (edges[offset] == 0) continue;
+        const double along = nx * gx[offset] + ny * gy[offset];
+        const double m =
+            std::sqrt((double)gx[offset] * gx[offset] + (double)gy[offset] * gy[offset]);
+        if (!(m > 0.0 && std::fabs(along) / m > cosLimit)) continue;
+        if (expected == 0.0 || (along > 0.0) == (expected > 0.0)) {
+          chosen = offset;
+        } else if (fallback < 0) {
+          fallback = offset;
+        }
+      }
+    }
+    if (chosen < 0) chosen = fallback;
+    if (chosen < 0) continue;
+    double refined[2];
+    refineEdgeSubpixel(gx, gy, width, height, (int)(chosen % width), (int)(chosen / width),
+                       refined);
+    matched[2 * k] = refined[0];
+    matched[2 * k + 1] = refined[1];
+    flags[k] = 1.0;
+  }
+  return 0;
+}
+
+void ContourTracker::rememberPolarity(const Multibody& model) {
+  for (int c = 0; c < m_nCams; c++) {
+    if (!m_camEnabled[c] || m_sampleIds[c] == nullptr) continue;
+    int* keys = m_polarityKeys[c];
+    double* values = m_polarityValues[c];
+    for (int s = 0; s < ZOT_POLARITY_SLOTS; s++) keys[s] = 0, values[s] = 0.0;
+    const int n = usableSampleCount(model, c);
+    const int width = m_imageWidth[c];
+    for (int k = 0; k < n; k++) {
+      if (m_matchFlags[c][k] == 0.0) continue;
+      const int slot = polaritySlot(keys, m_sampleIds[c][k], true);
+      if (slot < 0) continue;
+      const long i = (long)roundToPixel(m_matchedPoints[c][2 * k + 1]) * width +
+                     roundToPixel(m_matchedPoints[c][2 * k]);
+      const double along =
+          m_normals[c][2 * k] * m_gradX[c][i] + m_normals[c][2 * k + 1] * m_gradY[c][i];
+      keys[slot] = m_sampleIds[c][k] + 1;
+      values[slot] += along > 0.0 ? 1.0 : -1.0;
+    }
+  }
+}
+
+void ContourTracker::forgetPolarity() {
+  for (int c = 0; c < m_nCams; c++) {
+    if (m_polarityKeys[c] == nullptr) continue;
+    for (int s = 0; s < ZOT_POLARITY_SLOTS; s++) m_polarityKeys[c][s] = 0;
+  }
+}
+
+// ================================================================ weights
+
+double ContourTracker::reweight(const RobustSettings& r, double searchRange) {
+  // Scale: the median of |r| over the matched samples, read from a
+  // histogram (no sort, no buffer), as a standard deviation.
+  int histogram[kScaleBins] = {0};
+  int matched = 0;
+  const double binWidth = (searchRange > 0.0 ? searchRange : 1.0) / kScaleBins;
+  for (int i = 0; i < m_nTotalPoints; i++) {
+    if (m_inlierWeights[i] == 0.0) continue;
+    int bin = (int)(std::fabs(m_residuals[i]) / binWidth);
+    histogram[bin < kScaleBins ? bin : kScaleBins - 1]++;
+    matched++;
+  }
+  double median = 0.0;
+  if (matched > 0) {
+    int seen = 0, bin = 0;
+    while (bin < kScaleBins - 1 && seen + histogram[bin] < (matched + 1) / 2)
+      seen += histogram[bin++];
+    const double inside =
+        histogram[bin] > 0 ? ((matched + 1) / 2 - seen) / (double)histogram[bin] : 0.5;
+    median = (bin + inside) * binWidth;
+  }
+  double scale = kMadToSigma * median;
+  if (scale < r.scaleFloorPx) scale = r.scaleFloorPx;
+  if (!(scale > 0.0)) scale = 1.0;
+
+  const double c = tuningConstant(r);
+  const double floor = r.scaleFloorPx > 0.0 ? r.scaleFloorPx : scale;
+  double weightSum = 0.0, weightedSquares = 0.0, cost = 0.0;
+  int inliers = 0;
+  for (int i = 0; i < m_nTotalPoints; i++) {
+    const double u = m_residuals[i];
+    if (m_inlierWeights[i] == 0.0) {
+      cost += mCost(r.estimator, searchRange / floor, c);
+      continue;
+    }
+    const double w = mWeight(r.estimator, u / scale, c);
+    m_inlierWeights[i] = w;
+    cost += mCost(r.estimator, u / floor, c);
+    if (w > r.inlierWeight) {
+      inliers++;
+      weightSum += w;
+      weightedSquares += w * u * u;
+    }
+  }
+  m_quality.samples = m_nTotalPoints;
+  m_quality.inlierFraction = m_nTotalPoints > 0 ? (double)inliers / m_nTotalPoints : 0.0;
+  m_quality.residualPx = weightSum > 0.0 ? std::sqrt(weightedSquares / weightSum) : 0.0;
+  m_quality.robustCost = m_nTotalPoints > 0 ? cost * floor * floor / m_nTotalPoints : 0.0;
+  m_quality.scalePx = scale;
+  return inliers;
+}
+
+}  // namespace ZOTtracker
