@@ -35,24 +35,22 @@ double pythag(double a, double b) {
   return q * std::sqrt(1.0 + r * r);
 }
 
-int svdcmp(double* a, long m, long n, double* w, double* v, double* rv1) {
-  if (rv1 == nullptr) {
-    std::printf("ERROR - Not enough memory for rv1 in svdcmp\n");
-    return -1;
-  }
-  if (m < 0 || n < 0) return -1;
-  // Arrays of zero size may be null; the others must be there.
-  if ((a == nullptr && m * n > 0) || ((w == nullptr || v == nullptr) && n > 0)) return -1;
+namespace {
 
-  // Row-major element access: a is m x n, v is n x n.
-  auto aa = [a, n](long r, long c) -> double& { return a[r * n + c]; };
-  auto vv = [v, n](long r, long c) -> double& { return v[r * n + c]; };
+// Row-major element access to a rows x cols matrix.
+struct RowMajor {
+  double* p;
+  long cols;
+  double& operator()(long r, long c) const { return p[r * cols + c]; }
+};
 
-  long i, its, j, jj, k, l = 0, nm = 0;
-  double anorm, c, f, g, h, s, scale, x, y, z;
-
-  // Householder reduction to bidiagonal form: diagonal into w, super-diagonal
-  // into rv1, anorm the largest |w_i| + |rv1_i| for the negligibility tests.
+// Householder reduction of the m x n matrix a to bidiagonal form: diagonal
+// into w, super-diagonal into rv1 (rv1[0] = 0), the transformations left in a.
+// Returns anorm, the largest |w_i| + |rv1_i|, for the negligibility tests.
+double bidiagonalise(double* a, long m, long n, double* w, double* rv1) {
+  const RowMajor aa{a, n};
+  long i, j, k, l;
+  double anorm, f, g, h, s, scale;
   g = scale = anorm = 0.0;
   for (i = 0; i < n; i++) {
     l = i + 1;
@@ -101,8 +99,16 @@ int svdcmp(double* a, long m, long n, double* w, double* v, double* rv1) {
     const double rowNorm = std::fabs(w[i]) + std::fabs(rv1[i]);
     anorm = anorm > rowNorm ? anorm : rowNorm;
   }
+  return anorm;
+}
 
-  // Accumulation of the right-hand transformations into v.
+// Accumulates the right-hand transformations, stored in a's rows by
+// bidiagonalise, into the n x n matrix v.
+void accumulateRight(double* a, long n, double* v, const double* rv1) {
+  const RowMajor aa{a, n};
+  const RowMajor vv{v, n};
+  long i, j, k, l = 0;
+  double g = 0.0, s;
   for (i = n - 1; i >= 0; i--) {
     if (i < n - 1) {
       if (g != 0.0) {
@@ -119,8 +125,14 @@ int svdcmp(double* a, long m, long n, double* w, double* v, double* rv1) {
     g = rv1[i];
     l = i;
   }
+}
 
-  // Accumulation of the left-hand transformations into a.
+// Accumulates the left-hand transformations in place: a becomes the m x n
+// matrix of left singular vectors of the bidiagonal form.
+void accumulateLeft(double* a, long m, long n, const double* w) {
+  const RowMajor aa{a, n};
+  long i, j, k, l;
+  double f, g, s;
   for (i = (m < n ? m : n) - 1; i >= 0; i--) {
     l = i + 1;
     g = w[i];
@@ -138,108 +150,152 @@ int svdcmp(double* a, long m, long n, double* w, double* v, double* rv1) {
     }
     ++aa(i, i);
   }
+}
 
-  // Diagonalisation of the bidiagonal form: for each singular value, QR
-  // sweeps until its super-diagonal element is negligible.
-  for (k = n - 1; k >= 0; k--) {
-    for (its = 1; its <= 30; its++) {
-      bool flag = true;
-      for (l = k; l >= 0; l--) {
-        nm = l - 1;
-        // rv1[0] is always zero for finite input; l == 0 is taken as
-        // negligible outright so that w[-1] is never read (NaN input).
-        if (l == 0 || std::fabs(rv1[l]) + anorm == anorm) {
-          flag = false;
-          break;
-        }
-        if (std::fabs(w[nm]) + anorm == anorm) break;
-      }
-      if (flag) {
-        // w[nm] is negligible: cancel rv1[l] by rotations on a's columns.
-        c = 0.0;
-        s = 1.0;
-        for (i = l; i <= k; i++) {
-          f = s * rv1[i];
-          rv1[i] = c * rv1[i];
-          if (std::fabs(f) + anorm == anorm) break;
-          g = w[i];
-          h = pythag(f, g);
-          w[i] = h;
-          h = 1.0 / h;
-          c = g * h;
-          s = -f * h;
-          for (j = 0; j < m; j++) {
-            y = aa(j, nm);
-            z = aa(j, i);
-            aa(j, nm) = y * c + z * s;
-            aa(j, i) = z * c - y * s;
-          }
-        }
-      }
-      z = w[k];
+// Splits the bidiagonal form above row k: returns the smallest l such that
+// rv1[l+1..k] are not negligible; *cancel is set when rv1[l] is not
+// negligible either but w[l-1] is, so that rv1[l] must be cancelled first.
+long findSplit(long k, const double* w, const double* rv1, double anorm, bool* cancel) {
+  long l;
+  *cancel = true;
+  for (l = k; l >= 0; l--) {
+    // rv1[0] is always zero for finite input; l == 0 is taken as
+    // negligible outright so that w[-1] is never read (NaN input).
+    if (l == 0 || std::fabs(rv1[l]) + anorm == anorm) {
+      *cancel = false;
+      break;
+    }
+    if (std::fabs(w[l - 1]) + anorm == anorm) break;
+  }
+  return l;
+}
+
+// w[l-1] is negligible: cancels rv1[l] by rotations on a's columns.
+void cancelSuperdiagonal(double* a, long m, long n, double* w, double* rv1, double anorm, long l,
+                         long k) {
+  const RowMajor aa{a, n};
+  const long nm = l - 1;
+  double c = 0.0, s = 1.0, f, g, h, y, z;
+  for (long i = l; i <= k; i++) {
+    f = s * rv1[i];
+    rv1[i] = c * rv1[i];
+    if (std::fabs(f) + anorm == anorm) break;
+    g = w[i];
+    h = pythag(f, g);
+    w[i] = h;
+    h = 1.0 / h;
+    c = g * h;
+    s = -f * h;
+    for (long j = 0; j < m; j++) {
+      y = aa(j, nm);
+      z = aa(j, i);
+      aa(j, nm) = y * c + z * s;
+      aa(j, i) = z * c - y * s;
+    }
+  }
+}
+
+// One implicit-shift QR sweep on rows l..k of the bidiagonal form, with the
+// rotations applied to v's and a's columns.
+void qrSweep(double* a, long m, long n, double* w, double* v, double* rv1, long l, long k) {
+  const RowMajor aa{a, n};
+  const RowMajor vv{v, n};
+  long i, j, jj;
+  double c, f, g, h, s, x, y, z;
+  // Shift from the bottom 2 x 2 minor.
+  z = w[k];
+  x = w[l];
+  const long nm = k - 1;
+  y = w[nm];
+  g = rv1[nm];
+  h = rv1[k];
+  f = ((y - z) * (y + z) + (g - h) * (g + h)) / (2.0 * h * y);
+  g = pythag(f, 1.0);
+  f = ((x - z) * (x + z) + h * ((y / (f + signOf(g, f))) - h)) / x;
+  // Next QR transformation: chase the bulge from l down to k.
+  c = s = 1.0;
+  for (j = l; j <= nm; j++) {
+    i = j + 1;
+    g = rv1[i];
+    y = w[i];
+    h = s * g;
+    g = c * g;
+    z = pythag(f, h);
+    rv1[j] = z;
+    c = f / z;
+    s = h / z;
+    f = x * c + g * s;
+    g = g * c - x * s;
+    h = y * s;
+    y *= c;
+    for (jj = 0; jj < n; jj++) {
+      x = vv(jj, j);
+      z = vv(jj, i);
+      vv(jj, j) = x * c + z * s;
+      vv(jj, i) = z * c - x * s;
+    }
+    z = pythag(f, h);
+    w[j] = z;
+    // A zero-length rotation keeps the previous cosine and sine.
+    if (z != 0.0) {
+      z = 1.0 / z;
+      c = f * z;
+      s = h * z;
+    }
+    f = c * g + s * y;
+    x = c * y - s * g;
+    for (jj = 0; jj < m; jj++) {
+      y = aa(jj, j);
+      z = aa(jj, i);
+      aa(jj, j) = y * c + z * s;
+      aa(jj, i) = z * c - y * s;
+    }
+  }
+  rv1[l] = 0.0;
+  rv1[k] = f;
+  w[k] = x;
+}
+
+// Diagonalises the bidiagonal form from the bottom up: for each singular
+// value, QR sweeps until its super-diagonal element is negligible. Returns 0,
+// or -7 when one value needs more than 30 sweeps.
+int diagonalise(double* a, long m, long n, double* w, double* v, double* rv1, double anorm) {
+  for (long k = n - 1; k >= 0; k--) {
+    for (int its = 1; its <= 30; its++) {
+      bool cancel;
+      const long l = findSplit(k, w, rv1, anorm, &cancel);
+      if (cancel) cancelSuperdiagonal(a, m, n, w, rv1, anorm, l, k);
       if (l == k) {
         // Converged: make the singular value non-negative.
+        const double z = w[k];
         if (z < 0.0) {
           w[k] = -z;
-          for (j = 0; j < n; j++) vv(j, k) = -vv(j, k);
+          for (long j = 0; j < n; j++) v[j * n + k] = -v[j * n + k];
         }
         break;
       }
       if (its == 30) return -7;
-      // Shift from the bottom 2 x 2 minor.
-      x = w[l];
-      nm = k - 1;
-      y = w[nm];
-      g = rv1[nm];
-      h = rv1[k];
-      f = ((y - z) * (y + z) + (g - h) * (g + h)) / (2.0 * h * y);
-      g = pythag(f, 1.0);
-      f = ((x - z) * (x + z) + h * ((y / (f + signOf(g, f))) - h)) / x;
-      // Next QR transformation: chase the bulge from l down to k.
-      c = s = 1.0;
-      for (j = l; j <= nm; j++) {
-        i = j + 1;
-        g = rv1[i];
-        y = w[i];
-        h = s * g;
-        g = c * g;
-        z = pythag(f, h);
-        rv1[j] = z;
-        c = f / z;
-        s = h / z;
-        f = x * c + g * s;
-        g = g * c - x * s;
-        h = y * s;
-        y *= c;
-        for (jj = 0; jj < n; jj++) {
-          x = vv(jj, j);
-          z = vv(jj, i);
-          vv(jj, j) = x * c + z * s;
-          vv(jj, i) = z * c - x * s;
-        }
-        z = pythag(f, h);
-        w[j] = z;
-        // A zero-length rotation keeps the previous cosine and sine.
-        if (z != 0.0) {
-          z = 1.0 / z;
-          c = f * z;
-          s = h * z;
-        }
-        f = c * g + s * y;
-        x = c * y - s * g;
-        for (jj = 0; jj < m; jj++) {
-          y = aa(jj, j);
-          z = aa(jj, i);
-          aa(jj, j) = y * c + z * s;
-          aa(jj, i) = z * c - y * s;
-        }
-      }
-      rv1[l] = 0.0;
-      rv1[k] = f;
-      w[k] = x;
+      qrSweep(a, m, n, w, v, rv1, l, k);
     }
   }
   return 0;
+}
+
+}  // namespace
+
+int svdcmp(double* a, long m, long n, double* w, double* v, double* rv1) {
+  if (rv1 == nullptr) {
+    std::printf("ERROR - Not enough memory for rv1 in svdcmp\n");
+    return -1;
+  }
+  if (m < 0 || n < 0) return -1;
+  // Arrays of zero size may be null; the others must be there.
+  if ((a == nullptr && m * n > 0) || ((w == nullptr || v == nullptr) && n > 0)) return -1;
+
+  const double anorm = bidiagonalise(a, m, n, w, rv1);
+  accumulateRight(a, n, v, rv1);
+  accumulateLeft(a, m, n, w);
+  return diagonalise(a, m, n, w, v, rv1, anorm);
 }
 
 int myQuickSort(double* values, int* index, int n) {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "command_line.h"
 #include "FileParser.h"
+#include "command_line.h"
 #include "scene_config.h"
 
 namespace fs = std::filesystem;
@@ -50,22 +50,16 @@ int main(int argc, char** argv) {
   app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   const CLI::Validator nonEmpty(
       [](std::string& s) { return s.empty() ? std::string("needs a value") : std::string(); }, "");
-  app.add_option("--config,--config-dir", configDir,
-                 "directory of the configuration files (default: .)")
-      ->type_name("DIR")
-      ->check(nonEmpty);
-  app.add_option("--camera", camera, "camera file in DIR (default: camera.txt)")
-      ->type_name("FILE")
-      ->check(nonEmpty);
-  app.add_option("--tracker", tracker, "tracker file in DIR (default: tracker.txt)")
-      ->type_name("FILE")
-      ->check(nonEmpty);
-  app.add_option("--model", model, "model file in DIR (default: model.txt)")
-      ->type_name("FILE")
-      ->check(nonEmpty);
-  app.add_option("--out", out, "directory to write the header to; must exist (default: .)")
-      ->type_name("DIR")
-      ->check(nonEmpty);
+  // Every option names a file or a directory: an empty value is refused.
+  auto option = [&](const char* name, std::string& value, const char* help, const char* type) {
+    app.add_option(name, value, help)->type_name(type)->check(nonEmpty);
+  };
+  option("--config,--config-dir", configDir, "directory of the configuration files (default: .)",
+         "DIR");
+  option("--camera", camera, "camera file in DIR (default: camera.txt)", "FILE");
+  option("--tracker", tracker, "tracker file in DIR (default: tracker.txt)", "FILE");
+  option("--model", model, "model file in DIR (default: model.txt)", "FILE");
+  option("--out", out, "directory to write the header to; must exist (default: .)", "DIR");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

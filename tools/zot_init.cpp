@@ -3,8 +3,6 @@
 // a file or clicked in a window): a perspective-n-point solution, refined by
 // the tracker itself on the model's edges in that frame, drawn for a check and
 // written as the pose file that zot_track --initial-pose reads.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
@@ -21,25 +19,20 @@
 #include <string>
 #include <vector>
 
-#include "command_line.h"
 #include "GenericObjectTracker.h"
 #include "Math.h"
 #include "TrackerSession.h"
+#include "command_line.h"
 #include "overlay.h"
 #include "scene_config.h"
+#include "stdout_capture.h"
 
 namespace {
-
-constexpr int kExitBadInput = 1, kExitUsage = 2;
 
 [[noreturn]] void fail(const std::string& message) {
   fflush(stdout);
   fprintf(stderr, "zot_init: %s\n", message.c_str());
-  exit(kExitBadInput);
-}
-
-[[noreturn]] void usageError(const std::string& message) {
-  zot_sim::usageError("zot_init", message);
+  exit(1);
 }
 
 struct Options {
@@ -73,28 +66,26 @@ Options parseArguments(int argc, char** argv) {
       "refined by one frame of the tracker on the model's edges, with the tracking\n"
       "parameters of the tracker file; the residual of every point is printed for\n"
       "both. Exit status: 0 pose written, 1 bad input, 2 bad arguments.");
-  app.add_option("--config", o.configDir, "directory with the camera, tracker and model files")
-      ->type_name("DIR")
+  // An option with the name of its value in the help.
+  auto option = [&app](const char* name, auto& value, const char* help, const char* type) {
+    return app.add_option(name, value, help)->type_name(type);
+  };
+  option("--config", o.configDir, "directory with the camera, tracker and model files", "DIR")
       ->required();
-  app.add_option("--camera", o.cameraFile, "camera file in DIR (default: camera.txt)")
-      ->type_name("FILE");
-  app.add_option("--tracker", o.trackerFile, "tracker file in DIR (default: tracker.txt)")
-      ->type_name("FILE");
-  app.add_option("--model", o.modelFile, "model file in DIR (default: model.txt)")
-      ->type_name("FILE");
-  app.add_option("--image", o.image, "the first frame: an image file or a video (its first frame)")
-      ->type_name("FILE")
+  option("--camera", o.cameraFile, "camera file in DIR (default: camera.txt)", "FILE");
+  option("--tracker", o.trackerFile, "tracker file in DIR (default: tracker.txt)", "FILE");
+  option("--model", o.modelFile, "model file in DIR (default: model.txt)", "FILE");
+  option("--image", o.image, "the first frame: an image file or a video (its first frame)", "FILE")
       ->required();
-  app.add_option("--cam", o.cam, "camera of the image (default: 0)")->type_name("N");
-  app.add_option("--points", o.pointsFile, "the point pairs (see below)")->type_name("FILE");
+  option("--cam", o.cam, "camera of the image (default: 0)", "N");
+  option("--points", o.pointsFile, "the point pairs (see below)", "FILE");
   app.add_flag("--click", o.click, "click the image positions in a window");
-  app.add_option("--out", o.out, "pose file to write (default: initial_pose.txt)")
-      ->type_name("FILE");
-  app.add_option("--overlay", o.overlay,
-                 "picture of the result: the model (yellow) at the pose, the given\n"
-                 "points (green circles) and the model points projected (red\n"
-                 "crosses), on the undistorted image (default: init_overlay.png)")
-      ->type_name("FILE");
+  option("--out", o.out, "pose file to write (default: initial_pose.txt)", "FILE");
+  option("--overlay", o.overlay,
+         "picture of the result: the model (yellow) at the pose, the given\n"
+         "points (green circles) and the model points projected (red\n"
+         "crosses), on the undistorted image (default: init_overlay.png)",
+         "FILE");
   bool noRefine = false;
   app.add_flag("--no-refine", noRefine, "keep the pose from the points alone");
   app.add_flag("-q,--quiet", o.quiet, "print errors only");
@@ -102,7 +93,7 @@ Options parseArguments(int argc, char** argv) {
   zot_sim::parseCommandLine(app, argc, argv, "zot_init");
   o.refine = !noRefine;
   if (o.pointsFile.empty() && !o.click)
-    usageError("give the point pairs with --points FILE, or --click");
+    zot_sim::usageError("zot_init", "give the point pairs with --points FILE, or --click");
   return o;
 }
 
@@ -163,8 +154,9 @@ bool spreadBeyondALine(const std::vector<P>& pts, int dims) {
 }
 
 // The checks PnP needs: four pairs or more, each inside the image, no model
-// or image point twice, neither set on one line.
-void checkPairs(const std::vector<PointPair>& pairs, int width, int height, double modelSize,
+// or image point twice, neither set (the pairs' points) on one line.
+void checkPairs(const std::vector<PointPair>& pairs, const std::vector<cv::Point3d>& model,
+                const std::vector<cv::Point2d>& image, int width, int height, double modelSize,
                 const std::string& source) {
   if (pairs.size() < 4)
     fail(source + ": " + std::to_string(pairs.size()) +
@@ -184,12 +176,6 @@ void checkPairs(const std::vector<PointPair>& pairs, int width, int height, doub
       if (cv::norm(pairs[i].image - pairs[j].image) < 0.5)
         fail(pairs[i].where + " and " + pairs[j].where + ": the same image point twice");
     }
-  std::vector<cv::Point3d> model;
-  std::vector<cv::Point2d> image;
-  for (const PointPair& p : pairs) {
-    model.push_back(p.model);
-    image.push_back(p.image);
-  }
   if (!spreadBeyondALine(model, 3))
     fail(source +
          ": all model points lie on one line; the pose needs points spread over a plane or in "
@@ -328,15 +314,11 @@ void writeOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, const doub
   for (const PointPair& p : pairs) given.push_back(p.image);
   cv::undistortPoints(given, undistorted, K, dist, cv::noArray(), K);
   for (size_t i = 0; i < pairs.size(); i++) {
-    const cv::Point3d& X = pairs[i].model;
-    double x[3];
-    for (int r = 0; r < 3; r++)
-      x[r] = Tcam[4 * r] * X.x + Tcam[4 * r + 1] * X.y + Tcam[4 * r + 2] * X.z + Tcam[4 * r + 3];
-    const cv::Point2d u(
-        K.at<double>(0, 0) * x[0] / x[2] + K.at<double>(0, 1) * x[1] / x[2] + K.at<double>(0, 2),
-        K.at<double>(1, 1) * x[1] / x[2] + K.at<double>(1, 2));
+    const double X[3] = {pairs[i].model.x, pairs[i].model.y, pairs[i].model.z};
+    double u[2];
+    zot_sim::projectPoint(K.ptr<double>(), Tcam, X, u);
     cv::circle(view, undistorted[i], 5, cv::Scalar(0, 220, 0), 1, cv::LINE_AA);
-    cv::drawMarker(view, u, cv::Scalar(0, 0, 255), cv::MARKER_CROSS, 8, 1);
+    cv::drawMarker(view, cv::Point2d(u[0], u[1]), cv::Scalar(0, 0, 255), cv::MARKER_CROSS, 8, 1);
     cv::putText(view, std::to_string(i + 1), undistorted[i] + cv::Point2d(6, -6),
                 cv::FONT_HERSHEY_SIMPLEX, 0.4, cv::Scalar(0, 220, 0), 1, cv::LINE_AA);
   }
@@ -348,22 +330,16 @@ void writeOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, const doub
 int main(int argc, char** argv) {
   const Options o = parseArguments(argc, argv);
   // With -q the parser's echo of the calibration goes nowhere.
-  fflush(stdout);
-  const int savedStdout = o.quiet ? dup(1) : -1;
-  if (o.quiet && freopen("/dev/null", "w", stdout) == nullptr) return kExitBadInput;
+  zot_sim::StdoutCapture echo(o.quiet);
   ZOTtracker::TrackerSession session(o.configDir.c_str(), o.cameraFile.c_str(),
                                      o.trackerFile.c_str(), o.modelFile.c_str());
-  if (savedStdout >= 0) {
-    fflush(stdout);
-    dup2(savedStdout, 1);
-    close(savedStdout);
-  }
+  echo.end(false);
   if (!session.ok())
     fail("cannot set the tracker up from " + o.configDir + ": " + session.message());
   ZOTtracker::GenericObjectTracker& tracker = *session.tracker();
   if (o.cam < 0 || o.cam >= tracker.m_nCameras)
-    usageError("--cam " + std::to_string(o.cam) + ": the configuration has " +
-               std::to_string(tracker.m_nCameras) + " camera(s)");
+    zot_sim::usageError("zot_init", "--cam " + std::to_string(o.cam) + ": the configuration has " +
+                                        std::to_string(tracker.m_nCameras) + " camera(s)");
   std::vector<zot_sim::CameraConfig> cameras;
   std::vector<double> parameters;
   zot_sim::ModelConfig model;
@@ -397,7 +373,13 @@ int main(int argc, char** argv) {
       fail(p.where + ": no image position; give u v X Y Z, or use --click to click it");
   if (o.click) clickPoints(pairs, frame);
   const std::string source = o.pointsFile.empty() ? "the clicked points" : o.pointsFile;
-  checkPairs(pairs, camera.width, camera.height, modelSize, source);
+  std::vector<cv::Point3d> modelPoints;
+  std::vector<cv::Point2d> imagePoints;
+  for (const PointPair& p : pairs) {
+    modelPoints.push_back(p.model);
+    imagePoints.push_back(p.image);
+  }
+  checkPairs(pairs, modelPoints, imagePoints, camera.width, camera.height, modelSize, source);
   if (o.click) {
     std::ofstream saved(o.out + ".points.txt");
     saved << "# u v X Y Z, clicked with zot_init\n";
@@ -411,12 +393,6 @@ int main(int argc, char** argv) {
                      camera.cy, 0, 0, 1);
   const cv::Mat dist = (cv::Mat_<double>(1, 5) << camera.dist[0], camera.dist[1], camera.dist[2],
                         camera.dist[3], camera.dist[4]);
-  std::vector<cv::Point3d> modelPoints;
-  std::vector<cv::Point2d> imagePoints;
-  for (const PointPair& p : pairs) {
-    modelPoints.push_back(p.model);
-    imagePoints.push_back(p.image);
-  }
   cv::Mat rvec, tvec;
   if (!cv::solvePnP(modelPoints, imagePoints, K, dist, rvec, tvec, false, cv::SOLVEPNP_SQPNP))
     fail(source + ": no pose fits these points");

@@ -21,10 +21,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "command_line.h"
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "Math.h"
+#include "command_line.h"
 #include "memory_handling.h"
 #include "mesh_formats.h"
 #include "scene_config.h"
@@ -99,35 +99,38 @@ Options parseArguments(int argc, char** argv) {
   app.add_option("INPUT", o.input, "the mesh to convert (.cao, .wrl, .ply, .obj or .stl)")
       ->required();
   app.add_option("OUTPUT", o.output, "the polyhedron file to write")->required();
-  app.add_option("--model", o.model,
-                 "also write the model file FILE naming OUTPUT as its polyhedron\n"
-                 "body (with --flat and --feature-angle) and, when the input has\n"
-                 "lines that bound no face, FILE's stem + _polyline.txt as a\n"
-                 "polyline body on the face they lie on")
-      ->type_name("FILE");
-  app.add_option("--scale", o.scale, "multiply all coordinates by S (applied after --units)")
-      ->type_name("S");
-  app.add_option("--units", units,
-                 "unit conversion, FROM and TO each one of m, cm, mm, in\n"
-                 "(e.g. m:mm multiplies by 1000)")
-      ->type_name("FROM:TO");
-  app.add_option("--tolerance", o.tolerance,
-                 "vertices closer than T (output units) are merged\n"
-                 "(default: 1e-6 times the bounding-box diagonal)")
-      ->type_name("T");
-  app.add_option("--coplanar-angle", o.coplanarAngle,
-                 "neighbouring faces whose normals differ by less than A\n"
-                 "degrees are merged into one convex polygon (default 0.01;\n"
-                 "0 keeps the faces as they are)")
-      ->type_name("A");
+  // An option with the name of its value in the help.
+  auto option = [&app](const char* name, auto& value, const char* help, const char* type) {
+    app.add_option(name, value, help)->type_name(type);
+  };
+  option("--model", o.model,
+         "also write the model file FILE naming OUTPUT as its polyhedron\n"
+         "body (with --flat and --feature-angle) and, when the input has\n"
+         "lines that bound no face, FILE's stem + _polyline.txt as a\n"
+         "polyline body on the face they lie on",
+         "FILE");
+  option("--scale", o.scale, "multiply all coordinates by S (applied after --units)", "S");
+  option("--units", units,
+         "unit conversion, FROM and TO each one of m, cm, mm, in\n"
+         "(e.g. m:mm multiplies by 1000)",
+         "FROM:TO");
+  option("--tolerance", o.tolerance,
+         "vertices closer than T (output units) are merged\n"
+         "(default: 1e-6 times the bounding-box diagonal)",
+         "T");
+  option("--coplanar-angle", o.coplanarAngle,
+         "neighbouring faces whose normals differ by less than A\n"
+         "degrees are merged into one convex polygon (default 0.01;\n"
+         "0 keeps the faces as they are)",
+         "A");
   app.add_flag("--flat", o.flat, "the mesh is an open surface: boundary edges are allowed");
   app.add_flag("--flip", o.flip, "reverse the winding of every face");
   app.add_flag("--drop-degenerate", o.dropDegenerate,
                "drop faces of zero area instead of failing on them");
-  app.add_option("--feature-angle", o.featureAngle,
-                 "crease angle of the verification report and of --model's\n"
-                 "model file (default 30)")
-      ->type_name("A");
+  option("--feature-angle", o.featureAngle,
+         "crease angle of the verification report and of --model's\n"
+         "model file (default 30)",
+         "A");
   app.add_flag("-q,--quiet", o.quiet, "print errors only");
   zot_sim::parseCommandLine(app, argc, argv, "zot_mesh2poly");
   for (const double v : {o.scale, o.tolerance, o.coplanarAngle, o.featureAngle}) {

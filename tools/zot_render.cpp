@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -23,6 +22,7 @@
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "PoolSizes.h"
+#include "command_line.h"
 #include "memory_handling.h"
 #include "scene_config.h"
 #include "scene_effects.h"
@@ -75,104 +75,59 @@ Options parseArguments(int argc, char** argv) {
   app.footer(kFooter);
   app.get_formatter()->column_width(30);
   const std::string conf = "configuration", seq = "sequence", img = "images", other = "other";
-  app.add_option("--config", o.configDir, "directory of the input files")
-      ->type_name("DIR")
-      ->capture_default_str()
-      ->group(conf);
-  app.add_option("--camera", o.cameraFile, "camera file in DIR")
-      ->type_name("FILE")
-      ->capture_default_str()
-      ->group(conf);
-  app.add_option("--tracker", o.trackerFile, "tracker file in DIR, copied as it is")
-      ->type_name("FILE")
-      ->capture_default_str()
-      ->group(conf);
-  app.add_option("--model", o.modelFile, "model file in DIR")
-      ->type_name("FILE")
-      ->capture_default_str()
-      ->group(conf);
+  // An option with its value's name, in its group of the help, with or
+  // without its default shown.
+  auto option = [&app](const char* name, auto& value, const char* help, const char* type,
+                       const std::string& group, bool showDefault = true) {
+    CLI::Option* opt = app.add_option(name, value, help)->type_name(type)->group(group);
+    return showDefault ? opt->capture_default_str() : opt;
+  };
+  option("--config", o.configDir, "directory of the input files", "DIR", conf);
+  option("--camera", o.cameraFile, "camera file in DIR", "FILE", conf);
+  option("--tracker", o.trackerFile, "tracker file in DIR, copied as it is", "FILE", conf);
+  option("--model", o.modelFile, "model file in DIR", "FILE", conf);
   app.add_flag("--no-distortion", o.noDistortion,
                "cameras without lens distortion (images and camera.txt)")
       ->group(conf);
-  app.add_option("--scale", o.scale,
-                 "scale image sizes and intrinsics by S (0.5: 640 x 480 becomes 320 x 240)")
-      ->type_name("S")
-      ->check(CLI::Range(0.05, 8.0))
-      ->group(conf);
-  app.add_option("--frames", o.plan.frames, "number of frames")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1000000))
-      ->group(seq);
-  app.add_option("--fps", o.plan.fps, "frame rate; frame i has the time stamp i / F s")
-      ->type_name("F")
-      ->capture_default_str()
-      ->check(CLI::Range(0.01, 100000.0))
-      ->group(seq);
-  app.add_option("--motion", motion, "what moves: none, object, tool or both")
-      ->type_name("M")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"none", "object", "tool", "both"}))
-      ->group(seq);
-  app.add_option("--speed", o.plan.speed, "speed factor of the trajectory")
-      ->type_name("S")
-      ->capture_default_str()
-      ->check(CLI::Range(0.0, 100.0))
-      ->group(seq);
-  app.add_option("--elevation", o.plan.elevationDeg, "viewing direction above the table [deg]")
-      ->type_name("DEG")
-      ->capture_default_str()
-      ->check(CLI::Range(10.0, 89.0))
-      ->group(seq);
-  app.add_option("--azimuth", o.plan.azimuthDeg,
-                 "viewing direction about the vertical [deg]; 0 looks along +y, 90 along -x")
-      ->type_name("DEG")
-      ->capture_default_str()
-      ->check(CLI::Range(-360.0, 360.0))
-      ->group(seq);
-  app.add_option("--distance", o.plan.viewDistance,
-                 "tool-to-object distance in model units (default: the object's diagonal "
-                 "spans about 38 % of the image width)")
-      ->type_name("D")
-      ->check(CLI::Range(1e-6, 1e9))
-      ->group(seq);
-  app.add_option("--initial-offset", offset,
-                 "T R: start tracking from the true first pose moved by T model units and "
-                 "turned by R degrees (default: 0 0)")
-      ->type_name("T R")
-      ->expected(2)
-      ->group(seq);
-  app.add_option("--background", background,
-                 "plain, clutter or textured (clutter under a wavy grain and a printed grid)")
-      ->type_name("B")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"plain", "clutter", "textured"}))
-      ->group(img);
-  app.add_option("--noise", o.plan.noise, "sensor noise, grey levels")
-      ->type_name("SIGMA")
-      ->capture_default_str()
-      ->check(CLI::Range(0.0, 100.0))
-      ->group(img);
-  app.add_option("--blur", o.plan.blur, "Gaussian blur, pixels")
-      ->type_name("SIGMA")
-      ->capture_default_str()
-      ->check(CLI::Range(0.0, 20.0))
-      ->group(img);
-  app.add_option("--supersampling", o.plan.supersampling, "N x N samples per pixel at object edges")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 16))
-      ->group(img);
-  app.add_option("--seed", seed, "clutter layout and noise")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 2000000000))
-      ->group(img);
-  app.add_option("--format", o.format, "png, pgm or jpg")
-      ->type_name("F")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"png", "pgm", "jpg"}))
-      ->group(img);
+  option("--scale", o.scale,
+         "scale image sizes and intrinsics by S (0.5: 640 x 480 becomes 320 x 240)", "S", conf,
+         false)
+      ->check(CLI::Range(0.05, 8.0));
+  option("--frames", o.plan.frames, "number of frames", "N", seq)->check(CLI::Range(1, 1000000));
+  option("--fps", o.plan.fps, "frame rate; frame i has the time stamp i / F s", "F", seq)
+      ->check(CLI::Range(0.01, 100000.0));
+  option("--motion", motion, "what moves: none, object, tool or both", "M", seq)
+      ->check(CLI::IsMember({"none", "object", "tool", "both"}));
+  option("--speed", o.plan.speed, "speed factor of the trajectory", "S", seq)
+      ->check(CLI::Range(0.0, 100.0));
+  option("--elevation", o.plan.elevationDeg, "viewing direction above the table [deg]", "DEG", seq)
+      ->check(CLI::Range(10.0, 89.0));
+  option("--azimuth", o.plan.azimuthDeg,
+         "viewing direction about the vertical [deg]; 0 looks along +y, 90 along -x", "DEG", seq)
+      ->check(CLI::Range(-360.0, 360.0));
+  option("--distance", o.plan.viewDistance,
+         "tool-to-object distance in model units (default: the object's diagonal "
+         "spans about 38 % of the image width)",
+         "D", seq, false)
+      ->check(CLI::Range(1e-6, 1e9));
+  option("--initial-offset", offset,
+         "T R: start tracking from the true first pose moved by T model units and "
+         "turned by R degrees (default: 0 0)",
+         "T R", seq, false)
+      ->expected(2);
+  option("--background", background,
+         "plain, clutter or textured (clutter under a wavy grain and a printed grid)", "B", img)
+      ->check(CLI::IsMember({"plain", "clutter", "textured"}));
+  option("--noise", o.plan.noise, "sensor noise, grey levels", "SIGMA", img)
+      ->check(CLI::Range(0.0, 100.0));
+  option("--blur", o.plan.blur, "Gaussian blur, pixels", "SIGMA", img)
+      ->check(CLI::Range(0.0, 20.0));
+  option("--supersampling", o.plan.supersampling, "N x N samples per pixel at object edges", "N",
+         img)
+      ->check(CLI::Range(1, 16));
+  option("--seed", seed, "clutter layout and noise", "N", img)->check(CLI::Range(0, 2000000000));
+  option("--format", o.format, "png, pgm or jpg", "F", img)
+      ->check(CLI::IsMember({"png", "pgm", "jpg"}));
   app.add_flag("--video", o.video, "write camN.avi (Motion-JPEG) instead of image files")
       ->group(img);
   const std::string real = "real scenes (all off unless asked)";
@@ -180,65 +135,52 @@ Options parseArguments(int argc, char** argv) {
                "printed texture on the object's faces: rows of text-like strokes, a band and a "
                "blob on every large face, laid out from --seed (edges that are not model edges)")
       ->group(real);
-  app.add_option("--occluder", o.effects.occluderWidth,
-                 "a bar (a gripper finger) fixed to the tool, W object sizes wide where it "
-                 "crosses the object, in front of it in a grey of its own, sweeps across the "
-                 "object and back once over the sequence")
-      ->type_name("W")
-      ->check(CLI::Range(0.0, 2.0))
-      ->group(real);
-  app.add_option("--lighting", o.effects.lighting,
-                 "lighting changes over the sequence: the gain swings between 1 - A and 1 + A "
-                 "and a soft highlight of 150 A grey levels moves across the image")
-      ->type_name("A")
-      ->check(CLI::Range(0.0, 1.0))
-      ->group(real);
-  app.add_option("--motion-blur", o.effects.exposure,
-                 "motion blur: every frame averages 5 renders over an exposure of about E frame "
-                 "periods centred on its time stamp")
-      ->type_name("E")
-      ->check(CLI::Range(0.0, 1.0))
-      ->group(real);
-  app.add_option("--drop-frames", drop,
-                 "a camera stall: frames FIRST to FIRST + COUNT - 1 of the --frames are left out "
-                 "(images, time stamps and poses); the rest are numbered on")
-      ->type_name("FIRST COUNT")
-      ->expected(2)
-      ->group(real);
-  app.add_option("--model-scale", o.modelScale,
-                 "a wrong model: the model files written for tracking are scaled by S about the "
-                 "model's origin; the images show the true object")
-      ->type_name("S")
-      ->check(CLI::Range(0.5, 2.0))
-      ->group(real);
-  app.add_option("--jobs", o.jobs, "frames rendered in parallel (default: number of cores)")
-      ->type_name("N")
-      ->check(CLI::Range(1, 256))
-      ->group(other);
+  option("--occluder", o.effects.occluderWidth,
+         "a bar (a gripper finger) fixed to the tool, W object sizes wide where it "
+         "crosses the object, in front of it in a grey of its own, sweeps across the "
+         "object and back once over the sequence",
+         "W", real, false)
+      ->check(CLI::Range(0.0, 2.0));
+  option("--lighting", o.effects.lighting,
+         "lighting changes over the sequence: the gain swings between 1 - A and 1 + A "
+         "and a soft highlight of 150 A grey levels moves across the image",
+         "A", real, false)
+      ->check(CLI::Range(0.0, 1.0));
+  option("--motion-blur", o.effects.exposure,
+         "motion blur: every frame averages 5 renders over an exposure of about E frame "
+         "periods centred on its time stamp",
+         "E", real, false)
+      ->check(CLI::Range(0.0, 1.0));
+  option("--drop-frames", drop,
+         "a camera stall: frames FIRST to FIRST + COUNT - 1 of the --frames are left out "
+         "(images, time stamps and poses); the rest are numbered on",
+         "FIRST COUNT", real, false)
+      ->expected(2);
+  option("--model-scale", o.modelScale,
+         "a wrong model: the model files written for tracking are scaled by S about the "
+         "model's origin; the images show the true object",
+         "S", real, false)
+      ->check(CLI::Range(0.5, 2.0));
+  option("--jobs", o.jobs, "frames rendered in parallel (default: number of cores)", "N", other,
+         false)
+      ->check(CLI::Range(1, 256));
   app.add_flag("-q,--quiet", o.quiet, "print errors only")->group(other);
   app.add_option("OUTPUT_DIR", o.outDir, "where the sequence goes")->type_name("DIR")->required();
-  try {
-    app.parse(argc, argv);
-    if (!offset.empty()) {
-      if (!(offset[0] >= 0.0)) throw CLI::ValidationError("--initial-offset", "T must be >= 0");
-      if (!(offset[1] >= 0.0 && offset[1] <= 180.0))
-        throw CLI::ValidationError("--initial-offset", "R must be from 0 to 180 degrees");
-      o.offsetTransl = offset[0];
-      o.offsetRotDeg = offset[1];
-    }
-    if (!drop.empty()) {
-      if (drop[0] < 1 || drop[1] < 1 || drop[0] + drop[1] >= o.plan.frames)
-        throw CLI::ValidationError("--drop-frames",
-                                   "FIRST >= 1 and COUNT >= 1 must leave frames after the stall");
-      o.dropFirst = drop[0];
-      o.dropCount = drop[1];
-    }
-  } catch (const CLI::CallForHelp&) {
-    std::cout << app.help();
-    exit(0);
-  } catch (const CLI::ParseError& e) {
-    fprintf(stderr, "zot_render: %s\n(zot_render --help lists the options)\n", e.what());
-    exit(2);
+  zot_sim::parseCommandLine(app, argc, argv, "zot_render");
+  if (!offset.empty()) {
+    if (!(offset[0] >= 0.0)) zot_sim::usageError("zot_render", "--initial-offset: T must be >= 0");
+    if (!(offset[1] >= 0.0 && offset[1] <= 180.0))
+      zot_sim::usageError("zot_render", "--initial-offset: R must be from 0 to 180 degrees");
+    o.offsetTransl = offset[0];
+    o.offsetRotDeg = offset[1];
+  }
+  if (!drop.empty()) {
+    if (drop[0] < 1 || drop[1] < 1 || drop[0] + drop[1] >= o.plan.frames)
+      zot_sim::usageError("zot_render",
+                          "--drop-frames: FIRST >= 1 and COUNT >= 1 must leave frames after the "
+                          "stall");
+    o.dropFirst = drop[0];
+    o.dropCount = drop[1];
   }
   zot_sim::parseMotion(motion, o.plan.motion);
   o.plan.clutter = background != "plain";
@@ -294,9 +236,9 @@ void checkConfiguration(const std::string& directory, bool echo) {
   int count = 0;
   ZOTtracker::FileParser parser;
   zot_sim::StdoutCapture held(!echo);
-  const int parsed = parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt",
-                                          "model.txt", count, array.data(),
-                                          zot_sim::kSetupArrayCapacity);
+  const int parsed =
+      parser.parseAllFiles(directory.c_str(), "camera.txt", "tracker.txt", "model.txt", count,
+                           array.data(), zot_sim::kSetupArrayCapacity);
   held.end(parsed != 0);
   if (parsed != 0) fail("the configuration written to " + directory + " does not parse");
   size_t sizes[ZOTtracker::ZOT_N_POOLS];

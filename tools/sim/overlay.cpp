@@ -11,21 +11,14 @@
 
 namespace zot_sim {
 
-namespace {
-
-// Pixel of object point X under T (object in the camera frame) and K; false
-// behind the camera.
-bool project(const double* K, const double* T, const double* X, double* uv) {
+bool projectPoint(const double* K, const double* T, const double* X, double* uv) {
   double x[3];
   for (int r = 0; r < 3; r++)
     x[r] = T[4 * r] * X[0] + T[4 * r + 1] * X[1] + T[4 * r + 2] * X[2] + T[4 * r + 3];
-  if (x[2] <= 1e-9) return false;
   uv[0] = K[0] * x[0] / x[2] + K[1] * x[1] / x[2] + K[2];
   uv[1] = K[4] * x[1] / x[2] + K[5];
-  return true;
+  return x[2] > 1e-9;
 }
-
-}  // namespace
 
 void drawTrackingOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, const double* pose,
                          double axisLength, unsigned char* bgr) {
@@ -62,7 +55,7 @@ void drawTrackingOverlay(ZOTtracker::GenericObjectTracker& tracker, int cam, con
     const double* X = points + 3 * k;
     double ahead[3], uv0[2], uv1[2];
     for (int i = 0; i < 3; i++) ahead[i] = X[i] + 1e-3 * tangents[3 * k + i];
-    if (!project(K, T, X, uv0) || !project(K, T, ahead, uv1)) continue;
+    if (!projectPoint(K, T, X, uv0) || !projectPoint(K, T, ahead, uv1)) continue;
     const double du = uv1[0] - uv0[0], dv = uv1[1] - uv0[1], len = std::hypot(du, dv);
     if (!(len > 0.0)) continue;
     const int a[2] = {roundToPixel(uv0[0] - half * du / len),

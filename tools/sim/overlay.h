@@ -16,6 +16,11 @@ namespace zot_sim {
 /// Contour colour, (red, green, blue).
 constexpr unsigned char kOverlayContour[3] = {255, 230, 0};
 
+/// Pixel uv of object point X under T (object in the camera frame) and the
+/// 3 x 3 row-major K, skew included, without distortion. False when X lies
+/// behind the camera (uv then means nothing).
+bool projectPoint(const double* K, const double* T, const double* X, double* uv);
+
 /// Draws into bgr (width x height x 3 bytes, blue-green-red) of camera `cam`
 /// the tracker's last undistorted image, the model's visible contour at
 /// `pose` (object in the tool frame) and, when axisLength > 0, the object's

@@ -100,13 +100,14 @@ bool writeCommentedFile(const std::string& path, const std::string& comment, std
 // The layout of the setup array is the library's (SetupArray.h); these turn
 // its plain structures into the host-side ones.
 
-// The codec's message lines as one line for `error`.
-std::string oneLine(const char* messages) {
-  std::string text(messages);
-  while (!text.empty() && text.back() == '\n') text.pop_back();
-  for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at))
-    text.replace(at, 1, "; ");
-  return text.empty() ? "setup array refused" : text;
+// Refuses with the codec's message lines as one line in `error`.
+bool refused(const char* messages, std::string& error) {
+  error = messages;
+  while (!error.empty() && error.back() == '\n') error.pop_back();
+  for (size_t at = error.find('\n'); at != std::string::npos; at = error.find('\n', at))
+    error.replace(at, 1, "; ");
+  if (error.empty()) error = "setup array refused";
+  return false;
 }
 
 CameraConfig cameraOf(const ZOTtracker::SetupCamera& in) {
@@ -153,11 +154,8 @@ BodyConfig bodyOf(const ZOTtracker::SetupBody& in) {
 }
 
 void addLocalFrames(ModelConfig& model, int n, const double (*frames)[16]) {
-  for (int i = 0; i < n; i++) {
-    Pose T;
-    std::copy(frames[i], frames[i] + 16, T.begin());
-    model.localFrames.push_back(T);
-  }
+  model.localFrames.resize(n);
+  for (int i = 0; i < n; i++) std::copy(frames[i], frames[i] + 16, model.localFrames[i].begin());
 }
 
 }  // namespace
@@ -168,17 +166,11 @@ bool decodeCameraSection(const double* array, int count, int& cursor,
   ZOTtracker::SetupArrayReader r(array, count, cursor);
   r.keepMessagesIn(messages, sizeof(messages));
   int nCameras = 0;
-  if (!ZOTtracker::decodeCameraCount(r, nCameras)) {
-    error = oneLine(messages);
-    return false;
-  }
+  if (!ZOTtracker::decodeCameraCount(r, nCameras)) return refused(messages, error);
   cameras.clear();
   auto camera = std::make_unique<ZOTtracker::SetupCamera>();
   for (int c = 0; c < nCameras; c++) {
-    if (!ZOTtracker::decodeCamera(r, c, *camera)) {
-      error = oneLine(messages);
-      return false;
-    }
+    if (!ZOTtracker::decodeCamera(r, c, *camera)) return refused(messages, error);
     cameras.push_back(cameraOf(*camera));
   }
   return true;
@@ -193,18 +185,12 @@ bool decodeModelSection(const double* array, int count, int& cursor, ModelConfig
   std::vector<double> frames(16 * ZOTtracker::ZOT_MAX_LOCAL_FRAMES);
   double(*frame)[16] = reinterpret_cast<double(*)[16]>(frames.data());
   int nFrames = 0, nBodies = 0;
-  if (!ZOTtracker::decodeLocalFrames(r, nFrames, frame) ||
-      !ZOTtracker::decodeBodyCount(r, nBodies)) {
-    error = oneLine(messages);
-    return false;
-  }
+  if (!ZOTtracker::decodeLocalFrames(r, nFrames, frame) || !ZOTtracker::decodeBodyCount(r, nBodies))
+    return refused(messages, error);
   addLocalFrames(model, nFrames, frame);
   for (int b = 0; b < nBodies; b++) {
     ZOTtracker::SetupBody body;
-    if (!ZOTtracker::decodeBody(r, b, body)) {
-      error = oneLine(messages);
-      return false;
-    }
+    if (!ZOTtracker::decodeBody(r, b, body)) return refused(messages, error);
     model.bodies.push_back(bodyOf(body));
   }
   return true;
@@ -215,10 +201,8 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
                       std::string& error) {
   char messages[1024];
   auto setup = std::make_unique<ZOTtracker::SetupArray>();
-  if (!ZOTtracker::decodeSetupArray(array, count, *setup, messages, sizeof(messages))) {
-    error = oneLine(messages);
-    return false;
-  }
+  if (!ZOTtracker::decodeSetupArray(array, count, *setup, messages, sizeof(messages)))
+    return refused(messages, error);
   cameras.clear();
   for (int c = 0; c < setup->nCameras; c++) cameras.push_back(cameraOf(setup->cameras[c]));
   trackingParameters.assign(setup->tracking,
@@ -231,52 +215,40 @@ bool decodeSetupArray(const double* array, int count, std::vector<CameraConfig>&
 
 namespace {
 
-// Parses one configuration file into a setup array with `parse` (a FileParser
-// member), then decodes it with `decode`; failureCode is the file's parser code.
-template <typename Parse, typename Decode>
-int loadSection(const std::string& directory, const std::string& fileName, const char* what,
-                int failureCode, Parse parse, Decode decode, std::string& error) {
+// Parses a camera file (cameras given) or a model file (model given) into a
+// setup array with FileParser, then decodes it; -10 or -12, the parser's
+// code for the file, when the values do not decode.
+int loadSection(const std::string& directory, const std::string& fileName,
+                std::vector<CameraConfig>* cameras, ModelConfig* model, std::string& error) {
   std::vector<double> array(kSetupArrayCapacity);
-  int count = 0;
+  int count = 0, cursor = 0;
   ZOTtracker::FileParser parser;
-  const int rc = (parser.*parse)(directory.c_str(), fileName.c_str(), count, array.data(),
-                                 kSetupArrayCapacity);
+  const char *dir = directory.c_str(), *file = fileName.c_str();
+  const int rc = cameras != nullptr
+                     ? parser.parseCameraFile(dir, file, count, array.data(), kSetupArrayCapacity)
+                     : parser.parseModelFile(dir, file, count, array.data(), kSetupArrayCapacity);
   if (rc != 0) {
-    error = std::string("cannot read the ") + what + " file " + directory + "/" + fileName;
+    error = std::string("cannot read the ") + (cameras != nullptr ? "camera" : "model") + " file " +
+            directory + "/" + fileName;
     return rc;
   }
-  int cursor = 0;
-  if (!decode(array.data(), count, cursor, error)) {
-    error = directory + "/" + fileName + ": " + error;
-    return failureCode;
-  }
-  return 0;
+  if (cameras != nullptr ? decodeCameraSection(array.data(), count, cursor, *cameras, error)
+                         : decodeModelSection(array.data(), count, cursor, *model, error))
+    return 0;
+  error = directory + "/" + fileName + ": " + error;
+  return cameras != nullptr ? -10 : -12;
 }
 
 }  // namespace
 
 int loadCameraFile(const std::string& directory, const std::string& fileName,
                    std::vector<CameraConfig>& cameras, std::string& error) {
-  using Parse = int (ZOTtracker::FileParser::*)(const char*, const char*, int&, double*, int);
-  return loadSection(
-      directory, fileName, "camera", -10,
-      static_cast<Parse>(&ZOTtracker::FileParser::parseCameraFile),
-      [&cameras](const double* a, int n, int& cursor, std::string& err) {
-        return decodeCameraSection(a, n, cursor, cameras, err);
-      },
-      error);
+  return loadSection(directory, fileName, &cameras, nullptr, error);
 }
 
 int loadModelFile(const std::string& directory, const std::string& fileName, ModelConfig& model,
                   std::string& error) {
-  using Parse = int (ZOTtracker::FileParser::*)(const char*, const char*, int&, double*, int);
-  return loadSection(
-      directory, fileName, "model", -12,
-      static_cast<Parse>(&ZOTtracker::FileParser::parseModelFile),
-      [&model](const double* a, int n, int& cursor, std::string& err) {
-        return decodeModelSection(a, n, cursor, model, err);
-      },
-      error);
+  return loadSection(directory, fileName, nullptr, &model, error);
 }
 
 // ================================================================ strict check

@@ -16,25 +16,25 @@ using ZOTtracker::crossProd;
 using ZOTtracker::inverseTransform;
 using ZOTtracker::matrixProduct444;
 
-constexpr double kPi = 3.141592653589793;
 constexpr int kExposureSamples = 5;  // renders averaged per motion-blurred frame
-
-unsigned char toByte(double v) { return cv::saturate_cast<unsigned char>(v); }
 
 void normalise(double* v) { ZOTtracker::normalize(v, 3, 1); }
 
 // Printed loops of one face, in the face's 2D frame: rows of strokes, a
 // band and a blob, each kept only when all its corners are well inside.
-std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face,
+// None on a face of less than minArea (chamfers and small faces).
+std::vector<std::vector<double>> facePrintLoops(const std::vector<double>& face, double minArea,
                                                 std::mt19937_64& rng) {
   std::uniform_real_distribution<double> unit(0.0, 1.0);
   std::vector<cv::Point2f> outline;
   for (size_t k = 0; k + 1 < face.size(); k += 2) outline.emplace_back(face[k], face[k + 1]);
+  const double area = cv::contourArea(outline);
+  if (area < minArea) return {};
   double x0, x1, y0, y1;  // the bounding box
   const cv::Mat xy = cv::Mat(outline).reshape(1);
   cv::minMaxIdx(xy.col(0), &x0, &x1);
   cv::minMaxIdx(xy.col(1), &y0, &y1);
-  const double L = std::sqrt(cv::contourArea(outline)), margin = 0.06 * L;
+  const double L = std::sqrt(area), margin = 0.06 * L;
   std::vector<std::vector<double>> loops;
   // Points along every side of the loop, so that no loop cuts a notch of a
   // face that is not convex.
@@ -130,15 +130,12 @@ void addFacePrint(ModelConfig& model, uint64_t seed) {
         face.push_back(d[0] * e1[0] + d[1] * e1[1] + d[2] * e1[2]);
         face.push_back(d[0] * e2[0] + d[1] * e2[1] + d[2] * e2[2]);
       }
-      std::vector<cv::Point2f> outline;
-      for (int k = 0; k < m; k++) outline.emplace_back(face[2 * k], face[2 * k + 1]);
-      if (cv::contourArea(outline) < 0.04 * size * size) continue;  // chamfers and small faces
       std::mt19937_64 rng(seed * 1000003ULL + b * 4099ULL + (uint64_t)f * 131ULL + 7);
       BodyConfig print;
       print.type = 1;
       print.supportBody = (int)b;
       print.supportFace = f;
-      for (const std::vector<double>& loop : facePrintLoops(face, rng)) {
+      for (const std::vector<double>& loop : facePrintLoops(face, 0.04 * size * size, rng)) {
         const int first = (int)print.mesh.vertices.size() / 3, count = (int)loop.size() / 2;
         for (int k = 0; k < count; k++) {
           for (int a = 0; a < 3; a++)
@@ -208,11 +205,7 @@ EffectsRenderer::EffectsRenderer(const std::vector<CameraConfig>& cameras, const
 void EffectsRenderer::objectsInCamera(const SequenceRenderer& seq, int index, int cam,
                                       std::vector<RenderObject>& objects,
                                       double* objectInCam) const {
-  double toolWorld[16], objectWorld[16], worldFromCam[16], camFromWorld[16];
-  seq.poses(index, toolWorld, objectWorld, nullptr);
-  matrixProduct444(toolWorld, m_cameras[cam].toolFromCamera.data(), worldFromCam);
-  inverseTransform(worldFromCam, camFromWorld);
-  matrixProduct444(camFromWorld, objectWorld, objectInCam);
+  seq.cameraPoses(index, cam, nullptr, objectInCam);
   objects.clear();
   for (const Mesh& m : m_meshes) {
     RenderObject o;
@@ -263,14 +256,12 @@ void EffectsRenderer::compose(const SequenceRenderer& seq, int index, int cam,
     // Grain and print on the table plane, 0.9 object sizes below the
     // object's centre, added where the object does not cover the table.
     std::vector<RenderObject> objects;
-    double objectInCam[16], toolWorld[16], worldFromCam[16];
+    double objectInCam[16], worldFromCam[16];
     objectsInCamera(seq, index, cam, objects, objectInCam);
     std::vector<float> coverage;
     renderCoverage(m_renderCameras[cam], objects, std::max(1, m_plan.supersampling), coverage,
                    true);
-    seq.poses(index, toolWorld, nullptr, nullptr);
-    matrixProduct444(toolWorld, c.toolFromCamera.data(), worldFromCam);
-    const double* R = worldFromCam;
+    seq.cameraPoses(index, cam, worldFromCam, nullptr);
     const double tableZ = -0.9 * m_size, S = m_size;
     std::vector<unsigned char> masked((size_t)w * h, 0);
     fillMasks(c, masked.data(), 255, false);
@@ -278,12 +269,9 @@ void EffectsRenderer::compose(const SequenceRenderer& seq, int index, int cam,
       for (int x = 0; x < w; x++) {
         const size_t k = (size_t)y * w + x;
         if (coverage[k] >= 1.0f || masked[k]) continue;
-        const double xn = seq.rays(cam)[2 * k], yn = seq.rays(cam)[2 * k + 1];
-        const double dz = R[8] * xn + R[9] * yn + R[10];
-        const double s = (tableZ - R[11]) / dz;
-        if (!(s > 0.0)) continue;
-        const double X = R[3] + s * (R[0] * xn + R[1] * yn + R[2]);
-        const double Y = R[7] + s * (R[4] * xn + R[5] * yn + R[6]);
+        double X, Y;
+        if (!tableHit(worldFromCam, tableZ, seq.rays(cam)[2 * k], seq.rays(cam)[2 * k + 1], &X, &Y))
+          continue;
         const double grain = std::tanh(2.5 * std::sin(2.0 * kPi * (0.8 * X + 0.6 * Y) / (0.11 * S) +
                                                       2.0 * std::sin(2.0 * kPi * Y / (0.7 * S))));
         const double grid = std::tanh(4.0 * std::sin(2.0 * kPi * X / (0.3 * S)) *

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <map>
 #include <numeric>
-#include <random>
 #include <opencv2/imgproc.hpp>
+#include <random>
 #include <set>
 
 #include "Math.h"
@@ -17,7 +17,6 @@ namespace zot_sim {
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
 constexpr double kDeg = kPi / 180.0;
 
 // ---------------------------------------------------------------- small pose algebra
@@ -54,8 +53,6 @@ double envelope(double t) {
 double wave(double t, double period, double phase) {
   return std::sin(2.0 * kPi * t / period + phase);
 }
-
-unsigned char toByte(double v) { return cv::saturate_cast<unsigned char>(v); }
 
 // The undistorted normalised ray (x, y) through every pixel centre, row by row.
 std::vector<float> pixelRays(const CameraConfig& cam) {
@@ -140,9 +137,10 @@ std::vector<double> faceTones(const Mesh& m) {
 }  // namespace
 
 bool parseMotion(const std::string& text, Motion& motion) {
-  static const std::map<std::string, Motion> names = {
-      {"none", Motion::None}, {"object", Motion::Object}, {"tool", Motion::Tool},
-      {"both", Motion::Both}};
+  static const std::map<std::string, Motion> names = {{"none", Motion::None},
+                                                      {"object", Motion::Object},
+                                                      {"tool", Motion::Tool},
+                                                      {"both", Motion::Both}};
   const auto it = names.find(text);
   if (it != names.end()) motion = it->second;
   return it != names.end();
@@ -404,43 +402,35 @@ void SequenceRenderer::poses(int frame, double* toolWorld, double* objectWorld,
 }
 
 void SequenceRenderer::render(int frame, std::vector<std::vector<unsigned char>>& images) const {
-  double toolWorld[16], objectWorld[16];
-  poses(frame, toolWorld, objectWorld, nullptr);
   images.resize(m_cameras.size());
-  for (size_t c = 0; c < m_cameras.size(); c++) {
-    renderCamera((int)c, frame, toolWorld, objectWorld, images[c]);
-  }
+  for (size_t c = 0; c < m_cameras.size(); c++) renderCamera((int)c, frame, images[c]);
 }
 
-void SequenceRenderer::renderCamera(int cam, int frame, const double* toolWorld,
-                                    const double* objectWorld,
-                                    std::vector<unsigned char>& image) const {
+void SequenceRenderer::cameraPoses(int frame, int cam, double* worldFromCam,
+                                   double* objectInCam) const {
+  double toolWorld[16], objectWorld[16], camera[16], camFromWorld[16];
+  poses(frame, toolWorld, objectWorld, nullptr);
+  double* world = worldFromCam != nullptr ? worldFromCam : camera;
+  matrixProduct444(toolWorld, m_cameras[cam].toolFromCamera.data(), world);
+  if (objectInCam == nullptr) return;
+  inverseTransform(world, camFromWorld);
+  matrixProduct444(camFromWorld, objectWorld, objectInCam);
+}
+
+void SequenceRenderer::renderCamera(int cam, int frame, std::vector<unsigned char>& image) const {
   const CameraConfig& c = m_cameras[cam];
   const int w = c.width, h = c.height;
   image.assign((size_t)w * h, 0);
-  // Camera in the world and the object in the camera.
   double worldFromCam[16], camFromWorld[16], objectInCam[16];
-  matrixProduct444(toolWorld, c.toolFromCamera.data(), worldFromCam);
+  cameraPoses(frame, cam, worldFromCam, objectInCam);
   inverseTransform(worldFromCam, camFromWorld);
-  matrixProduct444(camFromWorld, objectWorld, objectInCam);
 
-  // Table: intersect each pixel's ray with the plane z = tableZ.
-  const double* R = worldFromCam;
-  const double origin[3] = {R[3], R[7], R[11]};
+  // Table: where each pixel's ray meets the plane z = tableZ; above the horizon, a grey.
   const std::vector<float>& rays = m_rays[cam];
-  for (int y = 0; y < h; y++) {
-    for (int x = 0; x < w; x++) {
-      const size_t k = (size_t)y * w + x;
-      const double xn = rays[2 * k], yn = rays[2 * k + 1];
-      const double dz = R[8] * xn + R[9] * yn + R[10];
-      const double s = (m_tableZ - origin[2]) / dz;
-      if (!(s > 0.0)) {
-        image[k] = 25;  // above the horizon
-        continue;
-      }
-      const double dx = R[0] * xn + R[1] * yn + R[2], dy = R[4] * xn + R[5] * yn + R[6];
-      image[k] = tableGrey(origin[0] + s * dx, origin[1] + s * dy);
-    }
+  for (size_t k = 0; k < (size_t)w * h; k++) {
+    double X, Y;
+    const bool table = tableHit(worldFromCam, m_tableZ, rays[2 * k], rays[2 * k + 1], &X, &Y);
+    image[k] = table ? tableGrey(X, Y) : 25;
   }
 
   // Object: the faces' tones plus a little Lambertian shading from a light
@@ -471,6 +461,18 @@ void SequenceRenderer::renderCamera(int cam, int frame, const double* toolWorld,
   applySensor(image, w, h, m_plan, frame, cam);
 }
 
+unsigned char toByte(double v) { return cv::saturate_cast<unsigned char>(v); }
+
+bool tableHit(const double* worldFromCam, double tableZ, double xn, double yn, double* X,
+              double* Y) {
+  const double* R = worldFromCam;
+  const double s = (tableZ - R[11]) / (R[8] * xn + R[9] * yn + R[10]);
+  if (!(s > 0.0)) return false;
+  *X = R[3] + s * (R[0] * xn + R[1] * yn + R[2]);
+  *Y = R[7] + s * (R[4] * xn + R[5] * yn + R[6]);
+  return true;
+}
+
 RenderCamera renderCameraOf(const CameraConfig& cam) {
   RenderCamera rc;
   rc.width = cam.width;
@@ -495,8 +497,8 @@ void fillMasks(const CameraConfig& cam, unsigned char* image, int grey, bool ant
   cv::fillPoly(picture, polygons, cv::Scalar(grey), antialiased ? cv::LINE_AA : cv::LINE_8, kShift);
 }
 
-void applySensor(std::vector<unsigned char>& image, int width, int height,
-                 const SequenceSpec& plan, int frame, int cam) {
+void applySensor(std::vector<unsigned char>& image, int width, int height, const SequenceSpec& plan,
+                 int frame, int cam) {
   if (plan.blur > 0.0 && width > 0 && height > 0) {
     cv::Mat picture(height, width, CV_8U, image.data());
     const int size = 2 * std::max(1, (int)std::ceil(3.0 * plan.blur)) + 1;

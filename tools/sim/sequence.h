@@ -64,6 +64,9 @@ class SequenceRenderer {
   /// Renders every camera's grey image of a frame; images[c] is resized to
   /// width x height of camera c.
   void render(int frame, std::vector<std::vector<unsigned char>>& images) const;
+  /// Camera `cam` in the world and the object in that camera at a frame
+  /// (either may be null).
+  void cameraPoses(int frame, int cam, double* worldFromCam, double* objectInCam) const;
 
   // ---------------------------------------------------------------- getters
   double objectSize() const { return m_size; }
@@ -79,8 +82,7 @@ class SequenceRenderer {
     Mesh mesh;
     double tone;
   };
-  void renderCamera(int cam, int frame, const double* toolWorld, const double* objectWorld,
-                    std::vector<unsigned char>& image) const;
+  void renderCamera(int cam, int frame, std::vector<unsigned char>& image) const;
   unsigned char tableGrey(double x, double y) const;
   void buildTable();
   void buildPaints(const ModelConfig& model);
@@ -100,6 +102,13 @@ class SequenceRenderer {
   std::vector<std::string> m_warnings;
 };
 
+/// v rounded to the nearest grey level and clamped to 0..255.
+unsigned char toByte(double v);
+/// Where the ray (xn, yn, 1) of the camera at worldFromCam meets the table
+/// plane z = tableZ: the world x, y in X, Y; false when the ray runs at or
+/// above the horizon.
+bool tableHit(const double* worldFromCam, double tableZ, double xn, double yn, double* X,
+              double* Y);
 /// The ray caster's camera for a configured one (its skew is not rendered).
 RenderCamera renderCameraOf(const CameraConfig& cam);
 /// Paints the camera's mask polygons (those of three or more vertices) in
@@ -109,7 +118,7 @@ void fillMasks(const CameraConfig& cam, unsigned char* image, int grey, bool ant
 /// plan.blur pixels (none when 0; borders replicated), then Gaussian noise
 /// of plan.noise grey levels from a generator seeded by the plan's seed, the
 /// frame and the camera, so that every frame and camera is reproducible.
-void applySensor(std::vector<unsigned char>& image, int width, int height,
-                 const SequenceSpec& plan, int frame, int cam);
+void applySensor(std::vector<unsigned char>& image, int width, int height, const SequenceSpec& plan,
+                 int frame, int cam);
 
 }  // namespace zot_sim

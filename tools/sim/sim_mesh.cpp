@@ -7,10 +7,6 @@
 
 namespace zot_sim {
 
-namespace {
-constexpr double kPi = 3.141592653589793;
-}  // namespace
-
 Mesh boxMesh(const double centre[3], const double halfSize[3]) {
   Mesh m;
   for (int i = 0; i < 8; i++) {

@@ -7,6 +7,8 @@
 
 namespace zot_sim {
 
+constexpr double kPi = 3.141592653589793;
+
 /// A polygon mesh with 0-based face lists.
 struct Mesh {
   std::vector<double> vertices;  /// 3 per vertex
