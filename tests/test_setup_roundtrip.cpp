@@ -88,7 +88,7 @@ class ConfigFiles : public ::testing::Test {
     return m_parser.parsePolyline(path(name).c_str(), m_count, m_array.data());
   }
   int parseSample(const char* camera, int capacity) {
-    return m_parser.parseAllFiles(ZOT_DATA_DIR, camera, "tracker.txt",
+    return m_parser.parseAllFiles(ZOT_DATA_DIR, camera, "tracker_designed.txt",
                                   "model_chamfered_box.txt", m_count, m_array.data(), capacity);
   }
   std::string m_dir;

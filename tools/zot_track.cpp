@@ -329,6 +329,7 @@ struct FrameResult {
   int status = 0;
   const char* message = "OK";  // or the failure's message
   ZOTtracker::FrameStageTimes timing{};
+  ZOTtracker::FitQuality quality{};  // robust estimator only
   bool hasError = false;
   double translError = 0.0, rotError = 0.0;
 };
@@ -423,7 +424,7 @@ void writeCsvHeader(FILE* csv, bool matrix, bool withTruth) {
   }
   fprintf(csv, ",wx_deg,wy_deg,wz_deg,vx,vy,vz");
   if (withTruth) fprintf(csv, ",error_translation,error_rotation_deg");
-  fprintf(csv, ",time_ms,undistortion_ms,edges_ms,gauss_newton_ms\n");
+  fprintf(csv, ",time_ms,undistortion_ms,edges_ms,gauss_newton_ms,inlier_fraction,residual_px\n");
 }
 
 // One row; a failed frame leaves pose, velocity and errors empty. Flushed,
@@ -447,8 +448,8 @@ void writeCsvRow(FILE* csv, const FrameResult& r, const double* pose, const doub
   }
   if (withTruth && r.hasError) fprintf(csv, ",%.6g,%.6g", r.translError, r.rotError);
   if (withTruth && !r.hasError) fprintf(csv, ",,");
-  fprintf(csv, ",%.4f,%.4f,%.4f,%.4f\n", r.timing.totalMs, r.timing.undistortionMs,
-          r.timing.edgesMs, r.timing.poseUpdateMs);
+  fprintf(csv, ",%.4f,%.4f,%.4f,%.4f,%.4f,%.4f\n", r.timing.totalMs, r.timing.undistortionMs,
+          r.timing.edgesMs, r.timing.poseUpdateMs, r.quality.inlierFraction, r.quality.residualPx);
   fflush(csv);
 }
 
@@ -821,6 +822,7 @@ std::vector<FrameResult> trackSequence(const Options& o, GenericObjectTracker& t
                                       o.initialVelocity, r.time, pose, velocity, covariance, o.dof,
                                       i == 0, false, false, o.verbose);
     r.timing = tracker.lastFrameTimes();
+    r.quality = tracker.lastFitQuality();
     if (r.status == 0) {
       std::copy(pose, pose + 16, lastGood);
       if (!s.truth.empty()) {

@@ -103,7 +103,7 @@ def test_refused_configurations_and_sessions_raise_the_library_message(tmp_path)
         zt.Session(DATA, "no_such_file.txt", "tracker.txt", "model_l_bracket.txt")
     with pytest.raises(zt.Error, match="Camera parser"):
         zt.parse_config(DATA, "no_such_file.txt", "tracker.txt", "model_l_bracket.txt")
-    array = zt.parse_config(DATA, "camera_mono.txt", "tracker_demo.txt", "model_l_bracket.txt")
+    array = zt.parse_config(DATA, "camera_mono.txt", "tracker_designed.txt", "model_l_bracket.txt")
     with pytest.raises(zt.Error, match="does not describe a tracker"):
         zt.Session.from_array(array[:-1])
     with pytest.raises(ValueError, match="1-D float64 array"):

@@ -56,7 +56,7 @@ std::vector<double> oneBodySetup(const std::vector<SetupCamera>& cams,
 // The setup array that the parser writes for the given files of dataDir (by
 // default the stereo chamfered box of data/); empty when it fails.
 std::vector<double> sampleSetupArray(const char* dataDir, const char* camera = "camera_stereo.txt",
-                                     const char* tracker = "tracker.txt",
+                                     const char* tracker = "tracker_designed.txt",
                                      const char* model = "model_chamfered_box.txt");
 
 // Tracking parameters that converge (the defaults never do).
