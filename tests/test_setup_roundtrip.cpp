@@ -309,7 +309,7 @@ TEST_F(ConfigFiles, TheHeaderRoundTripKeepsTheSampleConfiguration) {
             "ERROR: cannot open " +
                 m_dir + "/no/dir/global_array_declaration.h for writing\n");
 #if ZOT_HAVE_COMPILED_SETUP
-  const std::vector<double> sample = zot_test::sampleSetupArray(ZOT_DATA_DIR);
+  const std::vector<double> sample = zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_stereo.txt", "tracker.txt");
   ASSERT_EQ(setup_global_array_counter, (int)sample.size());
   for (size_t i = 0; i < sample.size(); i++) {
     EXPECT_NEAR(setup_global_array[i], sample[i], 5e-7) << i;
