@@ -40,8 +40,8 @@ std::string dataDir() {
   return here.substr(0, here.rfind('/')) + "/../data";
 }
 
-// A configured tracker and its rendered sequence; one per camera file and
-// sampling step, built on first use and kept for the process.
+// A configured tracker and its rendered sequence; one per camera file,
+// tracker file and sampling step, built on first use and kept for the process.
 struct Setup {
   std::vector<double> array;
   std::vector<std::vector<std::vector<unsigned char>>> images;  // frame, camera
@@ -50,16 +50,16 @@ struct Setup {
   bool ok = false;
 };
 
-Setup& setupFor(const std::string& cameraFile, int samplingStep) {
+Setup& setupFor(const std::string& cameraFile, const char* trackerFile, int samplingStep) {
   static std::map<std::string, Setup> setups;
-  const std::string key = cameraFile + "/" + std::to_string(samplingStep);
+  const std::string key = cameraFile + "/" + trackerFile + "/" + std::to_string(samplingStep);
   Setup& s = setups[key];
   if (s.ok) return s;
   const std::string data = dataDir();
   s.array.resize(zot_sim::kSetupArrayCapacity);
   int count = 0;
   FileParser parser;
-  if (parser.parseAllFiles(data.c_str(), cameraFile.c_str(), "tracker_demo.txt",
+  if (parser.parseAllFiles(data.c_str(), cameraFile.c_str(), trackerFile,
                            "model_chamfered_box.txt", count, s.array.data(),
                            zot_sim::kSetupArrayCapacity) != 0)
     return s;
@@ -95,8 +95,9 @@ Setup& setupFor(const std::string& cameraFile, int samplingStep) {
   return s;
 }
 
-void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, int samplingStep) {
-  Setup& s = setupFor(cameraFile, samplingStep);
+void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, const char* trackerFile,
+                       int samplingStep) {
+  Setup& s = setupFor(cameraFile, trackerFile, samplingStep);
   if (!s.ok) {
     state.SkipWithError("cannot read the configuration in data/ or render the sequence");
     return;
@@ -142,16 +143,26 @@ void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, int samp
   doBigFree();
 }
 
-BENCHMARK_CAPTURE(BM_PoseEstimation, mono_150_samples, "camera_mono.txt", 8)
+// The designed estimator (tracker_designed.txt) and the robust one
+// (tracker_demo.txt) side by side on the same frames.
+constexpr const char* kDesigned = "tracker_designed.txt";
+constexpr const char* kRobust = "tracker_demo.txt";
+BENCHMARK_CAPTURE(BM_PoseEstimation, mono_150_samples, "camera_mono.txt", kDesigned, 8)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(5 * kFrames);
-BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_150_samples, "camera_stereo.txt", 8)
+BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_150_samples, "camera_stereo.txt", kDesigned, 8)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(5 * kFrames);
-BENCHMARK_CAPTURE(BM_PoseEstimation, mono_demo_step, "camera_mono.txt", 4)
+BENCHMARK_CAPTURE(BM_PoseEstimation, mono_demo_step, "camera_mono.txt", kDesigned, 4)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(5 * kFrames);
-BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_demo_step, "camera_stereo.txt", 4)
+BENCHMARK_CAPTURE(BM_PoseEstimation, mono_robust, "camera_mono.txt", kRobust, 4)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5 * kFrames);
+BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_demo_step, "camera_stereo.txt", kDesigned, 4)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5 * kFrames);
+BENCHMARK_CAPTURE(BM_PoseEstimation, stereo_robust, "camera_stereo.txt", kRobust, 4)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(5 * kFrames);
 
