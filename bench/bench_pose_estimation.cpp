@@ -59,9 +59,8 @@ Setup& setupFor(const std::string& cameraFile, const char* trackerFile, int samp
   s.array.resize(zot_sim::kSetupArrayCapacity);
   int count = 0;
   FileParser parser;
-  if (parser.parseAllFiles(data.c_str(), cameraFile.c_str(), trackerFile,
-                           "model_chamfered_box.txt", count, s.array.data(),
-                           zot_sim::kSetupArrayCapacity) != 0)
+  if (parser.parseAllFiles(data.c_str(), cameraFile.c_str(), trackerFile, "model_chamfered_box.txt",
+                           count, s.array.data(), zot_sim::kSetupArrayCapacity) != 0)
     return s;
   s.array.resize(count);
   std::vector<zot_sim::CameraConfig> cameras;

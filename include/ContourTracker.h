@@ -78,6 +78,7 @@ struct RobustSettings {
   double recoveryRangePx;    ///< > 0: after a failed fit, search again this far
   double minInlierFraction;  ///< a fit with fewer inliers (of all samples) is lost
   double maxResidualPx;      ///< a fit whose inliers' RMS residual is larger is lost
+  double maxDisagreementPx;  ///< a fit whose cameras disagree by more is lost (0: no test)
 };
 
 /// Per-fit figures of the robust estimator (all 0 for the designed one).
@@ -89,6 +90,11 @@ struct FitQuality {
   double scalePx;         ///< residual scale of the last iteration
   int iterations;         ///< Gauss-Newton iterations made
   int stalled;            ///< 1: accepted at the iteration limit with a stalled cost
+  /// Largest RMS move (pixels, along the normals, over its inliers) that one
+  /// camera's own update would still add to the joint fit: near 0 when the
+  /// cameras agree, large when model or calibration do not fit them all
+  /// (a model of the wrong size, a wrong focal length). 0 with one camera.
+  double disagreementPx;
 };
 
 /// Settings of one Gauss-Newton run (ContourTracker::poseUpdateLoop); the
@@ -295,6 +301,12 @@ class ContourTracker {
   /// (all but iterations and stalled) and returns the number of inliers
   /// (weight above r.inlierWeight).
   double reweight(const RobustSettings& r, double searchRange);
+
+  /// FitQuality::disagreementPx of the last evaluation: for every enabled
+  /// camera with samples, the weighted update of its rows alone (mask as in
+  /// the solve) minus jointDx, as RMS move along the normals of its
+  /// inliers; the largest. 0 for fewer than two such cameras.
+  double cameraDisagreement(const Multibody& model, const double* mask, const double* jointDx);
 
   /// Remembers, per model edge, the polarity of the gradient at the matches
   /// of the last evaluation (call after a good fit); forgetPolarity clears it.

@@ -1,10 +1,10 @@
 /// @file
 /// Image processing on the library's own buffers: colour conversions, Sobel
 /// and Canny edge detection, lens undistortion, and the frustum clipping,
-/// depth-tested fill and line walking of the visible-contour sampler. Grey images are width x height
-/// bytes, colour images 3 interleaved bytes per pixel in the order blue,
-/// green, red, both row-major without padding. Nothing here allocates: every
-/// buffer, work memory included, comes from the caller.
+/// depth-tested fill and line walking of the visible-contour sampler. Grey images are width x
+/// height bytes, colour images 3 interleaved bytes per pixel in the order blue, green, red, both
+/// row-major without padding. Nothing here allocates: every buffer, work memory included, comes
+/// from the caller.
 #pragma once
 
 namespace ZOTtracker {
@@ -96,8 +96,8 @@ void undistortImageFromTables(const unsigned char* src, unsigned char* dst, cons
 
 // ================================================================ frustum clipping and
 /// depth-tested fill Geometric kernels of the visible-contour sampler: the camera's viewing frustum
-/// as six planes, clipping of 3D segments and polygons against it, scan conversion of a convex image
-/// polygon with an inverse-depth test, and an integer line walker with its 2D clipper.
+/// as six planes, clipping of 3D segments and polygons against it, scan conversion of a convex
+/// image polygon with an inverse-depth test, and an integer line walker with its 2D clipper.
 
 /// Viewing frustum: 24 doubles, six planes (a, b, c, d) in the camera frame in
 /// the order left (xmin,ymin)-(xmin,ymax), bottom (xmin,ymax)-(xmax,ymax),

@@ -78,7 +78,7 @@ ContourTracker::ContourTracker()
     m_polarityValues[c] = nullptr;
     m_cannyThresholds[c][0] = m_cannyThresholds[c][1] = 0.0;
   }
-  m_quality = FitQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
+  m_quality = FitQuality{};
 }
 
 ContourTracker::~ContourTracker() {}

@@ -331,7 +331,7 @@ int ContourTracker::poseUpdateLoopRobust(Multibody& model, const unsigned char* 
   inverseTransform(pose, startPoseInverse);
   matrixCopy(startPoseInverse, samplingPoseInverse, 4, 4);
   CostSettings costSettings = iterationCostSettings(s);
-  m_quality = FitQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
+  m_quality = FitQuality{};
   double inliers = 0.0, previousCost = -1.0, dx[6];
   auto fail = [&](int code) {
     matrixCopy(startPose, pose, 4, 4);
@@ -400,6 +400,14 @@ int ContourTracker::poseUpdateLoopRobust(Multibody& model, const unsigned char* 
     if (s.verbose) {
       printf("FAILED GN: inlier residual %g px above %g px\n", m_quality.residualPx,
              r.maxResidualPx);
+    }
+    return fail(ZOT_ERR_FINAL_REPROJECTION);
+  }
+  m_quality.disagreementPx = cameraDisagreement(model, s.dofMask, dx);
+  if (r.maxDisagreementPx > 0.0 && m_quality.disagreementPx > r.maxDisagreementPx) {
+    if (s.verbose) {
+      printf("FAILED GN: the cameras disagree by %g px (at most %g)\n", m_quality.disagreementPx,
+             r.maxDisagreementPx);
     }
     return fail(ZOT_ERR_FINAL_REPROJECTION);
   }

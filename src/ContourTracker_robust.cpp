@@ -30,7 +30,8 @@ RobustSettings::RobustSettings()
       costChange(0.01),
       recoveryRangePx(0.0),
       minInlierFraction(0.4),
-      maxResidualPx(1.5) {}
+      maxResidualPx(1.5),
+      maxDisagreementPx(0.2) {}
 
 namespace {
 
@@ -281,6 +282,49 @@ void ContourTracker::forgetPolarity() {
     if (m_polarityKeys[c] == nullptr) continue;
     for (int s = 0; s < ZOT_POLARITY_SLOTS; s++) m_polarityKeys[c][s] = 0;
   }
+}
+
+// ================================================================ camera agreement
+
+double ContourTracker::cameraDisagreement(const Multibody& model, const double* mask,
+                                          const double* jointDx) {
+  int seeing = 0;
+  for (int c = 0; c < m_nCams; c++) seeing += m_camEnabled[c] && usableSampleCount(model, c) > 0;
+  if (seeing < 2) return 0.0;
+  // The rows are stacked camera after camera: the solver is pointed at one
+  // camera's block at a time.
+  double* const residuals = m_residuals;
+  double* const jacobian = m_normalJacobian;
+  double* const weights = m_inlierWeights;
+  const int total = m_nTotalPoints;
+  double worst = 0.0;
+  for (int c = 0, start = 0; c < m_nCams; c++) {
+    if (!m_camEnabled[c]) continue;
+    const int n = usableSampleCount(model, c);
+    m_residuals = residuals + start;
+    m_normalJacobian = jacobian + 6L * start;
+    m_inlierWeights = weights + start;
+    m_nTotalPoints = n;
+    double dx[6];
+    if (n > 0 && computePoseUpdate_squareLSE(dx, mask, false, nullptr) == 0) {
+      double moved = 0.0, weightSum = 0.0;
+      for (int i = 0; i < n; i++) {
+        if (m_inlierWeights[i] == 0.0) continue;
+        double move = 0.0;
+        for (int j = 0; j < 6; j++) move += m_normalJacobian[6 * i + j] * (dx[j] - jointDx[j]);
+        moved += m_inlierWeights[i] * move * move;
+        weightSum += m_inlierWeights[i];
+      }
+      const double rms = weightSum > 0.0 ? std::sqrt(moved / weightSum) : 0.0;
+      if (rms > worst) worst = rms;
+    }
+    start += n;
+  }
+  m_residuals = residuals;
+  m_normalJacobian = jacobian;
+  m_inlierWeights = weights;
+  m_nTotalPoints = total;
+  return worst;
 }
 
 // ================================================================ weights

@@ -61,7 +61,7 @@ GenericObjectTracker::GenericObjectTracker()
     : m_nCameras(0),
       m_doEdgeDetection(true),
       m_lastFrameTimes{0.0, 0.0, 0.0, 0.0},
-      m_lastQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0},
+      m_lastQuality{},
       m_haveLastGood(false) {
   matrixIdentity(m_lastGoodWorldPose, 4);
   // Per-camera members mean nothing before the set-up; null and zero them so
@@ -163,7 +163,7 @@ int GenericObjectTracker::poseEstimation(const unsigned char* const* images, dou
                                          bool display, bool verbose) {
   const int64_t callStart = getTickCount();
   m_lastFrameTimes = FrameStageTimes{0.0, 0.0, 0.0, 0.0};
-  m_lastQuality = FitQuality{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
+  m_lastQuality = FitQuality{};
   const int code =
       estimateFrame(images, time, toolPose, initPose, initVelocity, initTime, pose, velocity,
                     covariance, dofMask, initialise, timing, display, verbose);
@@ -306,7 +306,7 @@ int GenericObjectTracker::recoverPose(const double* predicted, const double* too
   if (m_haveLastGood) matrixProduct444(toolInverse, m_lastGoodWorldPose, starts[nStarts++]);
   ContourTracker& tracker = m_contourTracker;
   bool found = false;
-  FitQuality best{0, 0.0, 0.0, 0.0, 0.0, 0, 0};
+  FitQuality best{};
   for (int i = 0; i < nStarts; i++) {
     double candidate[16], candidateCovariance[36];
     matrixCopy(starts[i], candidate, 4, 4);

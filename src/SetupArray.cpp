@@ -368,30 +368,35 @@ int nextFace(const SetupBody& body, int& offset, int* indices) {
 
 namespace {
 
-// One extension item: its name for the messages and its range.
+// One extension item: its name for the messages, its range and its field
+// (an integral item goes to an int field, the others to a double one).
 struct ExtensionItem {
   const char* name;
   double least;    // smallest value accepted
   bool leastOpen;  // least itself refused
   double most;     // largest value accepted
-  bool integral;
+  int RobustSettings::*flag;
+  double RobustSettings::*real;
 };
 constexpr double kAny = 1e300;
 const ExtensionItem EXTENSION_ITEMS[ZOT_EXTENSION_VALUES] = {
-    {"robust mode (0 or 1)", 0.0, false, 1.0, true},
-    {"M-estimator (0 Tukey, 1 Huber)", 0.0, false, 1.0, true},
-    {"M-estimator constant", 0.0, false, kAny, false},
-    {"scale floor [px]", 0.0, true, kAny, false},
-    {"inlier weight", 0.0, false, 1.0, false},
-    {"polarity memory (0 or 1)", 0.0, false, 1.0, true},
-    {"Canny ratio to the robust maximum", 0.0, false, kAny, false},
-    {"Canny low-to-high ratio", 0.0, true, 1.0, false},
-    {"Canny floor", 0.0, false, kAny, false},
-    {"convergence [px]", 0.0, true, kAny, false},
-    {"relative cost change", 0.0, false, kAny, false},
-    {"recovery search range [px]", 0.0, false, kAny, false},
-    {"least inlier fraction", 0.0, false, 1.0, false},
-    {"largest inlier residual [px]", 0.0, true, kAny, false},
+    {"robust mode (0 or 1)", 0.0, false, 1.0, &RobustSettings::enabled, nullptr},
+    {"M-estimator (0 Tukey, 1 Huber)", 0.0, false, 1.0, &RobustSettings::estimator, nullptr},
+    {"M-estimator constant", 0.0, false, kAny, nullptr, &RobustSettings::tuning},
+    {"scale floor [px]", 0.0, true, kAny, nullptr, &RobustSettings::scaleFloorPx},
+    {"inlier weight", 0.0, false, 1.0, nullptr, &RobustSettings::inlierWeight},
+    {"polarity memory (0 or 1)", 0.0, false, 1.0, &RobustSettings::polarityMemory, nullptr},
+    {"Canny ratio to the robust maximum", 0.0, false, kAny, nullptr,
+     &RobustSettings::cannyAutoRatio},
+    {"Canny low-to-high ratio", 0.0, true, 1.0, nullptr, &RobustSettings::cannyLowRatio},
+    {"Canny floor", 0.0, false, kAny, nullptr, &RobustSettings::cannyFloor},
+    {"convergence [px]", 0.0, true, kAny, nullptr, &RobustSettings::convergencePx},
+    {"relative cost change", 0.0, false, kAny, nullptr, &RobustSettings::costChange},
+    {"recovery search range [px]", 0.0, false, kAny, nullptr, &RobustSettings::recoveryRangePx},
+    {"least inlier fraction", 0.0, false, 1.0, nullptr, &RobustSettings::minInlierFraction},
+    {"largest inlier residual [px]", 0.0, true, kAny, nullptr, &RobustSettings::maxResidualPx},
+    {"largest camera disagreement [px]", 0.0, false, kAny, nullptr,
+     &RobustSettings::maxDisagreementPx},
 };
 
 }  // namespace
@@ -414,37 +419,21 @@ bool decodeExtensions(SetupArrayReader& r, RobustSettings& robust, int& nValues,
   }
   if (!r.available(n, "extension block")) return false;
   double v[ZOT_EXTENSION_VALUES];
+  RobustSettings s;
   for (int i = 0; i < n; i++) {
     v[i] = r.next();
     const ExtensionItem& item = EXTENSION_ITEMS[i];
     const bool ok = std::isfinite(v[i]) && v[i] <= item.most &&
                     (item.leastOpen ? v[i] > item.least : v[i] >= item.least) &&
-                    (!item.integral || v[i] == std::floor(v[i]));
+                    (item.flag == nullptr || v[i] == std::floor(v[i]));
     if (!ok) {
       r.report("ERROR: extension item %d (%s) is %g, out of its range\n", i + 1, item.name, v[i]);
       return false;
     }
-  }
-  RobustSettings s;
-  double* const fields[ZOT_EXTENSION_VALUES] = {nullptr,
-                                                nullptr,
-                                                &s.tuning,
-                                                &s.scaleFloorPx,
-                                                &s.inlierWeight,
-                                                nullptr,
-                                                &s.cannyAutoRatio,
-                                                &s.cannyLowRatio,
-                                                &s.cannyFloor,
-                                                &s.convergencePx,
-                                                &s.costChange,
-                                                &s.recoveryRangePx,
-                                                &s.minInlierFraction,
-                                                &s.maxResidualPx};
-  int* const flags[ZOT_EXTENSION_VALUES] = {&s.enabled, &s.estimator, nullptr,
-                                            nullptr,    nullptr,      &s.polarityMemory};
-  for (int i = 0; i < n; i++) {
-    if (fields[i] != nullptr) *fields[i] = v[i];
-    if (flags[i] != nullptr) *flags[i] = (int)v[i];
+    if (item.flag != nullptr)
+      s.*item.flag = (int)v[i];
+    else
+      s.*item.real = v[i];
   }
   robust = s;
   nValues = n;

@@ -10,6 +10,7 @@
 
 #include "ContourTracker.h"
 #include "FileParser.h"
+#include "IO.h"
 #include "Imgproc.h"
 #include "Math.h"
 #include "SetupArray.h"
@@ -122,7 +123,24 @@ namespace {
 
 // The extension block of data/tracker_demo.txt's items.
 std::vector<double> demoExtensions() {
-  return {ZOT_EXTENSION_MARKER, 1, 14, 1, 0, 0, 0.3, 0.1, 1, 0.3, 0.5, 10, 0.05, 0.01, 60, 0.4, 0.5};
+  return {ZOT_EXTENSION_MARKER,
+          1,
+          15,
+          1,
+          0,
+          0,
+          0.3,
+          0.1,
+          1,
+          0.3,
+          0.5,
+          10,
+          0.05,
+          0.01,
+          60,
+          0.4,
+          1.2,
+          0.2};
 }
 
 }  // namespace
@@ -150,7 +168,8 @@ TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
   const RobustSettings& r = tracker.m_trackingParams.m_robust;
   EXPECT_EQ(r.enabled, 1);
   EXPECT_EQ(r.recoveryRangePx, 60.0);
-  EXPECT_EQ(r.maxResidualPx, 0.5);
+  EXPECT_EQ(r.maxResidualPx, 1.2);
+  EXPECT_EQ(r.maxDisagreementPx, 0.2);
   EXPECT_NE(tracker.m_contourTracker.m_sampleIds[0], nullptr);
 
   const int at = count - (int)block.size();
@@ -161,13 +180,14 @@ TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
   };
   const Bad bad[] = {
       {1, 2, "ERROR: extension block of format version 2; this library reads version 1\n"},
-      {2, 15, "ERROR: extension block of 15 values; version 1 has 0 to 14\n"},
-      {3, std::nan(""), "ERROR: extension item 1 (robust mode (0 or 1)) is nan, out of its range\n"},
+      {2, 16, "ERROR: extension block of 16 values; version 1 has 0 to 15\n"},
+      {3, std::nan(""),
+       "ERROR: extension item 1 (robust mode (0 or 1)) is nan, out of its range\n"},
       {6, 0, "ERROR: extension item 4 (scale floor [px]) is 0, out of its range\n"},
       {14, -5, "ERROR: extension item 12 (recovery search range [px]) is -5, out of its range\n"},
       {-1, 0,
-       "ERROR: setup array too short (extension block): values 177 to 190 needed, it holds "
-       "190\nERROR: total numbers read 191 should be: 190\n"},
+       "ERROR: setup array too short (extension block): values 177 to 191 needed, it holds "
+       "191\nERROR: total numbers read 192 should be: 191\n"},
   };
   for (const Bad& b : bad) {
     std::vector<double> a = array;
@@ -219,8 +239,8 @@ TEST(RobustEstimation, AfterAStallTheObjectIsFoundAgainWithinThreeFrames) {
   o.faceGrey = zot_test::chamferedBoxGreys();
   const double zero[6] = {0, 0, 0, 0, 0, 0};
   scene.render(truth, {o}, 30, 2, 1.5);
-  ASSERT_EQ(t.poseEstimation(scene.m_imagePtrs, 0.0, tool, start, zero, 0.0, pose, nullptr,
-                             nullptr, nullptr, true, false, false, false),
+  ASSERT_EQ(t.poseEstimation(scene.m_imagePtrs, 0.0, tool, start, zero, 0.0, pose, nullptr, nullptr,
+                             nullptr, true, false, false, false),
             0);
   EXPECT_LT(scene.meanVertexError(mesh, pose, truth, 0), 0.15);
   EXPECT_GT(t.lastFitQuality().inlierFraction, 0.8);
@@ -245,5 +265,40 @@ TEST(RobustEstimation, AfterAStallTheObjectIsFoundAgainWithinThreeFrames) {
   EXPECT_GT(back, 0);
   if (zot_test::allocationCountingAvailable()) {
     EXPECT_EQ(allocations, 0);
+  }
+}
+
+// A model 3 % too large fits each of two cameras alone, but not both: the
+// fit is refused (-9) for the cameras' disagreement, while the right model
+// at the same pose passes with the cameras in agreement.
+TEST(RobustEstimation, AModelOfTheWrongSizeIsRefusedForTheCamerasDisagreement) {
+  const std::vector<double> a =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_stereo.txt", "tracker_demo.txt");
+  zot_test::TrackerScene scene(zot_test::camerasOfSetupArray(a), a, 2000);
+  ASSERT_EQ(scene.m_setupCode, 0);
+  GenericObjectTracker& t = *scene.m_tracker;
+  double tool[16], truth[16], start[16], pose[16];
+  matrixIdentity(tool, 4);
+  TfromEuler(truth, 150.0, 30.0, 10.0, 5.0, -5.0, 450.0);
+  const double axis[3] = {0, 1, 0}, offset[3] = {2.0, 0.0, 0.0}, zero[6] = {0, 0, 0, 0, 0, 0};
+  zot_test::perturb(truth, axis, 1.0, offset, start);
+  zot_sim::Mesh mesh = zot_test::chamferedBoxMesh();
+  for (double scale : {1.0, 1.03}) {
+    zot_sim::Mesh shown = mesh;
+    for (double& v : shown.vertices) v *= scale;
+    zot_sim::RenderObject o{};
+    o.mesh = &shown;
+    o.faceGrey = zot_test::chamferedBoxGreys();
+    scene.render(truth, {o}, 30, 2, 1.5);
+    const int code = t.poseEstimation(scene.m_imagePtrs, 0.0, tool, start, zero, 0.0, pose, nullptr,
+                                      nullptr, nullptr, true, false, false, false);
+    const double disagreement = t.lastFitQuality().disagreementPx;
+    if (scale == 1.0) {
+      EXPECT_EQ(code, 0);
+      EXPECT_LT(disagreement, 0.1);
+    } else {
+      EXPECT_EQ(code, ZOT_ERR_FINAL_REPROJECTION);
+      EXPECT_GT(disagreement, 0.25);
+    }
   }
 }

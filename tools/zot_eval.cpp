@@ -320,11 +320,11 @@ int main(int argc, char** argv) {
            fixed(f.meanT, 2).c_str(), fixed(f.maxT, 2).c_str(), fixed(f.meanR, 2).c_str(),
            fixed(f.maxR, 2).c_str(), fixed(f.percent, 2).c_str(), f.badFits,
            fixed(f.medianMs, 2).c_str(), fixed(f.p95Ms, 2).c_str());
-    fprintf(csv, "%s,%s,%s,%d,%d,%s,%s,%s,%s,%s,%s,%d,%s,%s,\n", r.scene.c_str(),
-            r.setting.c_str(), r.cameras.c_str(), f.frames, f.tracked, f.failures.c_str(),
-            fixed(f.meanT, 4).c_str(), fixed(f.maxT, 4).c_str(), fixed(f.meanR, 4).c_str(),
-            fixed(f.maxR, 4).c_str(), fixed(f.percent, 3).c_str(), f.badFits,
-            fixed(f.medianMs, 3).c_str(), fixed(f.p95Ms, 3).c_str());
+    fprintf(csv, "%s,%s,%s,%d,%d,%s,%s,%s,%s,%s,%s,%d,%s,%s,\n", r.scene.c_str(), r.setting.c_str(),
+            r.cameras.c_str(), f.frames, f.tracked, f.failures.c_str(), fixed(f.meanT, 4).c_str(),
+            fixed(f.maxT, 4).c_str(), fixed(f.meanR, 4).c_str(), fixed(f.maxR, 4).c_str(),
+            fixed(f.percent, 3).c_str(), f.badFits, fixed(f.medianMs, 3).c_str(),
+            fixed(f.p95Ms, 3).c_str());
   }
   if (fclose(csv) != 0) {
     fprintf(stderr, "zot_eval: cannot write %s\n", csvPath.c_str());

@@ -25,12 +25,12 @@
 #include <string>
 #include <vector>
 
-#include "command_line.h"
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "IO.h"
 #include "Math.h"
 #include "PoolSizes.h"
+#include "command_line.h"
 #include "memory_handling.h"
 #include "overlay.h"
 #include "scene_config.h"
@@ -424,7 +424,9 @@ void writeCsvHeader(FILE* csv, bool matrix, bool withTruth) {
   }
   fprintf(csv, ",wx_deg,wy_deg,wz_deg,vx,vy,vz");
   if (withTruth) fprintf(csv, ",error_translation,error_rotation_deg");
-  fprintf(csv, ",time_ms,undistortion_ms,edges_ms,gauss_newton_ms,inlier_fraction,residual_px\n");
+  fprintf(csv,
+          ",time_ms,undistortion_ms,edges_ms,gauss_newton_ms,inlier_fraction,residual_px,"
+          "disagreement_px\n");
 }
 
 // One row; a failed frame leaves pose, velocity and errors empty. Flushed,
@@ -448,8 +450,9 @@ void writeCsvRow(FILE* csv, const FrameResult& r, const double* pose, const doub
   }
   if (withTruth && r.hasError) fprintf(csv, ",%.6g,%.6g", r.translError, r.rotError);
   if (withTruth && !r.hasError) fprintf(csv, ",,");
-  fprintf(csv, ",%.4f,%.4f,%.4f,%.4f,%.4f,%.4f\n", r.timing.totalMs, r.timing.undistortionMs,
-          r.timing.edgesMs, r.timing.poseUpdateMs, r.quality.inlierFraction, r.quality.residualPx);
+  fprintf(csv, ",%.4f,%.4f,%.4f,%.4f,%.4f,%.4f,%.4f\n", r.timing.totalMs, r.timing.undistortionMs,
+          r.timing.edgesMs, r.timing.poseUpdateMs, r.quality.inlierFraction, r.quality.residualPx,
+          r.quality.disagreementPx);
   fflush(csv);
 }
 
@@ -563,9 +566,9 @@ std::vector<double> readSetupArray(const Options& o) {
   // echo is held back, shown only when the parse fails.
   zot_sim::StdoutCapture echo(o.quiet);
   ZOTtracker::FileParser parser;
-  const int rc = parser.parseAllFiles(o.configDir.c_str(), o.cameraFile.c_str(),
-                                      o.trackerFile.c_str(), o.modelFile.c_str(), count,
-                                      setup.data(), zot_sim::kSetupArrayCapacity);
+  const int rc =
+      parser.parseAllFiles(o.configDir.c_str(), o.cameraFile.c_str(), o.trackerFile.c_str(),
+                           o.modelFile.c_str(), count, setup.data(), zot_sim::kSetupArrayCapacity);
   echo.end(rc != 0);
   if (rc != 0) {
     const char* which = rc == ZOTtracker::ZOT_ERR_CAMERA_PARSER    ? "camera file "
@@ -872,7 +875,8 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
     double t = 0.0, r = 0.0;
     zot_sim::poseError(s.initialPose.data(), s.truth[0].data(), &t, &r);
     char line[160];
-    snprintf(line, sizeof line, "initial pose: %.3f mm / %.3f deg from the first true pose\n", t, r);
+    snprintf(line, sizeof line, "initial pose: %.3f mm / %.3f deg from the first true pose\n", t,
+             r);
     summary += line;
   }
   int status = 0;
@@ -885,10 +889,10 @@ int finish(const Options& o, const Sequence& s, const std::vector<FrameResult>& 
         o.maxTranslPercent ? o.maxTranslError * objectSize / 100.0 : o.maxTranslError;
     char line[256];
     if (e.n > 0 && (e.meanT > limit || e.meanR > o.maxRotError)) {
-      snprintf(
-          line, sizeof line,
-          "ACCURACY LIMITS EXCEEDED: mean errors %.3f mm and %.3f deg, limits %.3f mm and %.3f deg\n",
-          e.meanT, e.meanR, limit, o.maxRotError);
+      snprintf(line, sizeof line,
+               "ACCURACY LIMITS EXCEEDED: mean errors %.3f mm and %.3f deg, limits %.3f mm and "
+               "%.3f deg\n",
+               e.meanT, e.meanR, limit, o.maxRotError);
       if (status == 0) status = kExitAccuracy;
     } else {
       snprintf(line, sizeof line, "accuracy limits met: mean errors within %.3f mm and %.3f deg\n",
