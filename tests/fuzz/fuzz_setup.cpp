@@ -7,10 +7,17 @@
 // 1 timing, 2 verbose, 4 reuse the edge maps, 8 draw the result at the
 // initial pose afterwards. Missing values take defaults: identity tool pose,
 // the object 400 in front of the tool, no velocity, initial time 0, all
-// degrees of freedom, no flags. Numbers may be nan or inf.
-#include <cmath>
-#include <memory>
+// degrees of freedom, no flags. Numbers may be nan or inf. The array is
+// also exported as a header, valid or not.
+#include <unistd.h>
 
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "Math.h"
 #include "fuzz_support.h"
@@ -95,12 +102,34 @@ void runFrames(ZOTtracker::GenericObjectTracker& tracker, const std::vector<std:
   }
 }
 
+// The header export takes whatever array a host holds, valid or not: it
+// must write the count it was given, whatever the values.
+void exportHeader(const std::vector<double>& array) {
+  static std::string dir;
+  if (dir.empty()) {
+    char name[] = "/tmp/zot_fuzz_setup_XXXXXX";
+    if (mkdtemp(name) == nullptr) abort();
+    dir = name;
+    atexit([] { std::filesystem::remove_all(dir); });
+  }
+  ZOTtracker::FileParser().createGlobalArrayHeaderFile(dir.c_str(), (int)array.size(),
+                                                       array.data());
+  FILE* f = fopen((dir + "/global_array_declaration.h").c_str(), "r");
+  if (f == nullptr) abort();
+  int written = -1;
+  if (fscanf(f, "const int setup_global_array_counter = %d;", &written) != 1 ||
+      written != (int)array.size())
+    abort();
+  fclose(f);
+}
+
 }  // namespace
 
 extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
   if (size > 200000) return 0;
   const std::vector<std::string> parts = zot_fuzz::partsOf(data, size);
   const std::vector<double> array = zot_fuzz::numbersOf(parts[0], 50000);
+  if (!array.empty()) exportHeader(array);
   if (!zot_fuzz::reservePoolsFor(array)) return 0;
   {
     auto tracker = std::make_unique<ZOTtracker::GenericObjectTracker>();

@@ -25,6 +25,7 @@ extern "C" int zotFuzzConfig(const uint8_t* data, size_t size);
 extern "C" int zotFuzzSetup(const uint8_t* data, size_t size);
 #ifdef ZOT_FUZZ_MESH
 extern "C" int zotFuzzMesh(const uint8_t* data, size_t size);
+extern "C" int zotFuzzReaders(const uint8_t* data, size_t size);
 #endif
 
 namespace fs = std::filesystem;
@@ -38,7 +39,8 @@ struct Harness {
 const Harness kHarnesses[] = {{"config", zotFuzzConfig},
                               {"setup", zotFuzzSetup},
 #ifdef ZOT_FUZZ_MESH
-                              {"mesh", zotFuzzMesh}
+                              {"mesh", zotFuzzMesh},
+                              {"readers", zotFuzzReaders}
 #endif
 };
 
