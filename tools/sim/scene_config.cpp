@@ -627,6 +627,11 @@ bool parsePose(const std::string& text, Pose& pose, std::string& error) {
     const double aa[6] = {v[3], v[4], v[5], v[0], v[1], v[2]};
     double T[16];
     ZOTtracker::TfromAngleAxis(aa, T);
+    // Its length overflows for rotation vectors near the largest double.
+    if (!std::all_of(T, T + 16, [](double x) { return std::isfinite(x); })) {
+      error = "the rotation vector is too long to make a rotation";
+      return false;
+    }
     std::copy(T, T + 16, pose.begin());
     return true;
   }
