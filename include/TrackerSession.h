@@ -46,9 +46,14 @@ struct TrackResult {
   /// Contour samples of the last Gauss-Newton evaluation over all cameras
   /// and how many of them matched an image edge; filled when the frame
   /// reached the Gauss-Newton loop (code 0 or a loop failure such as -2),
-  /// else 0. They are the only per-frame quality figures the tracker has.
+  /// else 0. With the robust estimator matchedSamples is the sum of the
+  /// samples' weights.
   int samples = 0;
   int matchedSamples = 0;
+  /// The robust estimator's figures of the fit (GenericObjectTracker::
+  /// lastFitQuality()): inlier fraction, inlier residual, camera
+  /// disagreement; all 0 with the designed estimator.
+  FitQuality quality = {};
   FrameStageTimes times = {};  ///< stage times of the frame in milliseconds
 };
 

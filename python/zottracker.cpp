@@ -303,6 +303,18 @@ PYBIND11_MODULE(zottracker, m) {
             return d;
           },
           "stage times of the frame in milliseconds")
+      .def_property_readonly(
+          "quality",
+          [](const Result& r) {
+            py::dict d;
+            d["inlier_fraction"] = r.r.quality.inlierFraction;
+            d["residual_px"] = r.r.quality.residualPx;
+            d["disagreement_px"] = r.r.quality.disagreementPx;
+            d["robust_cost"] = r.r.quality.robustCost;
+            d["iterations"] = r.r.quality.iterations;
+            return d;
+          },
+          "the robust estimator's figures of the fit (all 0 with the designed one)")
       .def("__repr__", [](const Result& r) {
         return "<zottracker.Result " + std::to_string(r.r.code) + " " + r.message + ", " +
                std::to_string(r.r.matchedSamples) + " of " + std::to_string(r.r.samples) +

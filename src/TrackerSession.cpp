@@ -182,6 +182,7 @@ TrackResult TrackerSession::track(const unsigned char* const* images, double tim
                             r.velocity, r.covariance, m_dofMask, m_initialise, false, false, false);
   r.message = errorMessage(r.code);
   r.times = t.lastFrameTimes();
+  r.quality = t.lastFitQuality();
   m_initialise = false;  // a failed first frame still started the track
   if (reachedPoseUpdate(r.code)) {
     const ContourTracker& ct = t.m_contourTracker;

@@ -62,6 +62,9 @@ def test_tracks_a_rendered_sequence_as_the_cpp_host_does(sequence):
             # poses.csv holds ten significant digits
             np.testing.assert_allclose(r.pose.ravel(), cpp, rtol=1e-9, atol=1e-12)
             assert 0 < r.matched_samples <= r.samples
+            # the sequence's tracker file is the robust demo file
+            assert r.quality["inlier_fraction"] == pytest.approx(float(row["inlier_fraction"]), abs=1e-4)
+            assert 0 < r.quality["residual_px"] < 1.2
         overlay = s.draw(0, frame_length=30.0)
         assert overlay.shape == sequence["images"][0].shape + (3,)
         assert overlay.dtype == np.uint8
