@@ -371,6 +371,9 @@ class ContourTracker {
                            double* covariance, const double* const* camTransforms,
                            const double* const* camIntrinsics, const GaussNewtonSettings& s);
   int usableSampleCount(const Multibody& model, int cam) const;
+  /// Slot of model edge `id` in a camera's polarity table (open
+  /// addressing): its own, or with insert the first free one; else -1.
+  static int polaritySlot(const int* keys, int id, bool insert);
 };
 
 }  // namespace ZOTtracker

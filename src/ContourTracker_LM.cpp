@@ -57,12 +57,14 @@ inline double orientationLimit(double maxAngleDeg) {
   return maxAngleDeg > 0.0 ? std::cos(maxAngleDeg * ZOT_PI / 180.0) : 0.0;
 }
 
-// The search of measurement_single_line_nn_Canny on one camera's buffers,
-// with the orientation limit already computed (matchAlongNormals computes it
-// once for all its points).
-bool nearestOrientedEdge(unsigned char* edges, const short* gx, const short* gy, int width,
-                         int height, const int* start, const double* normal, double searchRange,
-                         double cosLimit, int* found) {
+// Walks the search line through start along the normal, both ways up to
+// searchRange pixels on 4-connected lines clipped to the image, one pixel
+// per side in turn, the side against the normal first, and hands each
+// pixel's offset in the image to visit until it returns true. Returns
+// whether it did. Both matchers search this way.
+template <typename Visit>
+bool walkSearchLine(unsigned char* edges, int width, int height, const int* start,
+                    const double* normal, double searchRange, Visit visit) {
   const int x = start[0], y = start[1];
   const double nx = normal[0], ny = normal[1];
   const int endMinus[2] = {roundToPixel(x - nx * searchRange), roundToPixel(y - ny * searchRange)};
@@ -72,34 +74,43 @@ bool nearestOrientedEdge(unsigned char* edges, const short* gx, const short* gy,
   int countPlus = initLineIterator(edges, width, height, 1, start, endPlus, &linePlus, 4, 0);
   if (countMinus < 0) countMinus = 0;
   if (countPlus < 0) countPlus = 0;
-
-  // An edge pixel matches when its gradient is close enough to the normal,
-  // whatever its sign.
-  auto accept = [&](const myLineIterator& it) {
-    const long offset = it.m_ptr - edges;
-    if (edges[offset] == 0) return false;
-    const double dx = gx[offset], dy = gy[offset];
-    const double m = std::sqrt(dx * dx + dy * dy);
-    const double score = m > 0.0 ? std::fabs(nx * dx + ny * dy) / m : 0.0;
-    if (!(score > cosLimit)) return false;
-    found[0] = (int)(offset % width);
-    found[1] = (int)(offset / width);
-    return true;
-  };
-
-  // One pixel per side in turn, the side against the normal first.
   const int steps = countMinus > countPlus ? countMinus : countPlus;
   for (int i = 0; i < steps; i++) {
     if (i < countMinus) {
-      if (accept(lineMinus)) return true;
+      if (visit(lineMinus.m_ptr - edges)) return true;
       if (i + 1 < countMinus) advanceLineIterator(lineMinus);
     }
     if (i < countPlus) {
-      if (accept(linePlus)) return true;
+      if (visit(linePlus.m_ptr - edges)) return true;
       if (i + 1 < countPlus) advanceLineIterator(linePlus);
     }
   }
   return false;
+}
+
+// An edge pixel whose gradient is close enough to the normal, whatever its
+// sign (a zero gradient scores 0).
+inline bool orientedEdge(const unsigned char* edges, const short* gx, const short* gy, long offset,
+                         const double* normal, double cosLimit) {
+  if (edges[offset] == 0) return false;
+  const double dx = gx[offset], dy = gy[offset];
+  const double m = std::sqrt(dx * dx + dy * dy);
+  const double score = m > 0.0 ? std::fabs(normal[0] * dx + normal[1] * dy) / m : 0.0;
+  return score > cosLimit;
+}
+
+// The search of measurement_single_line_nn_Canny on one camera's buffers,
+// with the orientation limit already computed (matchAlongNormals computes it
+// once for all its points).
+bool nearestOrientedEdge(unsigned char* edges, const short* gx, const short* gy, int width,
+                         int height, const int* start, const double* normal, double searchRange,
+                         double cosLimit, int* found) {
+  return walkSearchLine(edges, width, height, start, normal, searchRange, [&](long offset) {
+    if (!orientedEdge(edges, gx, gy, offset, normal, cosLimit)) return false;
+    found[0] = (int)(offset % width);
+    found[1] = (int)(offset / width);
+    return true;
+  });
 }
 
 }  // namespace
@@ -661,6 +672,57 @@ int ContourTracker::matchAlongNormals(const Multibody& model, int cam, double se
       matched[2 * k + 1] = 0.0;
       flags[k] = 0.0;
     }
+  }
+  return 0;
+}
+
+int ContourTracker::matchAlongNormalsRobust(const Multibody& model, int cam, double searchRange,
+                                            double maxAngleDeg, const RobustSettings& r) {
+  if (cam < 0 || cam >= m_nCams) return 0;
+  const int n = usableSamples(model, cam, m_maxSamplePoints);
+  const int width = m_imageWidth[cam], height = m_imageHeight[cam];
+  const double* uv = m_projPoints[cam];
+  const double* normal = m_normals[cam];
+  double* matched = m_matchedPoints[cam];
+  double* flags = m_matchFlags[cam];
+  unsigned char* edges = m_edgeMap[cam];
+  const short* gx = m_gradX[cam];
+  const short* gy = m_gradY[cam];
+  const double cosLimit = orientationLimit(maxAngleDeg);
+  const bool memory = r.polarityMemory != 0 && m_sampleIds[cam] != nullptr;
+
+  for (int k = 0; k < n; k++) {
+    matched[2 * k] = matched[2 * k + 1] = 0.0;
+    flags[k] = 0.0;
+    const int start[2] = {roundToPixel(uv[2 * k]), roundToPixel(uv[2 * k + 1])};
+    if (start[0] < 0 || start[0] >= width || start[1] < 0 || start[1] >= height) continue;
+    const double* nk = normal + 2 * k;
+    double expected = 0.0;
+    if (memory) {
+      const int slot = polaritySlot(m_polarityKeys[cam], m_sampleIds[cam][k], false);
+      if (slot >= 0) expected = m_polarityValues[cam][slot];
+    }
+    // Nearest first; an edge of the remembered polarity wins over a nearer
+    // one of the other, which is kept as the fallback.
+    long chosen = -1, fallback = -1;
+    walkSearchLine(edges, width, height, start, nk, searchRange, [&](long offset) {
+      if (!orientedEdge(edges, gx, gy, offset, nk, cosLimit)) return false;
+      const double along = nk[0] * gx[offset] + nk[1] * gy[offset];
+      if (expected == 0.0 || (along > 0.0) == (expected > 0.0)) {
+        chosen = offset;
+        return true;
+      }
+      if (fallback < 0) fallback = offset;
+      return false;
+    });
+    if (chosen < 0) chosen = fallback;
+    if (chosen < 0) continue;
+    double refined[2];
+    refineEdgeSubpixel(gx, gy, width, height, (int)(chosen % width), (int)(chosen / width),
+                       refined);
+    matched[2 * k] = refined[0];
+    matched[2 * k + 1] = refined[1];
+    flags[k] = 1.0;
   }
   return 0;
 }

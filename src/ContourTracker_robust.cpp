@@ -1,8 +1,8 @@
-// The robust estimator of the contour tracker: image-driven Canny thresholds,
-// matching with sub-pixel edges and polarity memory, M-estimator weights
-// with a re-estimated scale, and its Gauss-Newton loop with convergence in
-// pixels. The designed estimator (ContourTracker_LM.cpp) does not call any of
-// it.
+// The robust estimator of the contour tracker: sub-pixel edges,
+// image-driven Canny thresholds, the polarity memory, M-estimator weights
+// with a re-estimated scale and the cameras' agreement. Its matcher and its
+// Gauss-Newton loop live beside the designed ones (ContourTracker_LM.cpp),
+// which call none of this.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -91,18 +91,6 @@ inline double magnitudeAt(const short* gx, const short* gy, long i) {
   return std::sqrt(x * x + y * y);
 }
 
-// Slot of edge `id` in a camera's polarity table (open addressing), or -1.
-int polaritySlot(const int* keys, int id, bool insert) {
-  const uint32_t mask = ZOT_POLARITY_SLOTS - 1;
-  uint32_t h = ((uint32_t)id * 2654435761u) >> 7;
-  for (int probe = 0; probe < ZOT_POLARITY_SLOTS; probe++, h++) {
-    const int slot = (int)(h & mask);
-    if (keys[slot] == id + 1) return slot;
-    if (keys[slot] == 0) return insert ? slot : -1;
-  }
-  return -1;
-}
-
 }  // namespace
 
 bool refineEdgeSubpixel(const short* gx, const short* gy, int width, int height, int x, int y,
@@ -187,72 +175,18 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
   return 0;
 }
 
-// ================================================================ matching
+// ================================================================ polarity memory
 
-int ContourTracker::matchAlongNormalsRobust(const Multibody& model, int cam, double searchRange,
-                                            double maxAngleDeg, const RobustSettings& r) {
-  if (cam < 0 || cam >= m_nCams) return 0;
-  const int n = usableSampleCount(model, cam);
-  const int width = m_imageWidth[cam], height = m_imageHeight[cam];
-  const double* uv = m_projPoints[cam];
-  const double* normal = m_normals[cam];
-  double* matched = m_matchedPoints[cam];
-  double* flags = m_matchFlags[cam];
-  unsigned char* edges = m_edgeMap[cam];
-  const short* gx = m_gradX[cam];
-  const short* gy = m_gradY[cam];
-  const double cosLimit = maxAngleDeg > 0.0 ? std::cos(maxAngleDeg * ZOT_PI / 180.0) : 0.0;
-  const bool memory = r.polarityMemory != 0 && m_sampleIds[cam] != nullptr;
-
-  for (int k = 0; k < n; k++) {
-    matched[2 * k] = matched[2 * k + 1] = 0.0;
-    flags[k] = 0.0;
-    const int start[2] = {roundToPixel(uv[2 * k]), roundToPixel(uv[2 * k + 1])};
-    if (start[0] < 0 || start[0] >= width || start[1] < 0 || start[1] >= height) continue;
-    const double nx = normal[2 * k], ny = normal[2 * k + 1];
-    double expected = 0.0;
-    if (memory) {
-      const int slot = polaritySlot(m_polarityKeys[cam], m_sampleIds[cam][k], false);
-      if (slot >= 0) expected = m_polarityValues[cam][slot];
-    }
-    const int endMinus[2] = {roundToPixel(start[0] - nx * searchRange),
-                             roundToPixel(start[1] - ny * searchRange)};
-    const int endPlus[2] = {roundToPixel(start[0] + nx * searchRange),
-                            roundToPixel(start[1] + ny * searchRange)};
-    myLineIterator lines[2];
-    int counts[2] = {initLineIterator(edges, width, height, 1, start, endMinus, &lines[0], 4, 0),
-                     initLineIterator(edges, width, height, 1, start, endPlus, &lines[1], 4, 0)};
-    // Nearest first, both sides in turn; an edge of the remembered polarity
-    // wins over a nearer one of the other, which is kept as the fallback.
-    long chosen = -1, fallback = -1;
-    const int steps = counts[0] > counts[1] ? counts[0] : counts[1];
-    for (int i = 0; i < steps && chosen < 0; i++) {
-      for (int side = 0; side < 2 && chosen < 0; side++) {
-        if (i >= counts[side]) continue;
-        const long offset = lines[side].m_ptr - edges;
-        if (i + 1 < counts[side]) advanceLineIterator(lines[side]);
-        if (edges[offset] == 0) continue;
-        const double along = nx * gx[offset] + ny * gy[offset];
-        const double m =
-            std::sqrt((double)gx[offset] * gx[offset] + (double)gy[offset] * gy[offset]);
-        if (!(m > 0.0 && std::fabs(along) / m > cosLimit)) continue;
-        if (expected == 0.0 || (along > 0.0) == (expected > 0.0)) {
-          chosen = offset;
-        } else if (fallback < 0) {
-          fallback = offset;
-        }
-      }
-    }
-    if (chosen < 0) chosen = fallback;
-    if (chosen < 0) continue;
-    double refined[2];
-    refineEdgeSubpixel(gx, gy, width, height, (int)(chosen % width), (int)(chosen / width),
-                       refined);
-    matched[2 * k] = refined[0];
-    matched[2 * k + 1] = refined[1];
-    flags[k] = 1.0;
+// Slot of edge `id` in a camera's polarity table (open addressing), or -1.
+int ContourTracker::polaritySlot(const int* keys, int id, bool insert) {
+  const uint32_t mask = ZOT_POLARITY_SLOTS - 1;
+  uint32_t h = ((uint32_t)id * 2654435761u) >> 7;
+  for (int probe = 0; probe < ZOT_POLARITY_SLOTS; probe++, h++) {
+    const int slot = (int)(h & mask);
+    if (keys[slot] == id + 1) return slot;
+    if (keys[slot] == 0) return insert ? slot : -1;
   }
-  return 0;
+  return -1;
 }
 
 void ContourTracker::rememberPolarity(const Multibody& model) {
