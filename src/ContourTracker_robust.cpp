@@ -271,8 +271,9 @@ double ContourTracker::reweight(const RobustSettings& r, double searchRange) {
   const double binWidth = (searchRange > 0.0 ? searchRange : 1.0) / kScaleBins;
   for (int i = 0; i < m_nTotalPoints; i++) {
     if (m_inlierWeights[i] == 0.0) continue;
-    int bin = (int)(std::fabs(m_residuals[i]) / binWidth);
-    histogram[bin < kScaleBins ? bin : kScaleBins - 1]++;
+    // Compared as a double first: a huge or non-finite residual has no int.
+    const double at = std::fabs(m_residuals[i]) / binWidth;
+    histogram[at < kScaleBins ? (int)at : kScaleBins - 1]++;
     matched++;
   }
   double median = 0.0;

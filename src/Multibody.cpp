@@ -204,7 +204,7 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
   }
   // Clamped in double first: a far-off projection must not overflow an int.
   auto clampTo = [](double v, int most) {
-    return v < -1.0 ? -1 : v > most + 1.0 ? most + 1 : (int)std::floor(v);
+    return !(v >= -1.0) ? -1 : v > most + 1.0 ? most + 1 : (int)std::floor(v);
   };
   region[0] = clampTo(lo[0] - grow, width - 1);
   region[1] = clampTo(lo[1] - grow, height - 1);
