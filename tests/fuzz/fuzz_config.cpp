@@ -4,46 +4,21 @@
 // p.txt and l.txt. They are parsed into a bounded setup array, which is
 // exported as a header, and a tracker is set up from it in pools of exactly
 // the computed sizes.
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <memory>
 
 #include "FileParser.h"
 #include "GenericObjectTracker.h"
 #include "fuzz_support.h"
 
-namespace {
-
-// One scratch directory per process for the five files.
-const std::string& scratchDirectory() {
-  static std::string dir;
-  if (dir.empty()) {
-    char name[] = "/tmp/zot_fuzz_config_XXXXXX";
-    if (mkdtemp(name) == nullptr) abort();
-    dir = name;
-    atexit([] { std::filesystem::remove_all(dir); });
-  }
-  return dir;
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) abort();
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
-}
-
-}  // namespace
-
 extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
   if (size > 20000) return 0;
   const std::vector<std::string> parts = zot_fuzz::partsOf(data, size);
   const char* names[5] = {"c.txt", "t.txt", "m.txt", "p.txt", "l.txt"};
-  const std::string& dir = scratchDirectory();
-  for (int i = 0; i < 5; i++)
-    writeFile(dir + "/" + names[i], i < (int)parts.size() ? parts[i] : std::string());
+  const std::string& dir = zot_fuzz::scratchDirectory();
+  for (int i = 0; i < 5; i++) {
+    const std::string text = i < (int)parts.size() ? parts[i] : std::string();
+    zot_fuzz::writeFile(dir + "/" + names[i], text.data(), text.size());
+  }
 
   std::vector<double> array(20000);
   int count = 0;

@@ -4,11 +4,9 @@
 // rest is the file. The tool's own main runs in this process: its failures
 // end in exit(), which the link redirects (-Wl,--wrap=exit) into an exception
 // while the tool runs, so that a refused input returns here.
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -26,6 +24,8 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#include "fuzz_support.h"
+
 #define main zotMesh2polyMain
 #include "../../tools/zot_mesh2poly.cpp"
 #undef main
@@ -40,17 +40,6 @@ bool g_inTool = false;
 struct ToolExit {
   int status;
 };
-
-const std::string& meshScratchDirectory() {
-  static std::string dir;
-  if (dir.empty()) {
-    char name[] = "/tmp/zot_fuzz_mesh_XXXXXX";
-    if (mkdtemp(name) == nullptr) abort();
-    dir = name;
-    atexit([] { std::filesystem::remove_all(dir); });
-  }
-  return dir;
-}
 
 }  // namespace
 
@@ -68,7 +57,7 @@ extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
   std::vector<std::string> args;
   std::string format, word;
   head >> format;
-  const std::string dir = meshScratchDirectory();
+  const std::string dir = zot_fuzz::scratchDirectory();
   const std::string input = dir + (format == "stl" ? "/in.stl" : "/in.obj");
   const std::string output = dir + "/out.txt";
   args.push_back("zot_mesh2poly");
@@ -76,10 +65,8 @@ extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
   while (head >> word && args.size() < 10) args.push_back(word);
   args.push_back(input);
   args.push_back(output);
-  {
-    std::ofstream file(input, std::ios::binary);
-    if (eol != std::string::npos) file << all.substr(eol + 1);
-  }
+  const std::string file = eol != std::string::npos ? all.substr(eol + 1) : std::string();
+  zot_fuzz::writeFile(input, file.data(), file.size());
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);

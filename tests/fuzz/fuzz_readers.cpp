@@ -3,40 +3,17 @@
 // line; odd: a time-stamp file of one number a line), the rest is the file.
 // A file that reads must give finite poses with the last row 0 0 0 1, and
 // the same values when read again.
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "fuzz_support.h"
 #include "scene_config.h"
 
-namespace {
-
-const std::string& readersScratchFile() {
-  static std::string path;
-  if (path.empty()) {
-    char name[] = "/tmp/zot_fuzz_readers_XXXXXX";
-    if (mkdtemp(name) == nullptr) abort();
-    path = std::string(name) + "/sequence.txt";
-    static const std::string dir = name;
-    atexit([] { std::filesystem::remove_all(dir); });
-  }
-  return path;
-}
-
-}  // namespace
-
 extern "C" int ZOT_FUZZ_ENTRY(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  const std::string& path = readersScratchFile();
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) abort();
-  fwrite(data + 1, 1, size - 1, f);
-  fclose(f);
+  const std::string path = zot_fuzz::scratchDirectory() + "/sequence.txt";
+  zot_fuzz::writeFile(path, data + 1, size - 1);
   std::string error;
   if (data[0] % 2 == 0) {
     std::vector<zot_sim::Pose> poses, again;

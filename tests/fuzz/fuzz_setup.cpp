@@ -9,11 +9,8 @@
 // the object 400 in front of the tool, no velocity, initial time 0, all
 // degrees of freedom, no flags. Numbers may be nan or inf. The array is
 // also exported as a header, valid or not.
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -105,13 +102,7 @@ void runFrames(ZOTtracker::GenericObjectTracker& tracker, const std::vector<std:
 // The header export takes whatever array a host holds, valid or not: it
 // must write the count it was given, whatever the values.
 void exportHeader(const std::vector<double>& array) {
-  static std::string dir;
-  if (dir.empty()) {
-    char name[] = "/tmp/zot_fuzz_setup_XXXXXX";
-    if (mkdtemp(name) == nullptr) abort();
-    dir = name;
-    atexit([] { std::filesystem::remove_all(dir); });
-  }
+  const std::string& dir = zot_fuzz::scratchDirectory();
   ZOTtracker::FileParser().createGlobalArrayHeaderFile(dir.c_str(), (int)array.size(),
                                                        array.data());
   FILE* f = fopen((dir + "/global_array_declaration.h").c_str(), "r");

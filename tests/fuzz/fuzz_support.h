@@ -3,10 +3,14 @@
 // check of the pools before they are released, and the entry-point naming.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -20,6 +24,27 @@
 #endif
 
 namespace zot_fuzz {
+
+// One scratch directory per process for the files the harnesses write,
+// removed at exit.
+inline const std::string& scratchDirectory() {
+  static std::string dir;
+  if (dir.empty()) {
+    char name[] = "/tmp/zot_fuzz_XXXXXX";
+    if (mkdtemp(name) == nullptr) abort();
+    dir = name;
+    atexit([] { std::filesystem::remove_all(dir); });
+  }
+  return dir;
+}
+
+// Writes size bytes to path; a scratch file that cannot be written ends the run.
+inline void writeFile(const std::string& path, const void* data, size_t size) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f == nullptr) abort();
+  fwrite(data, 1, size, f);
+  fclose(f);
+}
 
 // Inputs whose pools would exceed this are skipped: they test nothing the
 // small ones do not, and they slow the search down.
