@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "ContourTracker.h"
-#include "FileParser.h"
 #include "IO.h"
 #include "Imgproc.h"
 #include "Math.h"
@@ -123,24 +122,9 @@ namespace {
 
 // The extension block of data/tracker_demo.txt's items.
 std::vector<double> demoExtensions() {
-  return {ZOT_EXTENSION_MARKER,
-          1,
-          15,
-          1,
-          0,
-          0,
-          0.3,
-          0.1,
-          1,
-          0.3,
-          0.5,
-          10,
-          0.05,
-          0.01,
-          60,
-          0.4,
-          1.2,
-          0.2};
+  std::vector<double> block = {1, 0, 0, 0.3, 0.1, 1, 0.3, 0.5, 10, 0.05, 0.01, 60, 0.55, 1.2, 0.2};
+  block.insert(block.begin(), {ZOT_EXTENSION_MARKER, 1, 15});
+  return block;
 }
 
 }  // namespace
@@ -149,15 +133,9 @@ std::vector<double> demoExtensions() {
 // configure the robust estimator; a bad block is refused with one line and
 // leaves no camera working.
 TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
-  std::vector<double> array(400);
-  int count = 0;
-  FileParser parser;
-  CaptureStdout();
-  ASSERT_EQ(parser.parseAllFiles(ZOT_DATA_DIR, "camera_mono.txt", "tracker_demo.txt",
-                                 "model_chamfered_box.txt", count, array.data(), 400),
-            0);
-  GetCapturedStdout();
-  array.resize(count);
+  std::vector<double> array =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt", "tracker_demo.txt");
+  const int count = (int)array.size();
   const std::vector<double> block = demoExtensions();
   ASSERT_GT(count, (int)block.size());
   EXPECT_TRUE(std::equal(block.begin(), block.end(), array.end() - block.size()));
@@ -212,20 +190,9 @@ TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
 // coarse-to-fine recovery finds it, within three frames, without allocating.
 TEST(RobustEstimation, AfterAStallTheObjectIsFoundAgainWithinThreeFrames) {
   const zot_sim::Mesh mesh = zot_test::chamferedBoxMesh();
-  zot_test::SetupCamera cam;
-  cam.width = 640;
-  cam.height = 480;
-  cam.fx = cam.fy = 600.0;
-  cam.cx = 319.5;
-  cam.cy = 239.5;
-  GenericObjectTracker::TrackingParameters p = zot_test::convergingParameters();
-  p.m_maxNSamplePointsPerCam = 2000;
-  p.m_searchRange = 12;
-  p.m_maxIterations = 30;
-  std::vector<double> setup = zot_test::oneBodySetup({cam}, p, mesh);
-  const std::vector<double> block = demoExtensions();
-  setup.insert(setup.end(), block.begin(), block.end());
-  zot_test::TrackerScene scene({cam}, setup, 2000);
+  const std::vector<double> setup =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt", "tracker_demo.txt");
+  zot_test::TrackerScene scene(zot_test::camerasOfSetupArray(setup), setup, 2000);
   ASSERT_EQ(scene.m_setupCode, 0);
   GenericObjectTracker& t = *scene.m_tracker;
 
