@@ -28,6 +28,10 @@ const char* correlateEdgesOutputPath();
 /// whose polarity is remembered, at most half of them for short probes.
 constexpr int ZOT_POLARITY_SLOTS = 1024;
 
+/// Least side of a region of interest, in pixels (where the image is that
+/// large): 32 x 32 = 1024 pixels is the least Canny works on.
+constexpr int ZOT_MIN_REGION_SIDE = 32;
+
 /// Sub-pixel position of the edge through pixel (x, y): the vertex of the
 /// parabola through the gradient magnitude (Euclidean, from the Sobel
 /// derivatives gx, gy of a width x height image) at the pixel and at its two
@@ -56,12 +60,13 @@ struct CostSettings {
       nullptr;  ///< enabled: robust matching (see matchAlongNormalsRobust)
 };
 
-/// The robust estimator, an opt-in alternative to the designed one (nearest
-/// Canny pixel, 0/1 weights, convergence on the update's size). These are
-/// the tracker file's extension items in their order (format version
-/// ZOT_EXTENSION_VERSION, see SetupArray.h); the constructor sets the mode
-/// off and every other field to the value data/README.md gives as its
-/// default. Lengths are in pixels.
+/// The tracker file's extension items in their order (format version
+/// ZOT_EXTENSION_VERSION, see SetupArray.h): the robust estimator, an
+/// opt-in alternative to the designed one (nearest Canny pixel, 0/1
+/// weights, convergence on the update's size), then the region of interest
+/// and the pixel-based re-sampling, which work with either estimator. The
+/// constructor switches every mode off and sets every other field to the
+/// value data/README.md gives as its default. Lengths are in pixels.
 struct RobustSettings {
   RobustSettings();
   int enabled;               ///< 1: the robust estimator; 0: the designed one
@@ -79,6 +84,13 @@ struct RobustSettings {
   double minInlierFraction;  ///< a fit with fewer inliers (of all samples) is lost
   double maxResidualPx;      ///< a fit whose inliers' RMS residual is larger is lost
   double maxDisagreementPx;  ///< a fit whose cameras disagree by more is lost (0: no test)
+  /// 1: undistortion, Sobel and Canny only inside each camera's region of
+  /// interest (GenericObjectTracker::imageRegions); edges outside are empty.
+  int regionOfInterest;
+  double regionMarginPx;  ///< room of the region beyond the search range, for the fit's moves
+  /// > 0: re-sample the contour once the samples may have moved this far
+  /// since the last sampling, instead of the rotation and translation limits.
+  double resamplePx;
 };
 
 /// Per-fit figures of the robust estimator (all 0 for the designed one).
@@ -149,6 +161,23 @@ class ContourTracker {
   /// their previous maps. Returns 0, or the edge detector's code (-16) at the
   /// first camera that fails, leaving the later cameras untouched.
   int edgeDetect(const unsigned char* const* images, int cannyThreshold1, int cannyThreshold2);
+
+  /// Region of interest: for every enabled camera, Sobel and Canny of
+  /// images[c] inside regions[c] only (x0, y0, x1, y1 inclusive; clipped to
+  /// the image and widened to at least ZOT_MIN_REGION_SIDE pixels a side
+  /// where the image allows), with the thresholds cannyLow and cannyHigh,
+  /// or, with `adaptive`, those edgeDetectAdaptive takes from that region.
+  /// The edge map is left empty elsewhere, and in the outer
+  /// ZOT_REGION_BORDER pixels of the region where it lies inside the image
+  /// (myCannyRegion): a search line finds no edge outside, and every edge
+  /// pixel has fresh derivatives around it. Further in, derivatives and
+  /// edges equal those of the whole image, but for weak edges that Canny's
+  /// hysteresis would have connected through the outside. Work is
+  /// proportional to the region, plus the clearing of the previous one. A null or empty region
+  /// (nothing of the model in view) leaves the camera without edges. Returns 0 or the edge
+  /// detector's code (-16).
+  int edgeDetectRegions(const unsigned char* const* images, const int* const* regions, int cannyLow,
+                        int cannyHigh, const RobustSettings* adaptive);
 
   /// Gauss-Newton refinement of pose (object in the reference frame, in/out)
   /// against the current edge maps. Each iteration samples the visible
@@ -358,7 +387,11 @@ class ContourTracker {
   int* m_polarityKeys[ZOT_MAX_CAMERAS];  ///< robust: edge id + 1 per slot, 0 empty
   double* m_polarityValues[ZOT_MAX_CAMERAS];     ///< robust: sum of +-1 polarities per slot
   double m_cannyThresholds[ZOT_MAX_CAMERAS][2];  ///< low, high of the last adaptive detection
-  FitQuality m_quality;                          ///< robust: figures of the last fit
+  /// Window of the last edge detection per camera (x0, y0, x1, y1; x0 > x1:
+  /// none): the whole image after edgeDetect, the region after
+  /// edgeDetectRegions. Only there can the edge map hold edges.
+  int m_edgeWindow[ZOT_MAX_CAMERAS][4];
+  FitQuality m_quality;  ///< robust: figures of the last fit
 
  private:
   // Steps of the cost evaluation and the Gauss-Newton loop.
@@ -371,6 +404,9 @@ class ContourTracker {
                            double* covariance, const double* const* camTransforms,
                            const double* const* camIntrinsics, const GaussNewtonSettings& s);
   int usableSampleCount(const Multibody& model, int cam) const;
+  /// Canny thresholds of camera c from its Sobel derivatives over window
+  /// (x0, y0, x1, y1, inside the image), into m_cannyThresholds[c].
+  void adaptiveThresholds(int c, const int* window, const RobustSettings& r);
   /// Slot of model edge `id` in a camera's polarity table (open
   /// addressing): its own, or with insert the first free one; else -1.
   static int polaritySlot(const int* keys, int id, bool insert);

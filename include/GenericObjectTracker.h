@@ -247,7 +247,16 @@ class GenericObjectTracker {
   int* m_undistTable4[ZOT_MAX_CAMERAS];     ///< weight w11
   int* m_undistTable5[ZOT_MAX_CAMERAS];     ///< source index
   int m_undistort[ZOT_MAX_CAMERAS];         ///< 1 when a distortion coefficient is non-zero
-  unsigned char* m_undistortedImage[ZOT_MAX_CAMERAS];  ///< current frame, input of the edges
+  /// Current frame, input of the edges. With the region of interest only
+  /// the pixels of m_imageRegion are of this frame; a host that wants the
+  /// whole image (an overlay) calls undistortAllImages first.
+  unsigned char* m_undistortedImage[ZOT_MAX_CAMERAS];
+  /// Region of interest of the last frame per camera (x0, y0, x1, y1
+  /// inclusive, inside the image; x0 > x1 when the model is not in view):
+  /// where the model's vertices project at the predicted pose, grown by the
+  /// search range and the region margin (and by the recovery range while a
+  /// recovery searches). Meaningful only with the region of interest on.
+  int m_imageRegion[ZOT_MAX_CAMERAS][4];
   ContourTracker m_contourTracker;
   Multibody m_multibody;
   TrackingParameters m_trackingParams;
@@ -270,8 +279,17 @@ class GenericObjectTracker {
   int recoverPose(const double* predicted, const double* toolInverse, double* pose,
                   double* covariance, const double* dofMask, int failure, bool timing, bool display,
                   bool verbose);
-  /// Edge detection of the frame: fixed or image-driven thresholds.
+  /// Edge detection of the frame: fixed or image-driven thresholds, on the
+  /// whole images or, with the region of interest, in m_imageRegion.
   int detectEdges(const double* predicted);
+  /// Region of interest: m_imageRegion of every camera from the predicted
+  /// pose (tool frame), grown by `grow` pixels.
+  void computeImageRegions(const double* predicted, double grow);
+  /// The frame's undistortion and edges, timed into m_lastFrameTimes (added
+  /// to what the frame spent already); with the region of interest inside
+  /// regions grown by `grow`. Returns 0 or the first failing step's code.
+  int prepareImages(const unsigned char* const* images, const double* predicted, double grow,
+                    bool timing);
   /// poseEstimation without the call's own timing (same arguments, result).
   int estimateFrame(const unsigned char* const* images, double time, const double* toolPose,
                     const double* initPose, const double* initVelocity, double initTime,

@@ -59,6 +59,40 @@ int CannyAndSobel(const unsigned char* src, short* dx, short* dy, unsigned char*
                   unsigned char** stack, short* tmp, int width, int height, int lowThreshold,
                   int highThreshold);
 
+/// Regions: x0, y0, x1, y1 of a pixel rectangle, corners included. The
+/// region functions below clip it to the image first and work on that
+/// window alone, through the same kernels as the whole-image functions, as
+/// if the window were an image of its own whose rows lie width pixels apart:
+/// nothing outside it is read or written.
+
+/// Clips region to the width x height image into clipped (4 ints). Returns
+/// false, with clipped undefined, for a null region or an empty result.
+bool clipRegion(const int* region, int width, int height, int* clipped);
+
+/// mySobel on the window `region` of src into the same pixels of dx and dy
+/// (mirrored at the window's borders). tmp: 2 * window pixels shorts. Writes
+/// nothing for an empty window or null pointers. Returns 0.
+int mySobelRegion(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
+                  const int* region);
+
+/// Pixels at the sides of a region that lie inside the image (not on its
+/// border) where myCannyRegion finds no edge: there the window's mirrored
+/// borders, not the image, would decide.
+constexpr int ZOT_REGION_BORDER = 2;
+
+/// myCanny on the window `region` of dx, dy into the same pixels of edges,
+/// its stack budget following the window's pixel count. The outer
+/// ZOT_REGION_BORDER rows and columns of the window's sides inside the
+/// image are never edges and connect nothing. So every edge found is an
+/// edge of myCanny on the whole image, and an edge of the whole image
+/// further in is found unless its hysteresis ran through the outside (a
+/// weak edge whose strong one lies outside). Returns 0, or ZOT_ERR_CANNY
+/// with the message for an empty window and myCanny's failures (a window of
+/// fewer than 1024 pixels among them).
+int myCannyRegion(const short* dx, const short* dy, unsigned char* edges, int* buffer,
+                  unsigned char** stack, int width, int height, const int* region,
+                  double lowThreshold, double highThreshold);
+
 // ================================================================ lens undistortion
 /// Distortion coefficients are (k1, k2, p1, p2, k3); camera matrices 3 x 3
 /// row-major [fx s cx; 0 fy cy; 0 0 1]. Maps and tables are width x height,
@@ -93,6 +127,12 @@ int initUndistortionTables(const double* mapX, const double* mapY, int* w00, int
 void undistortImageFromTables(const unsigned char* src, unsigned char* dst, const int* w00,
                               const int* w10, const int* w01, const int* w11, const int* index,
                               int width, int height);
+
+/// undistortImageFromTables on the pixels of `region` alone; the others of
+/// dst keep their values. Writes nothing for an empty region or null pointers.
+void undistortImageRegionFromTables(const unsigned char* src, unsigned char* dst, const int* w00,
+                                    const int* w10, const int* w01, const int* w11,
+                                    const int* index, int width, int height, const int* region);
 
 // ================================================================ frustum clipping and
 /// depth-tested fill Geometric kernels of the visible-contour sampler: the camera's viewing frustum

@@ -77,6 +77,8 @@ ContourTracker::ContourTracker()
     m_polarityKeys[c] = nullptr;
     m_polarityValues[c] = nullptr;
     m_cannyThresholds[c][0] = m_cannyThresholds[c][1] = 0.0;
+    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
+    m_edgeWindow[c][2] = m_edgeWindow[c][3] = -1;
   }
   m_quality = FitQuality{};
 }
@@ -137,6 +139,10 @@ void ContourTracker::init(const int* imageWidths, const int* imageHeights, const
     if (m_imageWidth[c] > maxWidth) maxWidth = m_imageWidth[c];
     if (m_imageHeight[c] > maxHeight) maxHeight = m_imageHeight[c];
     m_camEnabled[c] = 1;
+    // Fresh pool memory may hold anything: the first region clears it all.
+    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
+    m_edgeWindow[c][2] = m_imageWidth[c] - 1;
+    m_edgeWindow[c][3] = m_imageHeight[c] - 1;
   }
   // The robust estimator's buffers belong to the previous set-up, if any.
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
@@ -165,8 +171,59 @@ int ContourTracker::edgeDetect(const unsigned char* const* images, int cannyThre
                                    m_cannyStack, m_cannyShortWork, m_imageWidth[c],
                                    m_imageHeight[c], cannyThreshold1, cannyThreshold2);
     if (code != 0) return code;
+    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
+    m_edgeWindow[c][2] = m_imageWidth[c] - 1;
+    m_edgeWindow[c][3] = m_imageHeight[c] - 1;
   }
   if (kTimeEdgeDetection) showElapsed("Canny", start, getTickCount());
+  return 0;
+}
+
+namespace {
+
+// Zeroes bytes x0..x1 of rows y0..y1 of a width-wide image.
+void clearWindow(unsigned char* image, int width, int x0, int y0, int x1, int y1) {
+  if (x0 > x1) return;
+  for (int y = y0; y <= y1; y++) memset(image + (size_t)y * width + x0, 0, x1 - x0 + 1);
+}
+
+// Widens [lo, hi] to at least `side` values inside 0..size-1 where size allows.
+void widenRange(int& lo, int& hi, int side, int size) {
+  const int missing = side - (hi - lo + 1);
+  if (missing <= 0) return;
+  lo -= missing / 2;
+  hi += missing - missing / 2;
+  if (lo < 0) hi -= lo, lo = 0;
+  if (hi > size - 1) lo -= hi - (size - 1), hi = size - 1;
+  if (lo < 0) lo = 0;
+}
+
+}  // namespace
+
+int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const int* const* regions,
+                                      int cannyLow, int cannyHigh, const RobustSettings* adaptive) {
+  for (int c = 0; c < m_nCams; c++) {
+    if (!m_camEnabled[c]) continue;
+    const int width = m_imageWidth[c], height = m_imageHeight[c];
+    int* window = m_edgeWindow[c];
+    clearWindow(m_edgeMap[c], width, window[0], window[1], window[2], window[3]);
+    window[2] = -1;  // no edges until this detection succeeds
+    int r[4];
+    if (regions == nullptr || !clipRegion(regions[c], width, height, r)) continue;
+    widenRange(r[0], r[2], ZOT_MIN_REGION_SIDE, width);
+    widenRange(r[1], r[3], ZOT_MIN_REGION_SIDE, height);
+    mySobelRegion(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height, r);
+    double low = cannyLow, high = cannyHigh;
+    if (adaptive != nullptr) {
+      adaptiveThresholds(c, r, *adaptive);
+      low = m_cannyThresholds[c][0];
+      high = m_cannyThresholds[c][1];
+    }
+    const int code = myCannyRegion(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork,
+                                   m_cannyStack, width, height, r, low, high);
+    if (code != 0) return code;
+    for (int i = 0; i < 4; i++) window[i] = r[i];
+  }
   return 0;
 }
 

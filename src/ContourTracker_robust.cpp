@@ -31,7 +31,10 @@ RobustSettings::RobustSettings()
       recoveryRangePx(0.0),
       minInlierFraction(0.4),
       maxResidualPx(1.5),
-      maxDisagreementPx(0.2) {}
+      maxDisagreementPx(0.2),
+      regionOfInterest(0),
+      regionMarginPx(8.0),
+      resamplePx(0.0) {}
 
 namespace {
 
@@ -136,43 +139,56 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
     if (!m_camEnabled[c]) continue;
     const int width = m_imageWidth[c], height = m_imageHeight[c];
     mySobel(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height);
-    // The gradient's distribution where the object can be: its strongest
-    // edges set the scale, so that faint footage gets low thresholds.
-    int x0 = 0, y0 = 0, x1 = width - 1, y1 = height - 1;
-    if (regions != nullptr && regions[c] != nullptr) {
-      x0 = regions[c][0] > 0 ? regions[c][0] : 0;
-      y0 = regions[c][1] > 0 ? regions[c][1] : 0;
-      x1 = regions[c][2] < width - 1 ? regions[c][2] : width - 1;
-      y1 = regions[c][3] < height - 1 ? regions[c][3] : height - 1;
-      if (x1 < x0 || y1 < y0) x0 = 0, y0 = 0, x1 = width - 1, y1 = height - 1;
+    int window[4] = {0, 0, width - 1, height - 1};
+    if (regions == nullptr || !clipRegion(regions[c], width, height, window)) {
+      window[0] = window[1] = 0;
+      window[2] = width - 1;
+      window[3] = height - 1;
     }
-    int histogram[kMagnitudeBins] = {0};
-    for (int y = y0; y <= y1; y++) {
-      const short* dx = m_gradX[c] + (long)y * width;
-      const short* dy = m_gradY[c] + (long)y * width;
-      for (int x = x0; x <= x1; x++) {
-        int m = std::abs(dx[x]) + std::abs(dy[x]);
-        histogram[m < kMagnitudeBins ? m : kMagnitudeBins - 1]++;
-      }
-    }
-    const long total = (long)(x1 - x0 + 1) * (y1 - y0 + 1);
-    long above = 0;
-    int robustMax = kMagnitudeBins - 1;
-    while (robustMax > 0 && above + histogram[robustMax] <= kRobustMaxShare * total) {
-      above += histogram[robustMax];
-      robustMax--;
-    }
-    double high = r.cannyAutoRatio * robustMax;
-    double low = r.cannyLowRatio * high;
-    if (low < r.cannyFloor) low = r.cannyFloor;
-    if (high < low) high = low;
-    m_cannyThresholds[c][0] = low;
-    m_cannyThresholds[c][1] = high;
+    adaptiveThresholds(c, window, r);
     const int code = myCanny(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork, m_cannyStack,
-                             width, height, low, high);
+                             width, height, m_cannyThresholds[c][0], m_cannyThresholds[c][1]);
     if (code != 0) return code;
+    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
+    m_edgeWindow[c][2] = width - 1;
+    m_edgeWindow[c][3] = height - 1;
   }
   return 0;
+}
+
+void ContourTracker::adaptiveThresholds(int c, const int* window, const RobustSettings& r) {
+  // The gradient's distribution where the object can be: its strongest
+  // edges set the scale, so that faint footage gets low thresholds.
+  const int width = m_imageWidth[c];
+  // Four histograms for neighbouring pixels, summed at the end: runs of
+  // equal magnitudes (flat image) would otherwise wait on one counter.
+  int histograms[4][kMagnitudeBins] = {};
+  int* histogram = histograms[0];
+  auto bin = [](int m) { return m < kMagnitudeBins ? m : kMagnitudeBins - 1; };
+  for (int y = window[1]; y <= window[3]; y++) {
+    const short* dx = m_gradX[c] + (long)y * width;
+    const short* dy = m_gradY[c] + (long)y * width;
+    int x = window[0];
+    for (; x + 3 <= window[2]; x += 4) {
+      for (int i = 0; i < 4; i++) histograms[i][bin(std::abs(dx[x + i]) + std::abs(dy[x + i]))]++;
+    }
+    for (; x <= window[2]; x++) histogram[bin(std::abs(dx[x]) + std::abs(dy[x]))]++;
+  }
+  for (int m = 0; m < kMagnitudeBins; m++)
+    histogram[m] += histograms[1][m] + histograms[2][m] + histograms[3][m];
+  const long total = (long)(window[2] - window[0] + 1) * (window[3] - window[1] + 1);
+  long above = 0;
+  int robustMax = kMagnitudeBins - 1;
+  while (robustMax > 0 && above + histogram[robustMax] <= kRobustMaxShare * total) {
+    above += histogram[robustMax];
+    robustMax--;
+  }
+  double high = r.cannyAutoRatio * robustMax;
+  double low = r.cannyLowRatio * high;
+  if (low < r.cannyFloor) low = r.cannyFloor;
+  if (high < low) high = low;
+  m_cannyThresholds[c][0] = low;
+  m_cannyThresholds[c][1] = high;
 }
 
 // ================================================================ polarity memory

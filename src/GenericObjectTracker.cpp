@@ -83,6 +83,8 @@ GenericObjectTracker::GenericObjectTracker()
     m_undistTable5[c] = nullptr;
     m_undistort[c] = 0;
     m_undistortedImage[c] = nullptr;
+    m_imageRegion[c][0] = m_imageRegion[c][1] = 0;
+    m_imageRegion[c][2] = m_imageRegion[c][3] = -1;
   }
 }
 
@@ -219,38 +221,35 @@ int GenericObjectTracker::estimateFrame(const unsigned char* const* images, doub
   const int predictCode = kf.predict(time);
   if (predictCode != 0) return predictCode;
 
-  int64_t start = getTickCount();
-  const int undistortCode = undistortAllImages(images);
-  int64_t end = getTickCount();
-  m_lastFrameTimes.undistortionMs = ticksToMs(end - start);
-  if (undistortCode != 0) return undistortCode;
-  if (timing) showElapsed("Undistortion (2x)", start, end);
-
   double predicted[16];
   matrixProduct444(toolInv, kf.m_Tpred, predicted);
-  if (m_doEdgeDetection) {
-    start = getTickCount();
-    const int code = detectEdges(predicted);
-    end = getTickCount();
-    m_lastFrameTimes.edgesMs = ticksToMs(end - start);
-    if (code != 0) return code;
-    if (timing) showElapsed("Edge detection (2x)", start, end);
-  }
+  const RobustSettings& robust = m_trackingParams.m_robust;
+  const double regionGrow = m_trackingParams.m_searchRange + robust.regionMarginPx;
+  const int imageCode = prepareImages(images, predicted, regionGrow, timing);
+  if (imageCode != 0) return imageCode;
 
   double refined[16], loopCovariance[36];
   matrixCopy(predicted, refined, 4, 4);
-  start = getTickCount();
+  const int64_t start = getTickCount();
   int loopCode = poseUpdateLoop(refined, loopCovariance, dofMask, timing, display, verbose);
-  const RobustSettings& robust = m_trackingParams.m_robust;
+  int64_t end = getTickCount();
+  m_lastFrameTimes.poseUpdateMs = ticksToMs(end - start);
   if (robust.enabled) {
     if (loopCode != 0 && robust.recoveryRangePx > 0.0) {
-      loopCode = recoverPose(predicted, toolInv, refined, loopCovariance, dofMask, loopCode, timing,
-                             display, verbose);
+      // The recovery searches farther than the region reached.
+      const int regionCode =
+          robust.regionOfInterest
+              ? prepareImages(images, predicted, regionGrow + robust.recoveryRangePx, timing)
+              : 0;
+      const int64_t recoveryStart = getTickCount();
+      if (regionCode == 0)
+        loopCode = recoverPose(predicted, toolInv, refined, loopCovariance, dofMask, loopCode,
+                               timing, display, verbose);
+      end = getTickCount();
+      m_lastFrameTimes.poseUpdateMs += ticksToMs(end - recoveryStart);
     }
     m_lastQuality = m_contourTracker.m_quality;
   }
-  end = getTickCount();
-  m_lastFrameTimes.poseUpdateMs = ticksToMs(end - start);
   if (timing) showElapsed("Total Gauss-Newton loop (pose estimation)", start, end);
   if (loopCode != 0) return loopCode;
 
@@ -336,9 +335,65 @@ int GenericObjectTracker::recoverPose(const double* predicted, const double* too
   return 0;
 }
 
+int GenericObjectTracker::prepareImages(const unsigned char* const* images, const double* predicted,
+                                        double grow, bool timing) {
+  const bool region = m_trackingParams.m_robust.regionOfInterest != 0;
+  int64_t start = getTickCount();
+  int code = 0;
+  if (region) {
+    computeImageRegions(predicted, grow);
+    for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
+      if (!m_contourTracker.m_camEnabled[c] || m_undistortedImage[c] == nullptr) continue;
+      const int* r = m_imageRegion[c];
+      if (m_undistort[c] == 1) {
+        undistortImageRegionFromTables(images[c], m_undistortedImage[c], m_undistTable1[c],
+                                       m_undistTable2[c], m_undistTable3[c], m_undistTable4[c],
+                                       m_undistTable5[c], m_imageWidth[c], m_imageHeight[c], r);
+      } else {
+        for (int y = r[1]; y <= r[3] && r[0] <= r[2]; y++) {
+          const size_t row = (size_t)y * m_imageWidth[c] + r[0];
+          memcpy(m_undistortedImage[c] + row, images[c] + row, r[2] - r[0] + 1);
+        }
+      }
+    }
+  } else {
+    code = undistortAllImages(images);
+  }
+  int64_t end = getTickCount();
+  m_lastFrameTimes.undistortionMs += ticksToMs(end - start);
+  if (code != 0) return code;
+  if (timing) showElapsed("Undistortion (2x)", start, end);
+
+  if (!m_doEdgeDetection) return 0;
+  start = getTickCount();
+  code = detectEdges(predicted);
+  end = getTickCount();
+  m_lastFrameTimes.edgesMs += ticksToMs(end - start);
+  if (code != 0) return code;
+  if (timing) showElapsed("Edge detection (2x)", start, end);
+  return 0;
+}
+
+void GenericObjectTracker::computeImageRegions(const double* predicted, double grow) {
+  for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
+    double T[16];
+    matrixProduct444(m_toolToCamera[c], predicted, T);
+    m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow,
+                                m_imageRegion[c]);
+  }
+}
+
 int GenericObjectTracker::detectEdges(const double* predicted) {
   const RobustSettings& r = m_trackingParams.m_robust;
-  if (!r.enabled || !(r.cannyAutoRatio > 0.0)) return edgeDetectAllImages();
+  const bool adaptive = r.enabled && r.cannyAutoRatio > 0.0;
+  if (r.regionOfInterest) {
+    const int* regionOf[ZOT_MAX_CAMERAS];
+    for (int c = 0; c < ZOT_MAX_CAMERAS; c++) regionOf[c] = m_imageRegion[c];
+    return m_contourTracker.edgeDetectRegions(
+        m_undistortedImage, regionOf, m_trackingParams.m_cannyLowThreshold,
+        m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr);
+  }
+  if (!adaptive) return edgeDetectAllImages();
   // Thresholds from where the object can be: its predicted outline, grown
   // by the distance a match or a recovery may search.
   int regions[ZOT_MAX_CAMERAS][4];

@@ -46,8 +46,12 @@ void merge(const unsigned char* plane0, const unsigned char* plane1, const unsig
 }
 
 // ================================================================ edge detection
-int mySobel(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height) {
-  if (!src || !dx || !dy || !tmp || width <= 0 || height <= 0) return 0;
+namespace {
+
+// The Sobel of mySobel on a width x height window whose rows lie `stride`
+// pixels apart in src, dx and dy (tmp is packed, 2 * width * height shorts).
+void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
+                 int stride) {
   const size_t n = (size_t)width * height;
   short* smoothImg = tmp;
   short* diffImg = tmp + n;
@@ -59,17 +63,17 @@ int mySobel(const unsigned char* src, short* dx, short* dy, short* tmp, int widt
   for (int y = 0; y < height; y++) {
     // Both passes per row, so the smoothed row is still in cache when the
     // horizontal pass reads it; tmp ends up as a two-pass version leaves it.
-    const unsigned char* up = src + (size_t)(y > 0 ? y - 1 : mirrorUp) * width;
-    const unsigned char* mid = src + (size_t)y * width;
-    const unsigned char* down = src + (size_t)(y < height - 1 ? y + 1 : mirrorDown) * width;
+    const unsigned char* up = src + (size_t)(y > 0 ? y - 1 : mirrorUp) * stride;
+    const unsigned char* mid = src + (size_t)y * stride;
+    const unsigned char* down = src + (size_t)(y < height - 1 ? y + 1 : mirrorDown) * stride;
     short* s = smoothImg + (size_t)y * width;
     short* d = diffImg + (size_t)y * width;
     for (int x = 0; x < width; x++) {
       s[x] = (short)(up[x] + 2 * mid[x] + down[x]);
       d[x] = (short)(down[x] - up[x]);
     }
-    short* dxr = dx + (size_t)y * width;
-    short* dyr = dy + (size_t)y * width;
+    short* dxr = dx + (size_t)y * stride;
+    short* dyr = dy + (size_t)y * stride;
     if (width == 1) {
       dxr[0] = 0;
       dyr[0] = (short)(4 * d[0]);
@@ -84,6 +88,31 @@ int mySobel(const unsigned char* src, short* dx, short* dy, short* tmp, int widt
     dxr[width - 1] = 0;
     dyr[width - 1] = (short)(2 * (d[width - 1] + d[width - 2]));
   }
+}
+
+}  // namespace
+
+int mySobel(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height) {
+  if (!src || !dx || !dy || !tmp || width <= 0 || height <= 0) return 0;
+  sobelWindow(src, dx, dy, tmp, width, height, width);
+  return 0;
+}
+
+bool clipRegion(const int* region, int width, int height, int* clipped) {
+  if (region == nullptr || width <= 0 || height <= 0) return false;
+  clipped[0] = region[0] > 0 ? region[0] : 0;
+  clipped[1] = region[1] > 0 ? region[1] : 0;
+  clipped[2] = region[2] < width - 1 ? region[2] : width - 1;
+  clipped[3] = region[3] < height - 1 ? region[3] : height - 1;
+  return clipped[0] <= clipped[2] && clipped[1] <= clipped[3];
+}
+
+int mySobelRegion(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
+                  const int* region) {
+  int r[4];
+  if (!src || !dx || !dy || !tmp || !clipRegion(region, width, height, r)) return 0;
+  const size_t origin = (size_t)r[1] * width + r[0];
+  sobelWindow(src + origin, dx + origin, dy + origin, tmp, r[2] - r[0] + 1, r[3] - r[1] + 1, width);
   return 0;
 }
 
@@ -111,11 +140,13 @@ int cannyStackFailure() {
   return ZOT_ERR_CANNY;
 }
 
-}  // namespace
-
-int myCanny(const short* dx, const short* dy, unsigned char* edges, int* buffer,
-            unsigned char** stack, int width, int height, double lowThreshold,
-            double highThreshold) {
+// The Canny of myCanny on a width x height window whose rows lie `stride`
+// pixels apart in dx, dy and edges. keepOut (left, top, right, bottom; null:
+// none) are rows and columns at the window's sides that are never edges and
+// never carry the hysteresis.
+int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buffer,
+                unsigned char** stack, int width, int height, int stride, double lowThreshold,
+                double highThreshold, const int* keepOut) {
   if (lowThreshold > highThreshold) {
     const double t = lowThreshold;
     lowThreshold = highThreshold;
@@ -143,8 +174,8 @@ int myCanny(const short* dx, const short* dy, unsigned char* edges, int* buffer,
     // Row 0 goes into the middle row (above it stays zero), later rows below.
     int* norm = magRows[i > 0 ? 2 : 1] + 1;
     if (i < height) {
-      const short* dxr = dx + (size_t)i * width;
-      const short* dyr = dy + (size_t)i * width;
+      const short* dxr = dx + (size_t)i * stride;
+      const short* dyr = dy + (size_t)i * stride;
       for (int j = 0; j < width; j++) norm[j] = std::abs((int)dxr[j]) + std::abs((int)dyr[j]);
       norm[-1] = norm[width] = 0;
     } else {
@@ -161,10 +192,18 @@ int myCanny(const short* dx, const short* dy, unsigned char* edges, int* buffer,
     const int* mag = magRows[1] + 1;
     const int* above = magRows[0] + 1;
     const int* below = magRows[2] + 1;
-    const short* dxr = dx + (size_t)(i - 1) * width;
-    const short* dyr = dy + (size_t)(i - 1) * width;
+    const short* dxr = dx + (size_t)(i - 1) * stride;
+    const short* dyr = dy + (size_t)(i - 1) * stride;
     int prevPushed = 0;
-    for (int j = 0; j < width; j++) {
+    int jStart = 0, jEnd = width;
+    if (keepOut != nullptr) {
+      const bool rowKept = i - 1 < keepOut[1] || i - 1 >= height - keepOut[3];
+      jStart = rowKept ? width : keepOut[0] < width ? keepOut[0] : width;
+      jEnd = rowKept ? width : width - keepOut[2] > jStart ? width - keepOut[2] : jStart;
+      memset(mrow, 1, jStart);
+      memset(mrow + jEnd, 1, width - jEnd);
+    }
+    for (int j = jStart; j < jEnd; j++) {
       const int m = mag[j];
       if (m > low) {
         const int xs = dxr[j];
@@ -221,10 +260,35 @@ int myCanny(const short* dx, const short* dy, unsigned char* edges, int* buffer,
 
   for (int y = 0; y < height; y++) {
     const unsigned char* mrow = map + mapstep * (y + 1) + 1;
-    unsigned char* e = edges + (size_t)y * width;
+    unsigned char* e = edges + (size_t)y * stride;
     for (int x = 0; x < width; x++) e[x] = (unsigned char)-(mrow[x] >> 1);
   }
   return 0;
+}
+
+}  // namespace
+
+int myCanny(const short* dx, const short* dy, unsigned char* edges, int* buffer,
+            unsigned char** stack, int width, int height, double lowThreshold,
+            double highThreshold) {
+  return cannyWindow(dx, dy, edges, buffer, stack, width, height, width, lowThreshold,
+                     highThreshold, nullptr);
+}
+
+int myCannyRegion(const short* dx, const short* dy, unsigned char* edges, int* buffer,
+                  unsigned char** stack, int width, int height, const int* region,
+                  double lowThreshold, double highThreshold) {
+  int r[4];
+  if (!clipRegion(region, width, height, r)) return cannyStackFailure();
+  const size_t origin = (size_t)r[1] * width + r[0];
+  if (!dx || !dy || !edges) return cannyStackFailure();
+  // Where the window stops inside the image its mirrored borders give
+  // magnitudes the image does not have: they must not seed edges.
+  const int keepOut[4] = {r[0] > 0 ? ZOT_REGION_BORDER : 0, r[1] > 0 ? ZOT_REGION_BORDER : 0,
+                          r[2] < width - 1 ? ZOT_REGION_BORDER : 0,
+                          r[3] < height - 1 ? ZOT_REGION_BORDER : 0};
+  return cannyWindow(dx + origin, dy + origin, edges + origin, buffer, stack, r[2] - r[0] + 1,
+                     r[3] - r[1] + 1, width, lowThreshold, highThreshold, keepOut);
 }
 
 int CannyAndSobel(const unsigned char* src, short* dx, short* dy, unsigned char* edges, int* buffer,
@@ -306,10 +370,13 @@ int initUndistortionTables(const double* mapX, const double* mapY, int* w00, int
   return height;
 }
 
-void undistortImageFromTables(const unsigned char* src, unsigned char* dst, const int* w00,
-                              const int* w10, const int* w01, const int* w11, const int* index,
-                              int width, int height) {
-  if (!src || !dst || !w00 || !w10 || !w01 || !w11 || !index || width <= 0 || height <= 0) return;
+namespace {
+
+// Undistorted pixels k0 .. k1 - 1 (indices into the width x height image):
+// the kernel of undistortImageFromTables.
+void undistortSpan(const unsigned char* src, unsigned char* dst, const int* w00, const int* w10,
+                   const int* w01, const int* w11, const int* index, int width, int height,
+                   size_t k0, size_t k1) {
   const size_t n = (size_t)width * height;
   // One unsigned compare rejects -1 and any index whose lower-right
   // neighbour would fall outside the image (none exists below 2 x 2).
@@ -318,7 +385,7 @@ void undistortImageFromTables(const unsigned char* src, unsigned char* dst, cons
   if (lastTopLeft > (size_t)1 << 31) lastTopLeft = (size_t)1 << 31;
   const uint32_t limit = (uint32_t)lastTopLeft;
   const uint32_t stride = (uint32_t)width;
-  for (size_t k = 0; k < n; k++) {
+  for (size_t k = k0; k < k1; k++) {
     const uint32_t idx = (uint32_t)index[k];
     if (idx < limit) {
       const unsigned char* p = src + idx;
@@ -328,6 +395,28 @@ void undistortImageFromTables(const unsigned char* src, unsigned char* dst, cons
     } else {
       dst[k] = 0;
     }
+  }
+}
+
+}  // namespace
+
+void undistortImageFromTables(const unsigned char* src, unsigned char* dst, const int* w00,
+                              const int* w10, const int* w01, const int* w11, const int* index,
+                              int width, int height) {
+  if (!src || !dst || !w00 || !w10 || !w01 || !w11 || !index || width <= 0 || height <= 0) return;
+  undistortSpan(src, dst, w00, w10, w01, w11, index, width, height, 0, (size_t)width * height);
+}
+
+void undistortImageRegionFromTables(const unsigned char* src, unsigned char* dst, const int* w00,
+                                    const int* w10, const int* w01, const int* w11,
+                                    const int* index, int width, int height, const int* region) {
+  int r[4];
+  if (!src || !dst || !w00 || !w10 || !w01 || !w11 || !index ||
+      !clipRegion(region, width, height, r))
+    return;
+  for (int y = r[1]; y <= r[3]; y++) {
+    const size_t row = (size_t)y * width;
+    undistortSpan(src, dst, w00, w10, w01, w11, index, width, height, row + r[0], row + r[2] + 1);
   }
 }
 

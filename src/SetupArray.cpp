@@ -397,6 +397,9 @@ const ExtensionItem EXTENSION_ITEMS[ZOT_EXTENSION_VALUES] = {
     {"largest inlier residual [px]", 0.0, true, kAny, nullptr, &RobustSettings::maxResidualPx},
     {"largest camera disagreement [px]", 0.0, false, kAny, nullptr,
      &RobustSettings::maxDisagreementPx},
+    {"region of interest (0 or 1)", 0.0, false, 1.0, &RobustSettings::regionOfInterest, nullptr},
+    {"region margin [px]", 0.0, false, 1000.0, nullptr, &RobustSettings::regionMarginPx},
+    {"re-sampling distance [px]", 0.0, false, kAny, nullptr, &RobustSettings::resamplePx},
 };
 
 }  // namespace

@@ -122,8 +122,9 @@ namespace {
 
 // The extension block of data/tracker_demo.txt's items.
 std::vector<double> demoExtensions() {
-  std::vector<double> block = {1, 0, 0, 0.3, 0.1, 1, 0.3, 0.5, 10, 0.05, 0.01, 60, 0.55, 1.2, 0.2};
-  block.insert(block.begin(), {ZOT_EXTENSION_MARKER, 1, 15});
+  std::vector<double> block = {1,    0,    0,  0.3, 0.1, 1,   0.3, 0.5, 10,
+                               0.05, 0.01, 60, 0.55, 1.2, 0.2, 1,   8,   0};
+  block.insert(block.begin(), {ZOT_EXTENSION_MARKER, 1, 18});
   return block;
 }
 
@@ -158,14 +159,14 @@ TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
   };
   const Bad bad[] = {
       {1, 2, "ERROR: extension block of format version 2; this library reads version 1\n"},
-      {2, 16, "ERROR: extension block of 16 values; version 1 has 0 to 15\n"},
+      {2, 19, "ERROR: extension block of 19 values; version 1 has 0 to 18\n"},
       {3, std::nan(""),
        "ERROR: extension item 1 (robust mode (0 or 1)) is nan, out of its range\n"},
       {6, 0, "ERROR: extension item 4 (scale floor [px]) is 0, out of its range\n"},
       {14, -5, "ERROR: extension item 12 (recovery search range [px]) is -5, out of its range\n"},
       {-1, 0,
-       "ERROR: setup array too short (extension block): values 177 to 191 needed, it holds "
-       "191\nERROR: total numbers read 192 should be: 191\n"},
+       "ERROR: setup array too short (extension block): values 177 to 194 needed, it holds "
+       "194\nERROR: total numbers read 195 should be: 194\n"},
   };
   for (const Bad& b : bad) {
     std::vector<double> a = array;
