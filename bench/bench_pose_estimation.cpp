@@ -139,7 +139,8 @@ void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, const ch
     if (tracker->setupFromGlobalArray((int)s.array.size(), s.array.data()) != 0) {
       state.SkipWithError("the tracker refuses the configuration");
     } else {
-      tracker->m_trackingParams.m_robust.regionOfInterest = region;
+      tracker->m_trackingParams.m_robust.regionOfInterest = region > 0;
+      tracker->m_trackingParams.m_robust.lensInProjection = region > 1;
       const int nCams = tracker->m_nCameras;
       const double zero[6] = {0, 0, 0, 0, 0, 0}, dof[6] = {1, 1, 1, 1, 1, 1};
       double pose[16], velocity[6], covariance[36];
@@ -189,6 +190,7 @@ ZOT_FRAME_BENCHMARK(stereo_150_samples_region, "camera_stereo.txt", kDesigned, 8
 ZOT_FRAME_BENCHMARK(mono_demo_step, "camera_mono.txt", kDesigned, 4, 0);
 ZOT_FRAME_BENCHMARK(mono_robust, "camera_mono.txt", kRobust, 4, 0);
 ZOT_FRAME_BENCHMARK(mono_robust_region, "camera_mono.txt", kRobust, 4, 1);
+ZOT_FRAME_BENCHMARK(mono_robust_region_lens, "camera_mono.txt", kRobust, 4, 2);
 ZOT_FRAME_BENCHMARK(stereo_demo_step, "camera_stereo.txt", kDesigned, 4, 0);
 ZOT_FRAME_BENCHMARK(stereo_robust, "camera_stereo.txt", kRobust, 4, 0);
 ZOT_FRAME_BENCHMARK(stereo_robust_region, "camera_stereo.txt", kRobust, 4, 1);

@@ -58,6 +58,9 @@ struct CostSettings {
   bool verbose;                   ///< messages on standard output
   const RobustSettings* robust =
       nullptr;  ///< enabled: robust matching (see matchAlongNormalsRobust)
+  /// Per camera its distortion (k1, k2, p1, p2, k3) when its images are not
+  /// undistorted (projectThroughLens); null, or a null entry: undistorted.
+  const double* const* lensDistortion = nullptr;
 };
 
 /// The tracker file's extension items in their order (format version
@@ -91,6 +94,10 @@ struct RobustSettings {
   /// > 0: re-sample the contour once the samples may have moved this far
   /// since the last sampling, instead of the rotation and translation limits.
   double resamplePx;
+  /// 1: no image undistortion; the samples are projected through the lens
+  /// model instead (ContourTracker::projectThroughLens) and matched in the
+  /// camera's own image.
+  int lensInProjection;
 };
 
 /// Per-fit figures of the robust estimator (all 0 for the designed one).
@@ -131,7 +138,8 @@ struct GaussNewtonSettings {
   bool timing;
   bool showDebug;
   bool verbose;
-  const RobustSettings* robust = nullptr;  ///< null or not enabled: the designed estimator
+  const RobustSettings* robust = nullptr;         ///< null or not enabled: the designed estimator
+  const double* const* lensDistortion = nullptr;  ///< see CostSettings
 };
 
 class ContourTracker {
@@ -247,6 +255,15 @@ class ContourTracker {
   int computeReprojectionAndJacobian(const Multibody& model, int cam, const double* pose,
                                      const double* P, bool computeJacobian,
                                      bool translationInObjectFrame);
+
+  /// Moves camera cam's projected samples (m_projPoints, from
+  /// computeReprojectionAndJacobian with its K) into the distorted image of
+  /// the lens `distortion` (k1, k2, p1, p2, k3; distortPixel), and with them
+  /// their Jacobians (multiplied by the lens's 2 x 2 Jacobian D) and normals
+  /// (perpendicular to the tangent carried by D, same side). Samples whose
+  /// distorted position is not finite keep a position far outside the image.
+  void projectThroughLens(const Multibody& model, int cam, const double* K,
+                          const double* distortion, bool computeJacobian);
 
   /// For every projected sample of camera cam: rounds it to a pixel (half
   /// away from zero); outside the image it is unmatched, else

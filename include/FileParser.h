@@ -105,7 +105,7 @@ class FileParser {
   void createGlobalArrayHeaderFile(const char* directory, int count, const double* array);
 
   /// Extension items kept (ZOT_EXTENSION_VALUES of SetupArray.h).
-  static constexpr int kExtensionCapacity = 18;
+  static constexpr int kExtensionCapacity = 19;
 
  private:
   double m_extensions[kExtensionCapacity] = {};

@@ -248,15 +248,22 @@ class GenericObjectTracker {
   int* m_undistTable5[ZOT_MAX_CAMERAS];     ///< source index
   int m_undistort[ZOT_MAX_CAMERAS];         ///< 1 when a distortion coefficient is non-zero
   /// Current frame, input of the edges. With the region of interest only
-  /// the pixels of m_imageRegion are of this frame; a host that wants the
-  /// whole image (an overlay) calls undistortAllImages first.
+  /// the pixels of m_imageRegion are of this frame, and with the lens in the
+  /// projection they are the camera's own, not undistorted: a host that
+  /// wants the whole undistorted image (an overlay) calls undistortAllImages
+  /// first.
   unsigned char* m_undistortedImage[ZOT_MAX_CAMERAS];
   /// Region of interest of the last frame per camera (x0, y0, x1, y1
   /// inclusive, inside the image; x0 > x1 when the model is not in view):
   /// where the model's vertices project at the predicted pose, grown by the
   /// search range and the region margin (and by the recovery range while a
-  /// recovery searches). Meaningful only with the region of interest on.
+  /// recovery searches). Meaningful only with the region of interest on;
+  /// with the lens in the projection it is a region of the camera's own
+  /// image.
   int m_imageRegion[ZOT_MAX_CAMERAS][4];
+  /// Per camera its distortion when the lens is in the projection and the
+  /// camera has one, else null (set by each frame).
+  const double* m_lensDistortion[ZOT_MAX_CAMERAS];
   ContourTracker m_contourTracker;
   Multibody m_multibody;
   TrackingParameters m_trackingParams;

@@ -107,6 +107,20 @@ int myCannyRegion(const short* dx, const short* dy, unsigned char* edges, int* b
 void initUndistortRectifyMap(const double* K, const double* distCoeffs, const double* R,
                              const double* newK, int width, int height, double* mapX, double* mapY);
 
+/// The lens model of the maps: the point (xp, yp) of the normalised image
+/// plane (z = 1, camera frame) through the distortion d (5 values) and
+/// the camera matrix K without its skew, into the distorted pixel (u, v).
+/// With jacobian (4 doubles, row-major) also d(u, v) / d(xp, yp).
+void distortNormalised(const double* K, const double* d, double xp, double yp, double* u, double* v,
+                       double* jacobian);
+
+/// Where the pinhole pixel (u, v) of K (skew included) appears in the
+/// distorted image: its ray through K^-1, then distortNormalised. Writes
+/// out (2) and, with jacobian (4 doubles, row-major), d out / d(u, v).
+/// Returns whether out is finite.
+bool distortPixel(const double* K, const double* d, double u, double v, double* out,
+                  double* jacobian);
+
 /// Integer resampling tables from the maps: index = ix + iy * width of the
 /// top-left source pixel, ix and iy the map values truncated toward zero, and
 /// bilinear weights w00, w10, w01, w11 of (ix, iy), (ix + 1, iy), (ix, iy + 1),

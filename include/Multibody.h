@@ -86,9 +86,11 @@ class Multibody {
   /// clipped to width x height: region = x0, y0, x1, y1 (inclusive). The
   /// whole image when a cylinder is active or a vertex lies less than 1e-6
   /// in front of the camera (its projection bounds nothing); an empty
-  /// rectangle (x1 < x0) when the bounds miss the image.
+  /// rectangle (x1 < x0) when the bounds miss the image. With `distortion`
+  /// (k1, k2, p1, p2, k3) the vertices are bounded where they appear in the
+  /// distorted image (distortPixel).
   void projectedBounds(const double* T, const double* K, int width, int height, double grow,
-                       int* region) const;
+                       int* region, const double* distortion = nullptr) const;
 
   // ---------------------------------------------------------------- getters
   int getNbodies() const;

@@ -90,7 +90,7 @@ class SetupArrayReader {
 constexpr double ZOT_EXTENSION_MARKER = -8080808.0;
 constexpr int ZOT_EXTENSION_VERSION = 1;
 /// Values a version-1 block holds at most.
-constexpr int ZOT_EXTENSION_VALUES = 18;
+constexpr int ZOT_EXTENSION_VALUES = 19;
 
 /// One camera of the array.
 struct SetupCamera {

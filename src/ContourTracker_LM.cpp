@@ -171,6 +171,7 @@ CostSettings iterationCostSettings(const GaussNewtonSettings& s) {
   c.showDebug = s.showDebug;
   c.verbose = false;
   c.robust = s.robust;
+  c.lensDistortion = s.lensDistortion;
   return c;
 }
 
@@ -528,6 +529,8 @@ int ContourTracker::sampleReprojectAndMatch(Multibody& model, int c, const doubl
   matrixProduct344(K34, camTransforms[c], P);
   int64_t start = labelled ? getTickCount() : 0;
   computeReprojectionAndJacobian(model, c, pose, P, s.computeJacobian, s.translationInObjectFrame);
+  if (s.lensDistortion != nullptr && s.lensDistortion[c] != nullptr)
+    projectThroughLens(model, c, camIntrinsics[c], s.lensDistortion[c], s.computeJacobian);
   if (labelled) showElapsed(kReprojectionLabel[c], start, getTickCount());
 
   if (s.match) {
@@ -643,6 +646,40 @@ int ContourTracker::computeReprojectionAndJacobian(const Multibody& model, int c
     }
   }
   return 0;
+}
+
+void ContourTracker::projectThroughLens(const Multibody& model, int cam, const double* K,
+                                        const double* distortion, bool computeJacobian) {
+  const int n = usableSamples(model, cam, m_maxSamplePoints);
+  if (cam < 0 || cam >= m_nCams) return;
+  double* uv = m_projPoints[cam];
+  double* normal = m_normals[cam];
+  for (int k = 0; k < n; k++) {
+    double D[4], moved[2];
+    if (!distortPixel(K, distortion, uv[2 * k], uv[2 * k + 1], moved, D)) {
+      uv[2 * k] = uv[2 * k + 1] = -1e9;  // unmatched, like a point far off the image
+      continue;
+    }
+    uv[2 * k] = moved[0];
+    uv[2 * k + 1] = moved[1];
+    // The normal is the tangent (-ny, nx) carried by D, turned back.
+    const double nx = normal[2 * k], ny = normal[2 * k + 1];
+    const double tx = -D[0] * ny + D[1] * nx, ty = -D[2] * ny + D[3] * nx;
+    const double s = tx * tx + ty * ty;
+    if (s > 1e-20 && s <= DBL_MAX) {
+      const double root = std::sqrt(s);
+      normal[2 * k] = ty / root;
+      normal[2 * k + 1] = -tx / root;
+    }
+    if (!computeJacobian) continue;
+    double* ju = m_jacU[cam] + 6 * k;
+    double* jv = m_jacV[cam] + 6 * k;
+    for (int j = 0; j < 6; j++) {
+      const double du = ju[j], dv = jv[j];
+      ju[j] = D[0] * du + D[1] * dv;
+      jv[j] = D[2] * du + D[3] * dv;
+    }
+  }
 }
 
 // ================================================================ matching along normals

@@ -34,7 +34,8 @@ RobustSettings::RobustSettings()
       maxDisagreementPx(0.2),
       regionOfInterest(0),
       regionMarginPx(8.0),
-      resamplePx(0.0) {}
+      resamplePx(0.0),
+      lensInProjection(0) {}
 
 namespace {
 

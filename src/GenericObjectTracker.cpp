@@ -85,6 +85,7 @@ GenericObjectTracker::GenericObjectTracker()
     m_undistortedImage[c] = nullptr;
     m_imageRegion[c][0] = m_imageRegion[c][1] = 0;
     m_imageRegion[c][2] = m_imageRegion[c][3] = -1;
+    m_lensDistortion[c] = nullptr;
   }
 }
 
@@ -337,15 +338,21 @@ int GenericObjectTracker::recoverPose(const double* predicted, const double* too
 
 int GenericObjectTracker::prepareImages(const unsigned char* const* images, const double* predicted,
                                         double grow, bool timing) {
-  const bool region = m_trackingParams.m_robust.regionOfInterest != 0;
+  const RobustSettings& settings = m_trackingParams.m_robust;
+  const bool region = settings.regionOfInterest != 0, lens = settings.lensInProjection != 0;
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++)
+    m_lensDistortion[c] = lens && c < m_nCameras && m_undistort[c] == 1 ? m_distCoeffs[c] : nullptr;
   int64_t start = getTickCount();
   int code = 0;
-  if (region) {
-    computeImageRegions(predicted, grow);
+  if (region || lens) {
+    // The images the edges come from: undistorted, or with the lens in the
+    // projection the camera's own, copied.
+    if (region) computeImageRegions(predicted, grow);
     for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
       if (!m_contourTracker.m_camEnabled[c] || m_undistortedImage[c] == nullptr) continue;
-      const int* r = m_imageRegion[c];
-      if (m_undistort[c] == 1) {
+      const int whole[4] = {0, 0, m_imageWidth[c] - 1, m_imageHeight[c] - 1};
+      const int* r = region ? m_imageRegion[c] : whole;
+      if (m_undistort[c] == 1 && !lens) {
         undistortImageRegionFromTables(images[c], m_undistortedImage[c], m_undistTable1[c],
                                        m_undistTable2[c], m_undistTable3[c], m_undistTable4[c],
                                        m_undistTable5[c], m_imageWidth[c], m_imageHeight[c], r);
@@ -379,7 +386,7 @@ void GenericObjectTracker::computeImageRegions(const double* predicted, double g
     double T[16];
     matrixProduct444(m_toolToCamera[c], predicted, T);
     m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow,
-                                m_imageRegion[c]);
+                                m_imageRegion[c], m_lensDistortion[c]);
   }
 }
 
@@ -402,7 +409,8 @@ int GenericObjectTracker::detectEdges(const double* predicted) {
   for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
     double T[16];
     matrixProduct444(m_toolToCamera[c], predicted, T);
-    m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow, regions[c]);
+    m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow, regions[c],
+                                m_lensDistortion[c]);
     regionOf[c] = regions[c];
   }
   return m_contourTracker.edgeDetectAdaptive(m_undistortedImage, regionOf, r);
@@ -432,6 +440,7 @@ GaussNewtonSettings GenericObjectTracker::loopSettings(const double* dofMask, bo
   s.showDebug = display;
   s.verbose = verbose;
   s.robust = &p.m_robust;
+  s.lensDistortion = p.m_robust.lensInProjection ? m_lensDistortion : nullptr;
   return s;
 }
 

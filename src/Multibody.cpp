@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "Imgproc.h"
 #include "Math.h"
 #include "memory_handling.h"
 
@@ -167,7 +168,7 @@ int Multibody::getActiveBody(int body) const {
 }
 
 void Multibody::projectedBounds(const double* T, const double* K, int width, int height,
-                                double grow, int* region) const {
+                                double grow, int* region, const double* distortion) const {
   double lo[2] = {1e300, 1e300}, hi[2] = {-1e300, -1e300};
   bool whole = false;
   auto include = [&](const double* X) {
@@ -177,8 +178,14 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
       whole = true;
       return;
     }
-    const double u = K[0] * p[0] / p[2] + K[1] * p[1] / p[2] + K[2];
-    const double v = K[4] * p[1] / p[2] + K[5];
+    double u = K[0] * p[0] / p[2] + K[1] * p[1] / p[2] + K[2];
+    double v = K[4] * p[1] / p[2] + K[5];
+    if (distortion != nullptr) {
+      double moved[2];
+      distortPixel(K, distortion, u, v, moved, nullptr);
+      u = moved[0];
+      v = moved[1];
+    }
     lo[0] = u < lo[0] ? u : lo[0];
     hi[0] = u > hi[0] ? u : hi[0];
     lo[1] = v < lo[1] ? v : lo[1];

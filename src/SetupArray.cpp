@@ -400,6 +400,8 @@ const ExtensionItem EXTENSION_ITEMS[ZOT_EXTENSION_VALUES] = {
     {"region of interest (0 or 1)", 0.0, false, 1.0, &RobustSettings::regionOfInterest, nullptr},
     {"region margin [px]", 0.0, false, 1000.0, nullptr, &RobustSettings::regionMarginPx},
     {"re-sampling distance [px]", 0.0, false, kAny, nullptr, &RobustSettings::resamplePx},
+    {"lens in the projection (0 or 1)", 0.0, false, 1.0, &RobustSettings::lensInProjection,
+     nullptr},
 };
 
 }  // namespace

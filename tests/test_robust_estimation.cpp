@@ -159,7 +159,7 @@ TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
   };
   const Bad bad[] = {
       {1, 2, "ERROR: extension block of format version 2; this library reads version 1\n"},
-      {2, 19, "ERROR: extension block of 19 values; version 1 has 0 to 18\n"},
+      {2, 20, "ERROR: extension block of 20 values; version 1 has 0 to 19\n"},
       {3, std::nan(""),
        "ERROR: extension item 1 (robust mode (0 or 1)) is nan, out of its range\n"},
       {6, 0, "ERROR: extension item 4 (scale floor [px]) is 0, out of its range\n"},

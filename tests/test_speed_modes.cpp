@@ -1,6 +1,10 @@
-// The region of interest: the image steps inside a region equal those of the
-// whole image, nothing outside it keeps an edge, and a tracker that works
-// only there tracks a rendered scene as well as one that sees everything.
+// The speed modes. The region of interest: the image steps inside a region
+// equal those of the whole image, nothing outside it keeps an edge, and a
+// tracker that works only there tracks a rendered scene as well as one that
+// sees everything. The lens in the projection: samples land where the
+// renderer's independent lens model puts them, with exact Jacobians and
+// normals, and tracking the raw images is as close as tracking undistorted
+// ones.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,6 +15,7 @@
 #include "Imgproc.h"
 #include "Math.h"
 #include "SetupArray.h"
+#include "lens.h"
 #include "support/synthetic_images.h"
 #include "support/tracker_scene.h"
 
@@ -107,11 +112,11 @@ TEST(RegionOfInterest, InsideTheRegionTheImageStepsEqualTheWholeImagesOutsideNot
   for (int i = 0; i < 4; i++) EXPECT_EQ(tracker.m_edgeWindow[0][i], widened[i]);
 }
 
-// The sample tracker file works in the region of interest: it tracks a
-// rendered box from a start 2 degrees and 5 mm off as closely as the same
-// file on whole images, its region holds the object and stays in the
-// image, and an object out of view fails with -5, not a read beyond a
-// buffer.
+// The sample tracker file works in the region of interest and with the
+// lens in the projection: each tracks a rendered box from a start 2 degrees
+// and 5 mm off as closely as the same file on whole undistorted images; the
+// region holds the object and stays in the image, and an object out of
+// view fails with -5, not a read beyond a buffer.
 TEST(RegionOfInterest, TracksAsCloselyAsTheWholeImageAndFailsCleanlyOutOfView) {
   const zot_sim::Mesh mesh = zot_test::chamferedBoxMesh();
   std::vector<double> setup =
@@ -131,32 +136,33 @@ TEST(RegionOfInterest, TracksAsCloselyAsTheWholeImageAndFailsCleanlyOutOfView) {
   o.mesh = &mesh;
   o.faceGrey = zot_test::chamferedBoxGreys();
   scene.render(truth, {o}, 30, 2, 1.5);
-  double error[2];
-  for (int region = 1; region >= 0; region--) {
-    r.regionOfInterest = region;
+  double error[3];
+  for (int mode = 0; mode < 3; mode++) {  // whole images, region, region and lens
+    r.regionOfInterest = mode > 0;
+    r.lensInProjection = mode > 1;
     ASSERT_EQ(t.poseEstimation(scene.m_imagePtrs, 0.0, tool, start, zero, 0.0, pose, nullptr,
                                nullptr, nullptr, true, false, false, false),
-              0);
-    error[region] = scene.meanVertexError(mesh, pose, truth, 0);
-    if (region == 0) continue;
+              0)
+        << mode;
+    error[mode] = scene.meanVertexError(mesh, pose, truth, 0);
+    EXPECT_LT(error[mode], 0.15) << mode;
+    if (mode != 1) continue;
     const int* box = t.m_imageRegion[0];
-    double T[16], uv[2];
+    double T[16];
     scene.poseInCamera(truth, 0, T);
     EXPECT_TRUE(box[0] >= 0 && box[1] >= 0 && box[2] < kW && box[3] < kH);
     EXPECT_LT((box[2] - box[0]) * (box[3] - box[1]), kW * kH / 2);
     for (size_t v = 0; v < mesh.vertices.size(); v += 3) {
-      const double X[3] = {mesh.vertices[v], mesh.vertices[v + 1], mesh.vertices[v + 2]};
       double Y[3];
-      transformPoint3d(T, X, Y);
-      uv[0] = t.m_K[0][0] * Y[0] / Y[2] + t.m_K[0][2];
-      uv[1] = t.m_K[0][4] * Y[1] / Y[2] + t.m_K[0][5];
-      EXPECT_TRUE(uv[0] > box[0] && uv[0] < box[2] && uv[1] > box[1] && uv[1] < box[3]);
+      transformPoint3d(T, &mesh.vertices[v], Y);
+      const double u = t.m_K[0][0] * Y[0] / Y[2] + t.m_K[0][2];
+      const double w = t.m_K[0][4] * Y[1] / Y[2] + t.m_K[0][5];
+      EXPECT_TRUE(u > box[0] && u < box[2] && w > box[1] && w < box[3]);
     }
   }
-  EXPECT_LT(error[1], 0.15);
   EXPECT_LT(error[1], error[0] * 1.05 + 0.01);
+  EXPECT_LT(error[2], error[0] * 1.05 + 0.01);
 
-  r.regionOfInterest = 1;
   double away[16];
   const double far[3] = {400.0, 0.0, 0.0};
   zot_test::perturb(truth, axis, 0.0, far, away);
@@ -164,4 +170,75 @@ TEST(RegionOfInterest, TracksAsCloselyAsTheWholeImageAndFailsCleanlyOutOfView) {
                              nullptr, true, false, false, false),
             ZOT_ERR_OUT_OF_SCREEN);
   EXPECT_LT(t.m_imageRegion[0][2], t.m_imageRegion[0][0]);
+}
+
+// Samples on a box seen through the sample camera's lens: each lands where
+// the renderer's lens model puts the pinhole pixel, its Jacobian columns
+// match central differences of that projection, and its normal stays
+// perpendicular to the distorted edge.
+TEST(LensInProjection, SamplesJacobiansAndNormalsFollowTheLens) {
+  std::vector<double> setup =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt", "tracker_demo.txt");
+  zot_test::TrackerScene scene(zot_test::camerasOfSetupArray(setup), setup, 2000);
+  ASSERT_EQ(scene.m_setupCode, 0);
+  GenericObjectTracker& g = *scene.m_tracker;
+  ContourTracker& t = g.m_contourTracker;
+  const double* K = g.m_K[0];
+  const double* d = g.m_distCoeffs[0];
+  const double points[] = {30, 20, 10, -25, 15, -10, 40, -35, 5, -45, -30, 15};
+  const double tangents[] = {1, 0, 0, 0, 1, 0, 0.6, 0.8, 0, 0, 0, 1};
+  const int n = 4;
+  std::copy(points, points + 3 * n, g.m_multibody.m_samplePointsPerCam[0]);
+  std::copy(tangents, tangents + 3 * n, g.m_multibody.m_sampleTangentDirPerCam[0]);
+  g.m_multibody.m_nSamplePointsPerCam[0] = n;
+
+  // Far off the axis, where the lens moves pixels by tens of them.
+  double pose[16], P[12];
+  TfromEuler(pose, 20.0, -15.0, 30.0, 110.0, 70.0, 400.0);
+  const double K0[12] = {K[0], K[1], K[2], 0, K[3], K[4], K[5], 0, K[6], K[7], K[8], 0};
+  matrixProduct344(K0, g.m_toolToCamera[0], P);
+  auto lensPixel = [&](const double* T, const double* X, double* uv) {
+    double Y[3], x, y;
+    double C[16];
+    matrixProduct444(g.m_toolToCamera[0], T, C);
+    transformPoint3d(C, X, Y);
+    zot_sim::distortNormalized(d, Y[0] / Y[2], Y[1] / Y[2], &x, &y);
+    uv[0] = K[0] * x + K[2];
+    uv[1] = K[4] * y + K[5];
+  };
+  auto projected = [&](const double* T, bool jacobian) {
+    t.computeReprojectionAndJacobian(g.m_multibody, 0, T, P, jacobian, true);
+    t.projectThroughLens(g.m_multibody, 0, K, d, jacobian);
+  };
+  projected(pose, true);
+  const std::vector<double> uv(t.m_projPoints[0], t.m_projPoints[0] + 2 * n);
+  const std::vector<double> normals(t.m_normals[0], t.m_normals[0] + 2 * n);
+  const std::vector<double> ju(t.m_jacU[0], t.m_jacU[0] + 6 * n),
+      jv(t.m_jacV[0], t.m_jacV[0] + 6 * n);
+  const double eps = 1e-5;
+  for (int k = 0; k < n; k++) {
+    double expected[2], along[2], X1[3];
+    lensPixel(pose, points + 3 * k, expected);
+    EXPECT_NEAR(uv[2 * k], expected[0], 1e-9) << k;
+    EXPECT_NEAR(uv[2 * k + 1], expected[1], 1e-9) << k;
+    EXPECT_GT(std::hypot(expected[0] - K[2], expected[1] - K[5]), 100.0);
+    for (int i = 0; i < 3; i++) X1[i] = points[3 * k + i] + 1e-4 * tangents[3 * k + i];
+    lensPixel(pose, X1, along);
+    const double tx = along[0] - expected[0], ty = along[1] - expected[1];
+    EXPECT_NEAR((normals[2 * k] * tx + normals[2 * k + 1] * ty) / std::hypot(tx, ty), 0.0, 1e-6);
+    for (int j = 0; j < 6; j++) {
+      double twist[6] = {}, plus[16], minus[16], a[2], b[2];
+      twist[j] = eps;
+      std::copy(pose, pose + 16, plus);
+      updatePoseTwist(plus, twist);
+      twist[j] = -eps;
+      std::copy(pose, pose + 16, minus);
+      updatePoseTwist(minus, twist);
+      lensPixel(plus, points + 3 * k, a);
+      lensPixel(minus, points + 3 * k, b);
+      const double du = (a[0] - b[0]) / (2 * eps), dv = (a[1] - b[1]) / (2 * eps);
+      EXPECT_NEAR(ju[6 * k + j], du, 1e-5 * std::fmax(1.0, std::fabs(du))) << k << " " << j;
+      EXPECT_NEAR(jv[6 * k + j], dv, 1e-5 * std::fmax(1.0, std::fabs(dv))) << k << " " << j;
+    }
+  }
 }
