@@ -174,7 +174,9 @@ class ContourTracker {
   /// images[c] inside regions[c] only (x0, y0, x1, y1 inclusive; clipped to
   /// the image and widened to at least ZOT_MIN_REGION_SIDE pixels a side
   /// where the image allows), with the thresholds cannyLow and cannyHigh,
-  /// or, with `adaptive`, those edgeDetectAdaptive takes from that region.
+  /// or, with `adaptive`, those edgeDetectAdaptive takes from that region
+  /// (from every other pixel of every other row: a 1 % quantile needs no
+  /// more).
   /// The edge map is left empty elsewhere, and in the outer
   /// ZOT_REGION_BORDER pixels of the region where it lies inside the image
   /// (myCannyRegion): a search line finds no edge outside, and every edge
@@ -421,9 +423,13 @@ class ContourTracker {
                            double* covariance, const double* const* camTransforms,
                            const double* const* camIntrinsics, const GaussNewtonSettings& s);
   int usableSampleCount(const Multibody& model, int cam) const;
+  /// Largest move, in pixels along its normal, that the increment dx gives
+  /// a sample of non-zero weight in the last evaluation (first order).
+  double largestSampleMove(const double* dx) const;
   /// Canny thresholds of camera c from its Sobel derivatives over window
-  /// (x0, y0, x1, y1, inside the image), into m_cannyThresholds[c].
-  void adaptiveThresholds(int c, const int* window, const RobustSettings& r);
+  /// (x0, y0, x1, y1, inside the image), every step-th pixel of every
+  /// step-th row, into m_cannyThresholds[c].
+  void adaptiveThresholds(int c, const int* window, int step, const RobustSettings& r);
   /// Slot of model edge `id` in a camera's polarity table (open
   /// addressing): its own, or with insert the first free one; else -1.
   static int polaritySlot(const int* keys, int id, bool insert);

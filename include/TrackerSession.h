@@ -98,10 +98,14 @@ class TrackerSession {
   /// Draws camera `camera`'s last undistorted image with the model contour
   /// at the last estimated pose (the start pose before the first success)
   /// into bgr (imageWidth x imageHeight x 3 bytes, blue-green-red), with
-  /// the object's axes of length frameLength when it is > 0. Returns 0, or
-  /// -1 with nothing drawn for a session not ready, no track started, a bad
-  /// camera index or a null image.
-  int draw(unsigned char* bgr, int camera, double frameLength = 0.0);
+  /// the object's axes of length frameLength when it is > 0. images, when
+  /// given, are the last frame's images, undistorted whole first: the speed
+  /// modes (region of interest, lens in the projection) undistort only part
+  /// of a frame or none, so without them the picture shows older frames
+  /// there. Returns 0, or -1 with nothing drawn for a session not ready, no
+  /// track started, a bad camera index or a null image.
+  int draw(unsigned char* bgr, int camera, double frameLength = 0.0,
+           const unsigned char* const* images = nullptr);
 
   /// Degree-of-freedom mask for the following frames: 6 values, rotation
   /// then translation, 0 freezes a parameter. All 1 at construction.

@@ -143,7 +143,10 @@ class Session {
     check();
   }
 
-  void close() { m_session.reset(); }
+  void close() {
+    m_session.reset();
+    m_lastImages.clear();
+  }
 
   TrackerSession& session() {
     if (!m_session) throw Error("the session is closed");
@@ -175,6 +178,7 @@ class Session {
     const unsigned char* pixels[ZOT_MAX_CAMERAS] = {};
     for (int c = 0; c < n; c++)
       pixels[c] = greyImage(list[(size_t)c], c, s.imageWidth(c), s.imageHeight(c));
+    m_lastImages = list;  // draw() shows them
     std::vector<double> tool;
     if (!toolPose.is_none()) tool = pose(toolPose, "tool_pose");
     Result result;
@@ -193,10 +197,14 @@ class Session {
                             std::to_string(camera));
     py::array_t<uint8_t> image(
         {(py::ssize_t)s.imageHeight(camera), (py::ssize_t)s.imageWidth(camera), (py::ssize_t)3});
+    const unsigned char* pixels[ZOT_MAX_CAMERAS] = {};
+    for (size_t c = 0; c < m_lastImages.size(); c++)
+      pixels[c] = greyImage(m_lastImages[c], (int)c, s.imageWidth((int)c), s.imageHeight((int)c));
     int code = 0;
     {
       QuietStdout quiet;
-      code = s.draw(image.mutable_data(), camera, frameLength);
+      code = s.draw(image.mutable_data(), camera, frameLength,
+                    m_lastImages.empty() ? nullptr : pixels);
     }
     if (code != 0) throw Error("draw: no track started; call start() first");
     return image;
@@ -211,6 +219,7 @@ class Session {
   }
 
   std::unique_ptr<TrackerSession> m_session;
+  std::vector<py::object> m_lastImages;  ///< the last frame's images, for draw()
 };
 
 py::array_t<double> parseConfig(const std::string& directory, const std::string& camera,
@@ -347,7 +356,7 @@ PYBIND11_MODULE(zottracker, m) {
            "a fixed camera). Returns a Result; a failed frame is a Result with a negative "
            "code, not an exception.")
       .def("draw", &Session::draw, py::arg("camera") = 0, py::arg("frame_length") = 0.0,
-           "The camera's last undistorted image with the model contour in red at the last "
+           "The camera's last image, undistorted, with the model contour in red at the last "
            "estimated pose (and the object's axes when frame_length > 0), as a (height, "
            "width, 3) uint8 BGR array.")
       .def(

@@ -7,8 +7,12 @@
 #   BUILD     build directory holding zot_render, zot_track and zot_eval (build)
 #   EVAL_OUT  output directory (out/eval)
 #   JOBS      frames rendered in parallel (number of cores)
-#   TRACKER   tracker files to compare, blank-separated, each PATH or NAME=PATH
-#             (default: robust=data/tracker_demo.txt designed=data/tracker_designed.txt)
+#   TRACKER   tracker files to compare, blank-separated, each PATH or NAME=PATH;
+#             a PATH written whole:PATH is that file with the speed modes off
+#             (region of interest, lens in the projection: extension items 16
+#             and 19), so that one file is measured both ways (default:
+#             fast=data/tracker_demo.txt robust=whole:data/tracker_demo.txt
+#             designed=data/tracker_designed.txt)
 # Exit status: 0 when every scene rendered and every run set up; otherwise
 # non-zero, with the reason in the failed rows.
 set -u
@@ -16,7 +20,7 @@ cd "$(dirname "$0")/.."
 BUILD=${BUILD:-build}
 OUT=${EVAL_OUT:-out/eval}
 JOBS=${JOBS:-$(nproc 2>/dev/null || echo 2)}
-TRACKER=${TRACKER:-"robust=data/tracker_demo.txt designed=data/tracker_designed.txt"}
+TRACKER=${TRACKER:-"fast=data/tracker_demo.txt robust=whole:data/tracker_demo.txt designed=data/tracker_designed.txt"}
 RENDER=$BUILD/zot_render
 TRACK=$BUILD/zot_track
 EVAL=$BUILD/zot_eval
@@ -32,6 +36,7 @@ STEREO="--camera camera_stereo.txt"
 scene_options() {
   case $1 in
     textured_box) echo "$STEREO --texture --frames 120 --seed 11" ;;
+    textured_box_mono) echo "$MONO --texture --frames 120 --seed 11" ;;
     bracket_table) echo "$MONO --model model_l_bracket.txt --background textured --noise 4 --blur 1.2 --frames 120 --seed 12" ;;
     fast_motion) echo "$MONO --texture --speed 2.4 --motion-blur 0.5 --frames 100 --seed 13" ;;
     occluder) echo "$STEREO --texture --occluder 0.25 --frames 120 --seed 14" ;;
@@ -42,8 +47,8 @@ scene_options() {
     wrong_model) echo "$STEREO --model-scale 1.03 --frames 120 --seed 17" ;;
   esac
 }
-RENDERED="textured_box bracket_table fast_motion occluder lighting camera_stall wrong_model"
-SCENES="textured_box textured_box_strict bracket_table fast_motion occluder lighting camera_stall wrong_model"
+RENDERED="textured_box textured_box_mono bracket_table fast_motion occluder lighting camera_stall wrong_model"
+SCENES="textured_box textured_box_strict textured_box_mono bracket_table fast_motion occluder lighting camera_stall wrong_model"
 
 # Renders a scene unless an up-to-date copy is there: same options, newer
 # than zot_render, the data and this script.
@@ -75,6 +80,12 @@ strict() {
        { n++; if (n == 8) print "15"; else if (n == 9) print "0.02 0.02"; else print }' "$1"
 }
 
+# The file with extension items 16 and 19 (value lines 32 and 35) set to 0.
+whole_images() {
+  awk '/^[ \t]*(#|$)/ { print; next }
+       { n++; if (n == 32 || n == 35) print "0"; else print }' "$1"
+}
+
 manifest=$OUT/manifest.tsv
 : >"$manifest"
 for entry in $TRACKER; do
@@ -82,6 +93,8 @@ for entry in $TRACKER; do
     *=*) name=${entry%%=*}; file=${entry#*=} ;;
     *) file=$entry; name=$(basename "$file" .txt) ;;
   esac
+  variant=copy
+  case $file in whole:*) file=${file#whole:}; variant=whole_images ;; esac
   for s in $SCENES; do
     source=$s
     [ "$s" = textured_box_strict ] && source=textured_box
@@ -100,12 +113,15 @@ for entry in $TRACKER; do
         "$file" >>"$manifest"
       continue
     fi
-    if [ "$s" = textured_box_strict ]; then
-      strict "$file" >"$dir/tracker_${name}_strict.txt"
-      tracker=tracker_${name}_strict.txt
-    else
+    if [ $variant = copy ]; then
       cp "$file" "$dir/tracker_$name.txt"
-      tracker=tracker_$name.txt
+    else
+      $variant "$file" >"$dir/tracker_$name.txt"
+    fi
+    tracker=tracker_$name.txt
+    if [ "$s" = textured_box_strict ]; then
+      strict "$dir/tracker_$name.txt" >"$dir/tracker_${name}_strict.txt"
+      tracker=tracker_${name}_strict.txt
     fi
     images=""
     for c in $(seq 0 $((cams - 1))); do images="$images --images $dir/cam$c/%06d.png"; done

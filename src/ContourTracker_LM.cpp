@@ -146,6 +146,18 @@ double* Multibody::getSampleTangentDirPerCam(int cam) const {
   return m_sampleTangentDirPerCam[cam];
 }
 
+double ContourTracker::largestSampleMove(const double* dx) const {
+  double largest = 0.0;
+  for (int i = 0; i < m_nTotalPoints; i++) {
+    if (m_inlierWeights[i] == 0.0) continue;
+    const double* J = m_normalJacobian + 6 * i;
+    double move = 0.0;
+    for (int j = 0; j < 6; j++) move += J[j] * dx[j];
+    if (std::fabs(move) > largest) largest = std::fabs(move);
+  }
+  return largest;
+}
+
 int ContourTracker::usableSampleCount(const Multibody& model, int cam) const {
   return usableSamples(model, cam, m_maxSamplePoints);
 }
@@ -195,9 +207,18 @@ int checkDivergence(const double* startPoseInverse, const double* pose,
 }
 
 // Whether the next iteration re-samples: only once the pose has moved enough
-// since the last sampling, whose pose inverse is then updated.
+// since the last sampling, whose pose inverse is then updated. With a
+// re-sampling distance in pixels, once the largest sample moves of the
+// iterations since (movedPx, which then restarts) add up to it: a bound of
+// how far the contour can have gone.
 bool resampleNext(double* samplingPoseInverse, const double* pose, double rotUpdate,
-                  double stepNorm, const GaussNewtonSettings& s) {
+                  double stepNorm, const GaussNewtonSettings& s, double& movedPx) {
+  if (s.robust != nullptr && s.robust->resamplePx > 0.0) {
+    const bool resample = movedPx >= s.robust->resamplePx;
+    if (s.verbose) printf(resample ? "Resampling after %g px\n" : "NO resampling\n", movedPx);
+    if (resample) movedPx = 0.0;
+    return resample;
+  }
   double sinceRot = 0.0, sinceTransl = 0.0;
   if (motionSince(samplingPoseInverse, pose, &sinceRot, &sinceTransl) != 0) return true;
   bool resample = true;
@@ -247,7 +268,7 @@ int ContourTracker::poseUpdateLoop(Multibody& model, const unsigned char* const*
   matrixCopy(startPoseInverse, samplingPoseInverse, 4, 4);
   CostSettings costSettings = iterationCostSettings(s);
   int iteration = 0;
-  double inlierCount = 0.0;
+  double inlierCount = 0.0, movedPx = 0.0;
   double dx[6];
   // Every failure hands the caller its pose back exactly as it came in.
   auto fail = [&](int code) {
@@ -303,7 +324,9 @@ int ContourTracker::poseUpdateLoop(Multibody& model, const unsigned char* const*
       if (s.verbose) printf("EXIT GN: max. iteration reached\n");
       return fail(ZOT_ERR_MAX_ITERATIONS);
     }
-    costSettings.resample = resampleNext(samplingPoseInverse, pose, rotUpdate, stepNorm, s);
+    if (s.robust != nullptr && s.robust->resamplePx > 0.0) movedPx += largestSampleMove(dx);
+    costSettings.resample =
+        resampleNext(samplingPoseInverse, pose, rotUpdate, stepNorm, s, movedPx);
     if (s.timing) showElapsed("Pose update and diagnostics", updateStart, getTickCount());
   }
 
@@ -344,7 +367,7 @@ int ContourTracker::poseUpdateLoopRobust(Multibody& model, const unsigned char* 
   matrixCopy(startPoseInverse, samplingPoseInverse, 4, 4);
   CostSettings costSettings = iterationCostSettings(s);
   m_quality = FitQuality{};
-  double inliers = 0.0, previousCost = -1.0, dx[6];
+  double inliers = 0.0, previousCost = -1.0, movedPx = 0.0, dx[6];
   auto fail = [&](int code) {
     matrixCopy(startPose, pose, 4, 4);
     return code;
@@ -369,15 +392,8 @@ int ContourTracker::poseUpdateLoopRobust(Multibody& model, const unsigned char* 
     const int solveCode = computePoseUpdate_squareLSE(dx, s.dofMask, false, covariance);
     if (solveCode != 0) return fail(solveCode);
 
-    // How far the update moves the samples along their normals, in pixels.
-    double largestMove = 0.0;
-    for (int i = 0; i < m_nTotalPoints; i++) {
-      if (m_inlierWeights[i] == 0.0) continue;
-      const double* J = m_normalJacobian + 6 * i;
-      double move = 0.0;
-      for (int j = 0; j < 6; j++) move += J[j] * dx[j];
-      if (std::fabs(move) > largestMove) largestMove = std::fabs(move);
-    }
+    const double largestMove = largestSampleMove(dx);
+    movedPx += largestMove;
     const double oldTranslation[3] = {pose[3], pose[7], pose[11]};
     updatePoseTwist(pose, dx);
     const int divergenceCode = checkDivergence(startPoseInverse, pose, s, iteration);
@@ -398,7 +414,8 @@ int ContourTracker::poseUpdateLoopRobust(Multibody& model, const unsigned char* 
     }
     const double step[3] = {oldTranslation[0] - pose[3], oldTranslation[1] - pose[7],
                             oldTranslation[2] - pose[11]};
-    costSettings.resample = resampleNext(samplingPoseInverse, pose, norm(dx, 3), norm(step, 3), s);
+    costSettings.resample =
+        resampleNext(samplingPoseInverse, pose, norm(dx, 3), norm(step, 3), s, movedPx);
   }
 
   if (inliers < s.minInliersAtEnd || m_quality.inlierFraction < r.minInlierFraction) {

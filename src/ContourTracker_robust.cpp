@@ -146,7 +146,7 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
       window[2] = width - 1;
       window[3] = height - 1;
     }
-    adaptiveThresholds(c, window, r);
+    adaptiveThresholds(c, window, 1, r);
     const int code = myCanny(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork, m_cannyStack,
                              width, height, m_cannyThresholds[c][0], m_cannyThresholds[c][1]);
     if (code != 0) return code;
@@ -157,7 +157,8 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
   return 0;
 }
 
-void ContourTracker::adaptiveThresholds(int c, const int* window, const RobustSettings& r) {
+void ContourTracker::adaptiveThresholds(int c, const int* window, int step,
+                                        const RobustSettings& r) {
   // The gradient's distribution where the object can be: its strongest
   // edges set the scale, so that faint footage gets low thresholds.
   const int width = m_imageWidth[c];
@@ -166,18 +167,22 @@ void ContourTracker::adaptiveThresholds(int c, const int* window, const RobustSe
   int histograms[4][kMagnitudeBins] = {};
   int* histogram = histograms[0];
   auto bin = [](int m) { return m < kMagnitudeBins ? m : kMagnitudeBins - 1; };
-  for (int y = window[1]; y <= window[3]; y++) {
+  long total = 0;
+  for (int y = window[1]; y <= window[3]; y += step) {
     const short* dx = m_gradX[c] + (long)y * width;
     const short* dy = m_gradY[c] + (long)y * width;
     int x = window[0];
-    for (; x + 3 <= window[2]; x += 4) {
-      for (int i = 0; i < 4; i++) histograms[i][bin(std::abs(dx[x + i]) + std::abs(dy[x + i]))]++;
+    for (; x + 3 * step <= window[2]; x += 4 * step) {
+      for (int i = 0; i < 4; i++) {
+        const int k = x + i * step;
+        histograms[i][bin(std::abs(dx[k]) + std::abs(dy[k]))]++;
+      }
+      total += 4;
     }
-    for (; x <= window[2]; x++) histogram[bin(std::abs(dx[x]) + std::abs(dy[x]))]++;
+    for (; x <= window[2]; x += step, total++) histogram[bin(std::abs(dx[x]) + std::abs(dy[x]))]++;
   }
   for (int m = 0; m < kMagnitudeBins; m++)
     histogram[m] += histograms[1][m] + histograms[2][m] + histograms[3][m];
-  const long total = (long)(window[2] - window[0] + 1) * (window[3] - window[1] + 1);
   long above = 0;
   int robustMax = kMagnitudeBins - 1;
   while (robustMax > 0 && above + histogram[robustMax] <= kRobustMaxShare * total) {

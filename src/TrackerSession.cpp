@@ -195,13 +195,15 @@ TrackResult TrackerSession::track(const unsigned char* const* images, double tim
   return r;
 }
 
-int TrackerSession::draw(unsigned char* bgr, int camera, double frameLength) {
+int TrackerSession::draw(unsigned char* bgr, int camera, double frameLength,
+                         const unsigned char* const* images) {
   if (!ok()) return m_code;
   if (!m_started || bgr == nullptr || camera < 0 || camera >= nCameras()) {
     printf("ERROR: TrackerSession::draw needs a started track, an image and a camera of 0 to %d\n",
            nCameras() - 1);
     return -1;
   }
+  if (images != nullptr && m_tracker->undistortAllImages(images) != 0) return -1;
   m_tracker->drawResult(m_lastPose, bgr, camera, frameLength > 0.0, frameLength, nullptr);
   return 0;
 }

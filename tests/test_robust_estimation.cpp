@@ -122,9 +122,9 @@ namespace {
 
 // The extension block of data/tracker_demo.txt's items.
 std::vector<double> demoExtensions() {
-  std::vector<double> block = {1,    0,    0,  0.3, 0.1, 1,   0.3, 0.5, 10,
-                               0.05, 0.01, 60, 0.55, 1.2, 0.2, 1,   8,   0};
-  block.insert(block.begin(), {ZOT_EXTENSION_MARKER, 1, 18});
+  std::vector<double> block = {1,    0,  0,    0.3, 0.1, 1, 0.3, 0.5, 10, 0.05,
+                               0.01, 60, 0.55, 1.2, 0.2, 1, 8,   0,   1};
+  block.insert(block.begin(), {ZOT_EXTENSION_MARKER, 1, 19});
   return block;
 }
 
@@ -165,8 +165,8 @@ TEST(RobustEstimation, TheExtensionBlockConfiguresTheEstimatorOrIsRefused) {
       {6, 0, "ERROR: extension item 4 (scale floor [px]) is 0, out of its range\n"},
       {14, -5, "ERROR: extension item 12 (recovery search range [px]) is -5, out of its range\n"},
       {-1, 0,
-       "ERROR: setup array too short (extension block): values 177 to 194 needed, it holds "
-       "194\nERROR: total numbers read 195 should be: 194\n"},
+       "ERROR: setup array too short (extension block): values 177 to 195 needed, it holds "
+       "195\nERROR: total numbers read 196 should be: 195\n"},
   };
   for (const Bad& b : bad) {
     std::vector<double> a = array;

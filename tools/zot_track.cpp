@@ -499,8 +499,12 @@ class OverlayWriter {
   ~OverlayWriter() { m_video.release(); }
 
   // Draws the frame's result at pose (the estimate, or the last good pose
-  // after a failure) into every camera's overlay and writes them.
-  void write(const FrameResult& r, const double* pose) {
+  // after a failure) over the frame's images into every camera's overlay
+  // and writes them.
+  void write(const FrameResult& r, const double* pose, const unsigned char* const* images) {
+    // The speed modes undistort only part of the image, or none of it.
+    const ZOTtracker::RobustSettings& modes = m_tracker.m_trackingParams.m_robust;
+    if (modes.regionOfInterest || modes.lensInProjection) m_tracker.undistortAllImages(images);
     std::vector<cv::Mat> views;
     for (int c = 0; c < m_tracker.m_nCameras; c++) {
       zot_sim::drawTrackingOverlay(m_tracker, c, pose, m_axisLength, m_colour[c].data());
@@ -837,7 +841,7 @@ std::vector<FrameResult> trackSequence(const Options& o, GenericObjectTracker& t
     }
     results.push_back(r);
     writeCsvRow(out.csv, r, pose, velocity, o.poseFormat == "matrix", !s.truth.empty());
-    if (out.overlays) out.overlays->write(r, lastGood);
+    if (out.overlays) out.overlays->write(r, lastGood, imagePtrs);
     if (o.perFrame && !o.quiet) {
       printf("%s\n", frameLine(r).c_str());
     } else if (!o.quiet) {
