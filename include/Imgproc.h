@@ -7,6 +7,8 @@
 /// from the caller.
 #pragma once
 
+#include <cmath>
+
 namespace ZOTtracker {
 
 // ================================================================ colour conversions
@@ -111,13 +113,52 @@ void initUndistortRectifyMap(const double* K, const double* distCoeffs, const do
 /// plane (z = 1, camera frame) through the distortion d (5 values) and
 /// the camera matrix K without its skew, into the distorted pixel (u, v).
 /// With jacobian (4 doubles, row-major) also d(u, v) / d(xp, yp).
-void distortNormalised(const double* K, const double* d, double xp, double yp, double* u, double* v,
-                       double* jacobian);
+inline void distortNormalised(const double* K, const double* d, double xp, double yp, double* u,
+                              double* v, double* jacobian) {
+  const double fx = K[0], cx = K[2], fy = K[4], cy = K[5];
+  const double k1 = d[0], k2 = d[1], p1 = d[2], p2 = d[3], k3 = d[4];
+  const double k4 = 0.0, k5 = 0.0, k6 = 0.0;  // rational model switched off
+  const double x2 = xp * xp, y2 = yp * yp, r2 = x2 + y2, _2xy = 2 * xp * yp;
+  const double kr = (1 + ((k3 * r2 + k2) * r2 + k1) * r2) / (1 + ((k6 * r2 + k5) * r2 + k4) * r2);
+  *u = fx * (xp * kr + p1 * _2xy + p2 * (r2 + 2 * x2)) + cx;
+  *v = fy * (yp * kr + p1 * (r2 + 2 * y2) + p2 * _2xy) + cy;
+  if (jacobian == nullptr) return;
+  // d kr / d r2, then the chain through r2 = x^2 + y^2.
+  const double dkr = (3 * k3 * r2 + 2 * k2) * r2 + k1;
+  jacobian[0] = fx * (kr + 2 * x2 * dkr + 2 * p1 * yp + 6 * p2 * xp);
+  jacobian[1] = fx * (_2xy * dkr + 2 * p1 * xp + 2 * p2 * yp);
+  jacobian[2] = fy * (_2xy * dkr + 2 * p1 * xp + 2 * p2 * yp);
+  jacobian[3] = fy * (kr + 2 * y2 * dkr + 6 * p1 * yp + 2 * p2 * xp);
+}
 
-/// Where the pinhole pixel (u, v) of K (skew included) appears in the
-/// distorted image: its ray through K^-1, then distortNormalised. Writes
-/// out (2) and, with jacobian (4 doubles, row-major), d out / d(u, v).
-/// Returns whether out is finite.
+/// A camera's lens ready for many pixels: K (skew included), its inverse
+/// and the distortion (k1, k2, p1, p2, k3), copied.
+struct LensModel {
+  LensModel(const double* K, const double* distortion);
+  /// Where the pinhole pixel (u, v) appears in the distorted image: its ray
+  /// through K^-1, then distortNormalised. Writes out (2) and, with
+  /// jacobian (4 doubles, row-major), d out / d(u, v). Returns whether out
+  /// is finite.
+  bool distort(double u, double v, double* out, double* jacobian) const {
+    const double K[9] = {fx, skew, cx, 0.0, fy, cy, 0.0, 0.0, 1.0};
+    const double yp = (v - cy) * invFy;
+    const double xp = (u - cx - skew * yp) * invFx;
+    double J[4];
+    distortNormalised(K, d, xp, yp, out, out + 1, jacobian != nullptr ? J : nullptr);
+    if (jacobian != nullptr) {
+      // d(xp, yp) / d(u, v) = [1/fx, -s/(fx fy); 0, 1/fy].
+      jacobian[0] = J[0] * invFx;
+      jacobian[1] = J[0] * skewTerm + J[1] * invFy;
+      jacobian[2] = J[2] * invFx;
+      jacobian[3] = J[2] * skewTerm + J[3] * invFy;
+    }
+    return std::isfinite(out[0]) && std::isfinite(out[1]);
+  }
+  double fx, fy, cx, cy, skew, invFx, invFy, skewTerm;
+  double d[5];
+};
+
+/// LensModel(K, d).distort(u, v, out, jacobian), for a single pixel.
 bool distortPixel(const double* K, const double* d, double u, double v, double* out,
                   double* jacobian);
 

@@ -671,9 +671,10 @@ void ContourTracker::projectThroughLens(const Multibody& model, int cam, const d
   if (cam < 0 || cam >= m_nCams) return;
   double* uv = m_projPoints[cam];
   double* normal = m_normals[cam];
+  const LensModel lens(K, distortion);
   for (int k = 0; k < n; k++) {
     double D[4], moved[2];
-    if (!distortPixel(K, distortion, uv[2 * k], uv[2 * k + 1], moved, D)) {
+    if (!lens.distort(uv[2 * k], uv[2 * k + 1], moved, D)) {
       uv[2 * k] = uv[2 * k + 1] = -1e9;  // unmatched, like a point far off the image
       continue;
     }

@@ -329,41 +329,21 @@ void initUndistortRectifyMap(const double* K, const double* distCoeffs, const do
   }
 }
 
-void distortNormalised(const double* K, const double* d, double xp, double yp, double* u, double* v,
-                       double* jacobian) {
-  const double fx = K[0], cx = K[2], fy = K[4], cy = K[5];
-  const double k1 = d[0], k2 = d[1], p1 = d[2], p2 = d[3], k3 = d[4];
-  const double k4 = 0.0, k5 = 0.0, k6 = 0.0;  // rational model switched off
-  const double x2 = xp * xp, y2 = yp * yp, r2 = x2 + y2, _2xy = 2 * xp * yp;
-  const double kr = (1 + ((k3 * r2 + k2) * r2 + k1) * r2) / (1 + ((k6 * r2 + k5) * r2 + k4) * r2);
-  *u = fx * (xp * kr + p1 * _2xy + p2 * (r2 + 2 * x2)) + cx;
-  *v = fy * (yp * kr + p1 * (r2 + 2 * y2) + p2 * _2xy) + cy;
-  if (jacobian == nullptr) return;
-  // d kr / d r2, then the chain through r2 = x^2 + y^2.
-  const double dkr = (3 * k3 * r2 + 2 * k2) * r2 + k1;
-  jacobian[0] = fx * (kr + 2 * x2 * dkr + 2 * p1 * yp + 6 * p2 * xp);
-  jacobian[1] = fx * (_2xy * dkr + 2 * p1 * xp + 2 * p2 * yp);
-  jacobian[2] = fy * (_2xy * dkr + 2 * p1 * xp + 2 * p2 * yp);
-  jacobian[3] = fy * (kr + 2 * y2 * dkr + 6 * p1 * yp + 2 * p2 * xp);
+LensModel::LensModel(const double* K, const double* distortion)
+    : fx(K[0]),
+      fy(K[4]),
+      cx(K[2]),
+      cy(K[5]),
+      skew(K[1]),
+      invFx(1.0 / K[0]),
+      invFy(1.0 / K[4]),
+      skewTerm(-K[1] / (K[0] * K[4])) {
+  for (int i = 0; i < 5; i++) d[i] = distortion[i];
 }
 
 bool distortPixel(const double* K, const double* d, double u, double v, double* out,
                   double* jacobian) {
-  // The ray of the pinhole pixel through K^-1 (skew included), as the maps
-  // take it.
-  const double yp = (v - K[5]) / K[4];
-  const double xp = (u - K[2] - K[1] * yp) / K[0];
-  double J[4];
-  distortNormalised(K, d, xp, yp, out, out + 1, jacobian != nullptr ? J : nullptr);
-  if (jacobian != nullptr) {
-    // d(xp, yp) / d(u, v) = [1/fx, -s/(fx fy); 0, 1/fy].
-    const double a = 1.0 / K[0], b = -K[1] / (K[0] * K[4]), c = 1.0 / K[4];
-    jacobian[0] = J[0] * a;
-    jacobian[1] = J[0] * b + J[1] * c;
-    jacobian[2] = J[2] * a;
-    jacobian[3] = J[2] * b + J[3] * c;
-  }
-  return std::isfinite(out[0]) && std::isfinite(out[1]);
+  return LensModel(K, d).distort(u, v, out, jacobian);
 }
 
 int initUndistortionTables(const double* mapX, const double* mapY, int* w00, int* w10, int* w01,
