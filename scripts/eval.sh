@@ -8,10 +8,11 @@
 #   EVAL_OUT  output directory (out/eval)
 #   JOBS      frames rendered in parallel (number of cores)
 #   TRACKER   tracker files to compare, blank-separated, each PATH or NAME=PATH;
-#             a PATH written whole:PATH is that file with the speed modes off
-#             (region of interest, lens in the projection: extension items 16
-#             and 19), so that one file is measured both ways (default:
-#             fast=data/tracker_demo.txt robust=whole:data/tracker_demo.txt
+#             whole:PATH is that file with the speed modes off (region of
+#             interest, lens in the projection: extension items 16 and 19),
+#             lens:PATH the file with the lens in the projection on, so that
+#             one file is measured every way (default: region=data/tracker_demo.txt
+#             lens=lens:data/tracker_demo.txt robust=whole:data/tracker_demo.txt
 #             designed=data/tracker_designed.txt)
 # Exit status: 0 when every scene rendered and every run set up; otherwise
 # non-zero, with the reason in the failed rows.
@@ -20,7 +21,7 @@ cd "$(dirname "$0")/.."
 BUILD=${BUILD:-build}
 OUT=${EVAL_OUT:-out/eval}
 JOBS=${JOBS:-$(nproc 2>/dev/null || echo 2)}
-TRACKER=${TRACKER:-"fast=data/tracker_demo.txt robust=whole:data/tracker_demo.txt designed=data/tracker_designed.txt"}
+TRACKER=${TRACKER:-"region=data/tracker_demo.txt lens=lens:data/tracker_demo.txt robust=whole:data/tracker_demo.txt designed=data/tracker_designed.txt"}
 RENDER=$BUILD/zot_render
 TRACK=$BUILD/zot_track
 EVAL=$BUILD/zot_eval
@@ -80,10 +81,14 @@ strict() {
        { n++; if (n == 8) print "15"; else if (n == 9) print "0.02 0.02"; else print }' "$1"
 }
 
-# The file with extension items 16 and 19 (value lines 32 and 35) set to 0.
+# The file with extension items 16 and 19 (value lines 32 and 35) set to 0;
+# with item 19 set to 1.
 whole_images() {
   awk '/^[ \t]*(#|$)/ { print; next }
        { n++; if (n == 32 || n == 35) print "0"; else print }' "$1"
+}
+lens_on() {
+  awk '/^[ \t]*(#|$)/ { print; next } { n++; if (n == 35) print "1"; else print }' "$1"
 }
 
 manifest=$OUT/manifest.tsv
@@ -94,7 +99,10 @@ for entry in $TRACKER; do
     *) file=$entry; name=$(basename "$file" .txt) ;;
   esac
   variant=copy
-  case $file in whole:*) file=${file#whole:}; variant=whole_images ;; esac
+  case $file in
+    whole:*) file=${file#whole:}; variant=whole_images ;;
+    lens:*) file=${file#lens:}; variant=lens_on ;;
+  esac
   for s in $SCENES; do
     source=$s
     [ "$s" = textured_box_strict ] && source=textured_box

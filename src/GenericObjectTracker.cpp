@@ -393,27 +393,19 @@ void GenericObjectTracker::computeImageRegions(const double* predicted, double g
 int GenericObjectTracker::detectEdges(const double* predicted) {
   const RobustSettings& r = m_trackingParams.m_robust;
   const bool adaptive = r.enabled && r.cannyAutoRatio > 0.0;
-  if (r.regionOfInterest) {
-    const int* regionOf[ZOT_MAX_CAMERAS];
-    for (int c = 0; c < ZOT_MAX_CAMERAS; c++) regionOf[c] = m_imageRegion[c];
-    return m_contourTracker.edgeDetectRegions(
-        m_undistortedImage, regionOf, m_trackingParams.m_cannyLowThreshold,
-        m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr);
-  }
-  if (!adaptive) return edgeDetectAllImages();
-  // Thresholds from where the object can be: its predicted outline, grown
-  // by the distance a match or a recovery may search.
-  int regions[ZOT_MAX_CAMERAS][4];
+  if (!r.regionOfInterest && !adaptive) return edgeDetectAllImages();
+  // Whole images take their thresholds from where the object can be: its
+  // predicted outline, grown by the distance a match or a recovery may
+  // search. The region of interest is that place already.
+  if (!r.regionOfInterest)
+    computeImageRegions(predicted, m_trackingParams.m_searchRange + r.recoveryRangePx);
   const int* regionOf[ZOT_MAX_CAMERAS];
-  const double grow = m_trackingParams.m_searchRange + r.recoveryRangePx;
-  for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
-    double T[16];
-    matrixProduct444(m_toolToCamera[c], predicted, T);
-    m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow, regions[c],
-                                m_lensDistortion[c]);
-    regionOf[c] = regions[c];
-  }
-  return m_contourTracker.edgeDetectAdaptive(m_undistortedImage, regionOf, r);
+  for (int c = 0; c < ZOT_MAX_CAMERAS; c++) regionOf[c] = m_imageRegion[c];
+  if (!r.regionOfInterest)
+    return m_contourTracker.edgeDetectAdaptive(m_undistortedImage, regionOf, r);
+  return m_contourTracker.edgeDetectRegions(
+      m_undistortedImage, regionOf, m_trackingParams.m_cannyLowThreshold,
+      m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr);
 }
 
 GaussNewtonSettings GenericObjectTracker::loopSettings(const double* dofMask, bool timing,

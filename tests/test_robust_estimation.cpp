@@ -123,7 +123,7 @@ namespace {
 // The extension block of data/tracker_demo.txt's items.
 std::vector<double> demoExtensions() {
   std::vector<double> block = {1,    0,  0,    0.3, 0.1, 1, 0.3, 0.5, 10, 0.05,
-                               0.01, 60, 0.55, 1.2, 0.2, 1, 8,   1,   1};
+                               0.01, 60, 0.55, 1.2, 0.2, 1, 8,   1,   0};
   block.insert(block.begin(), {ZOT_EXTENSION_MARKER, 1, 19});
   return block;
 }
