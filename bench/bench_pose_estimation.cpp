@@ -178,7 +178,7 @@ void BM_PoseEstimation(benchmark::State& state, const char* cameraFile, const ch
 // The designed estimator (tracker_designed.txt) and the robust one
 // (tracker_demo.txt), side by side on the same frames: on whole undistorted
 // images (0), in the region of interest (1), and in the region with the lens
-// in the projection (2, "fast": the sample file's own setting).
+// in the projection (2, "fast"). The sample file's own setting is 1.
 constexpr const char* kDesigned = "tracker_designed.txt";
 constexpr const char* kRobust = "tracker_demo.txt";
 #define ZOT_FRAME_BENCHMARK(name, ...)                    \
@@ -198,6 +198,7 @@ ZOT_FRAME_BENCHMARK(stereo_robust, "camera_stereo.txt", kRobust, 4, 0);
 ZOT_FRAME_BENCHMARK(stereo_robust_region, "camera_stereo.txt", kRobust, 4, 1);
 ZOT_FRAME_BENCHMARK(stereo_robust_fast, "camera_stereo.txt", kRobust, 4, 2);
 ZOT_FRAME_BENCHMARK(mono_robust_1920x1440, "camera_mono.txt", kRobust, 4, 0, 3);
+ZOT_FRAME_BENCHMARK(mono_robust_region_1920x1440, "camera_mono.txt", kRobust, 4, 1, 3);
 ZOT_FRAME_BENCHMARK(mono_robust_fast_1920x1440, "camera_mono.txt", kRobust, 4, 2, 3);
 
 }  // namespace

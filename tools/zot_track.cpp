@@ -510,6 +510,11 @@ class OverlayWriter {
       zot_sim::drawTrackingOverlay(m_tracker, c, pose, m_axisLength, m_colour[c].data());
       cv::Mat view(m_tracker.m_imageHeight[c], m_tracker.m_imageWidth[c], CV_8UC3,
                    m_colour[c].data());
+      // The region the frame processed, where it is one of this picture.
+      const int* region = m_tracker.m_imageRegion[c];
+      if (modes.regionOfInterest && !modes.lensInProjection && region[0] <= region[2])
+        cv::rectangle(view, cv::Point(region[0], region[1]), cv::Point(region[2], region[3]),
+                      cv::Scalar(200, 160, 0), 1);
       char text[200];
       if (r.status == 0 && r.hasError)
         snprintf(text, sizeof text, "cam %d  frame %d  OK  err %.2f mm / %.2f deg", c, r.frame,
