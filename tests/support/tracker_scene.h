@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "GenericObjectTracker.h"
+#include "Math.h"
 #include "render_scene.h"
 #include "sim_mesh.h"
 
@@ -71,9 +72,16 @@ std::vector<unsigned char> chamferedBoxGreys();
 // above the top face, so that the renderer shows its outline.
 zot_sim::Mesh slotPlateMesh();
 
+// Pixel (u, v) of object point X under pose T and K (no skew).
+inline void projectObjectPoint(const double* T, const double* K, const double* X, double* uv) {
+  double Y[3];
+  ZOTtracker::transformPoint3d(T, X, Y);
+  uv[0] = Y[0] / Y[2] * K[0] + K[2];
+  uv[1] = Y[1] / Y[2] * K[4] + K[5];
+}
+
 // pose * [R(axis, angleDeg) t]: the pose moved in its own frame.
-void perturb(const double* pose, const double* axis, double angleDeg, const double* t,
-             double* out);
+void perturb(const double* pose, const double* axis, double angleDeg, const double* t, double* out);
 
 // ---------------------------------------------------------------- rig
 class TrackerScene {
