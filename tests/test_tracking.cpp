@@ -79,28 +79,15 @@ class PoseEstimation : public ::testing::Test {
   }
   // One frame from m_start (initialise) or from the filter.
   int frame(double time, bool initialise, bool timing = false) {
-    return tracker().poseEstimation(m_scene.m_imagePtrs, time, m_tool, m_start, kZero, 0.0,
-                                    m_pose, m_velocity, m_covariance, nullptr, initialise, timing,
-                                    false, false);
+    return tracker().poseEstimation(m_scene.m_imagePtrs, time, m_tool, m_start, kZero, 0.0, m_pose,
+                                    m_velocity, m_covariance, nullptr, initialise, timing, false,
+                                    false);
   }
   GenericObjectTracker& tracker() { return *m_scene.m_tracker; }
   zot_sim::Mesh m_mesh;
   TrackerScene m_scene;
   double m_truth[16], m_tool[16], m_start[16];
   double m_pose[16], m_velocity[6], m_covariance[36];
-};
-
-// Filter state that a refused frame must leave alone.
-struct FilterSnapshot {
-  explicit FilterSnapshot(const KalmanFilter& kf) : lastTime(kf.m_lastTime) {
-    std::memcpy(state, kf.m_stateEst, sizeof state);
-    std::memcpy(cov, kf.m_covEst, sizeof cov);
-  }
-  bool same(const KalmanFilter& kf) const {
-    return kf.m_lastTime == lastTime && std::memcmp(state, kf.m_stateEst, sizeof state) == 0 &&
-           std::memcmp(cov, kf.m_covEst, sizeof cov) == 0;
-  }
-  double lastTime, state[12], cov[144];
 };
 
 }  // namespace
@@ -143,12 +130,12 @@ TEST_F(PoseEstimation, SeededRandomStartsAreTrackedBackSilently) {
 // frame is refused before anything changes; each says why.
 TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   render(m_truth);
-  const FilterSnapshot fresh(tracker().m_kalmanFilter);
+  const zot_test::FilterSnapshot fresh(tracker().m_kalmanFilter);
   GenericObjectTracker& t = tracker();
   unsigned char* noImage[1] = {nullptr};
   // A new track with one input missing or wrong.
-  auto start = [&](unsigned char** images, const double* tool, const double* pose,
-                   double poseTime, double time = 0.0) {
+  auto start = [&](unsigned char** images, const double* tool, const double* pose, double poseTime,
+                   double time = 0.0) {
     return t.poseEstimation(images, time, tool, pose, kZero, poseTime, m_pose, m_velocity,
                             m_covariance, nullptr, true, false, false, false);
   };
@@ -169,7 +156,7 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   EXPECT_TRUE(fresh.same(t.m_kalmanFilter)) << "the track must not have started";
   ASSERT_EQ(frame(1.0, true), 0);
   preset();
-  const FilterSnapshot before(t.m_kalmanFilter);
+  const zot_test::FilterSnapshot before(t.m_kalmanFilter);
   CaptureStdout();
   EXPECT_EQ(frame(0.5, false), -1);
   GetCapturedStdout();
@@ -179,7 +166,7 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   // An empty image loses the object; the filter stays.
   std::fill(m_scene.m_images[0].begin(), m_scene.m_images[0].end(), 30);
   preset();
-  const FilterSnapshot tracked(t.m_kalmanFilter);
+  const zot_test::FilterSnapshot tracked(t.m_kalmanFilter);
   EXPECT_EQ(frame(1.04, false), ZOT_ERR_TOO_MANY_OUTLIERS);
   EXPECT_TRUE(tracked.same(t.m_kalmanFilter));
   EXPECT_TRUE(std::all_of(m_pose, m_pose + 16, [](double v) { return v == 7.0; }));
@@ -205,8 +192,9 @@ TEST_F(PoseEstimation, AFrameAllocatesNothingAndTimesItsSteps) {
   }
   const std::string log(m_global_output_string, m_global_output_string_counter);
   m_global_output_string_counter = 0;
-  for (const char* step : {"Undistortion (2x) - elapsed [ms]: ", "Edge detection (2x) - elapsed [ms]: ",
-                           "Total Gauss-Newton loop (pose estimation) - elapsed [ms]: "})
+  for (const char* step :
+       {"Undistortion (2x) - elapsed [ms]: ", "Edge detection (2x) - elapsed [ms]: ",
+        "Total Gauss-Newton loop (pose estimation) - elapsed [ms]: "})
     EXPECT_NE(log.find(step), std::string::npos) << log;
   const FrameStageTimes& times = tracker().lastFrameTimes();
   EXPECT_GT(times.poseUpdateMs, 0.0);
@@ -308,9 +296,9 @@ SequenceResult trackSequence(TrackerScene& scene, int frames, bool withSlot) {
     matrixProduct444(toolInv, part, truth);
     scene.render(truth, objects, 40, 2, 1.5, (unsigned)k + 1);
     double pose[16], velocity[6], covariance[36];
-    const int code = tracker.poseEstimation(scene.m_imagePtrs, k * 0.04, tool, start, kZero, 0.0,
-                                            pose, velocity, covariance, nullptr, k == 0, false,
-                                            false, false);
+    const int code =
+        tracker.poseEstimation(scene.m_imagePtrs, k * 0.04, tool, start, kZero, 0.0, pose, velocity,
+                               covariance, nullptr, k == 0, false, false, false);
     EXPECT_EQ(code, 0) << "frame " << k;
     if (code != 0) return r;
     double distance, degrees;
@@ -387,10 +375,10 @@ void runScenario(const Scenario& s) {
   {
     const std::string dir = tools + "/e2e/" + s.name, seq = dir + "/seq/";
     zot_test::freshDirectory(dir);
-    const zot_test::CommandResult render = zot_test::runCommand(
-        tools + "/zot_render -q --config " + data + " --frames 30 --speed 2 " + s.renderOptions +
-            " " + dir + "/seq",
-        dir + "/render");
+    const zot_test::CommandResult render =
+        zot_test::runCommand(tools + "/zot_render -q --config " + data + " --frames 30 --speed 2 " +
+                                 s.renderOptions + " " + dir + "/seq",
+                             dir + "/render");
     ASSERT_EQ(render.status, 0) << render.err;
     std::string images;
     for (int c = 0; c < s.cameras; c++)
@@ -426,8 +414,8 @@ void runScenario(const Scenario& s) {
 }  // namespace
 
 TEST(EndToEnd, MonoCameraWithoutDistortion) {
-  runScenario({"mono", "--camera camera_mono.txt --no-distortion --background plain", 1, 2, 1,
-               0.6, 0.3});
+  runScenario(
+      {"mono", "--camera camera_mono.txt --no-distortion --background plain", 1, 2, 1, 0.6, 0.3});
 }
 TEST(EndToEnd, StereoPairWithDistortion) {
   runScenario(

@@ -4,6 +4,7 @@
 // distortion by the independent ray caster.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -82,6 +83,21 @@ inline void projectObjectPoint(const double* T, const double* K, const double* X
 
 // pose * [R(axis, angleDeg) t]: the pose moved in its own frame.
 void perturb(const double* pose, const double* axis, double angleDeg, const double* t, double* out);
+
+// The Kalman filter's estimate, bit for bit: what a refused call must leave.
+struct FilterSnapshot {
+  explicit FilterSnapshot(const ZOTtracker::KalmanFilter& kf) : lastTime(kf.m_lastTime) {
+    std::memcpy(pose, kf.m_Test, sizeof pose);
+    std::memcpy(state, kf.m_stateEst, sizeof state);
+    std::memcpy(cov, kf.m_covEst, sizeof cov);
+  }
+  bool same(const ZOTtracker::KalmanFilter& kf) const {
+    return kf.m_lastTime == lastTime && std::memcmp(pose, kf.m_Test, sizeof pose) == 0 &&
+           std::memcmp(state, kf.m_stateEst, sizeof state) == 0 &&
+           std::memcmp(cov, kf.m_covEst, sizeof cov) == 0;
+  }
+  double lastTime, pose[16], state[12], cov[144];
+};
 
 // ---------------------------------------------------------------- rig
 class TrackerScene {
