@@ -126,8 +126,9 @@ TEST_F(PoseEstimation, SeededRandomStartsAreTrackedBackSilently) {
   EXPECT_EQ(kf.m_lastTime, 14.0);
 }
 
-// Without a track, with time running backwards or with missing input the
-// frame is refused before anything changes; each says why.
+// Without a track, with time running backwards, with missing input or with
+// poses that are no rigid transform the frame is refused before anything
+// changes; each says why.
 TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   render(m_truth);
   const zot_test::FilterSnapshot fresh(tracker().m_kalmanFilter);
@@ -145,6 +146,27 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   EXPECT_EQ(start(m_scene.m_imagePtrs, nullptr, m_start, 0.0), -1);
   EXPECT_EQ(start(m_scene.m_imagePtrs, m_tool, nullptr, 0.0), -1);
   EXPECT_EQ(start(m_scene.m_imagePtrs, m_tool, m_start, -1.0), -1);
+  // Poses that are no rigid transform, by a host's mistake or malice; entry:
+  // of the tool pose (0..15) or of the initial pose (16..31).
+  const struct {
+    const char* fault;
+    int entry;
+    double value;
+  } hostile[] = {{"NaN in the tool rotation", 5, NAN},
+                 {"infinite tool translation", 3, INFINITY},
+                 {"huge tool rotation entry", 0, 5e10},
+                 {"tool pose with a bad last row", 14, 1.0},
+                 {"reflection as initial pose", 16 + 10, -1.0},
+                 {"initial rotation scaled by 1.001", 16 + 0, 1.001},
+                 {"NaN in the initial translation", 16 + 11, NAN}};
+  for (const auto& row : hostile) {
+    double poses[32];
+    matrixIdentity(poses, 4);
+    matrixIdentity(poses + 16, 4);
+    poses[16 + 11] = 400.0;
+    poses[row.entry] = row.value;
+    EXPECT_EQ(start(m_scene.m_imagePtrs, poses, poses + 16, 0.0), -1) << row.fault;
+  }
   const std::string out = GetCapturedStdout();
   EXPECT_NE(out.find("ERROR: poseEstimation: no image for camera 0\n"
                      "ERROR: poseEstimation: no tool pose\n"
@@ -154,6 +176,8 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
       << out;
   EXPECT_TRUE(outputsUntouched());
   EXPECT_TRUE(fresh.same(t.m_kalmanFilter)) << "the track must not have started";
+  // A tool rotation rounded to single precision is still taken.
+  for (int i : {0, 1, 2, 4, 5, 6, 8, 9, 10}) m_tool[i] = (float)m_tool[i];
   ASSERT_EQ(frame(1.0, true), 0);
   preset();
   const zot_test::FilterSnapshot before(t.m_kalmanFilter);
@@ -372,45 +396,44 @@ void runScenario(const Scenario& s) {
   const std::string tools = ZOT_TOOLS_DIR, data = ZOT_DATA_DIR;
   if (!zot_sim::pathExists(tools + "/zot_track") || !zot_sim::pathExists(tools + "/zot_render"))
     GTEST_SKIP() << "zot_track and zot_render are built only with OpenCV";
-  {
-    const std::string dir = tools + "/e2e/" + s.name, seq = dir + "/seq/";
-    zot_test::freshDirectory(dir);
-    const zot_test::CommandResult render =
-        zot_test::runCommand(tools + "/zot_render -q --config " + data + " --frames 30 --speed 2 " +
-                                 s.renderOptions + " " + dir + "/seq",
-                             dir + "/render");
-    ASSERT_EQ(render.status, 0) << render.err;
-    std::string images;
-    for (int c = 0; c < s.cameras; c++)
-      images += " --images " + seq + "cam" + std::to_string(c) + "/%06d.png";
-    const zot_test::CommandResult track = zot_test::runCommand(
-        tools + "/zot_track -q --config " + seq + images + " --times " + seq + "times.txt" +
-            " --tool-poses " + seq + "tool_poses.txt --initial-pose " + seq +
-            "initial_pose.txt --out " + dir + "/out",
-        dir + "/track");
-    EXPECT_EQ(track.status, 0) << "every frame tracked\n" << track.err;
-    std::vector<zot_test::TrackedFrame> frames;
-    std::vector<zot_sim::Pose> truth;
-    std::string error;
-    ASSERT_TRUE(zot_test::readPosesCsv(dir + "/out/poses.csv", frames, error)) << error;
-    ASSERT_TRUE(zot_sim::readPoseFile(seq + "truth_poses.txt", truth, error)) << error;
-    ASSERT_EQ(frames.size(), 30u);
-    ASSERT_EQ(truth.size(), 30u);
-    double sumT = 0.0, sumR = 0.0;
-    for (size_t i = 0; i < frames.size(); i++) {
-      ASSERT_EQ(frames[i].status, 0) << "frame " << i << ": " << frames[i].message;
-      double dt, dr;
-      zot_sim::poseError(frames[i].pose, truth[i].data(), &dt, &dr);
-      EXPECT_LE(dt, s.maxT) << "frame " << i;
-      EXPECT_LE(dr, s.maxR) << "frame " << i;
-      sumT += dt;
-      sumR += dr;
-    }
-    EXPECT_LE(sumT / frames.size(), s.meanT);
-    EXPECT_LE(sumR / frames.size(), s.meanR);
-    if (!testing::Test::HasFailure()) zot_test::runCommand("rm -rf '" + seq + "'", dir + "/clean");
+  const std::string dir = tools + "/e2e/" + s.name, seq = dir + "/seq/";
+  zot_test::freshDirectory(dir);
+  const zot_test::CommandResult render =
+      zot_test::runCommand(tools + "/zot_render -q --config " + data + " --frames 30 --speed 2 " +
+                               s.renderOptions + " " + dir + "/seq",
+                           dir + "/render");
+  ASSERT_EQ(render.status, 0) << render.err;
+  std::string images;
+  for (int c = 0; c < s.cameras; c++)
+    images += " --images " + seq + "cam" + std::to_string(c) + "/%06d.png";
+  const zot_test::CommandResult track = zot_test::runCommand(
+      tools + "/zot_track -q --config " + seq + images + " --times " + seq + "times.txt" +
+          " --tool-poses " + seq + "tool_poses.txt --initial-pose " + seq +
+          "initial_pose.txt --out " + dir + "/out",
+      dir + "/track");
+  EXPECT_EQ(track.status, 0) << "every frame tracked\n" << track.err;
+  std::vector<zot_test::TrackedFrame> frames;
+  std::vector<zot_sim::Pose> truth;
+  std::string error;
+  ASSERT_TRUE(zot_test::readPosesCsv(dir + "/out/poses.csv", frames, error)) << error;
+  ASSERT_TRUE(zot_sim::readPoseFile(seq + "truth_poses.txt", truth, error)) << error;
+  ASSERT_EQ(frames.size(), 30u);
+  ASSERT_EQ(truth.size(), 30u);
+  double sumT = 0.0, sumR = 0.0;
+  for (size_t i = 0; i < frames.size(); i++) {
+    ASSERT_EQ(frames[i].status, 0) << "frame " << i << ": " << frames[i].message;
+    double dt, dr;
+    zot_sim::poseError(frames[i].pose, truth[i].data(), &dt, &dr);
+    EXPECT_LE(dt, s.maxT) << "frame " << i;
+    EXPECT_LE(dr, s.maxR) << "frame " << i;
+    sumT += dt;
+    sumR += dr;
   }
+  EXPECT_LE(sumT / frames.size(), s.meanT);
+  EXPECT_LE(sumR / frames.size(), s.meanR);
+  if (!testing::Test::HasFailure()) zot_test::runCommand("rm -rf '" + seq + "'", dir + "/clean");
 }
+
 }  // namespace
 
 TEST(EndToEnd, MonoCameraWithoutDistortion) {
