@@ -20,7 +20,6 @@
 #include "ContourTracker.h"
 #include "IO.h"
 #include "Math.h"
-#include "box_models.h"
 #include "memory_handling.h"
 #include "synthetic_images.h"
 #include "tracker_scene.h"
@@ -98,18 +97,18 @@ class Rig : public ::testing::Test {
     ASSERT_EQ(t().edgeDetect(m_scene.m_imagePtrs, 50, 100), 0);
   }
   int run(double* pose, const LoopParams& p, double* covariance = nullptr, bool verbose = false) {
-    return t().poseUpdateLoop(
-        model(), m_scene.m_imagePtrs, pose, covariance, camFromTool(), K(), p.maxIterations,
-        p.convRotDeg, p.convTransl, p.maxAbsRotDeg, p.maxAbsTransl, p.facingTolerance,
-        p.samplingStep, p.minEdgeLength, p.searchRange, p.maxAngleDeg, p.minInliers,
-        p.minInliersAtEnd, p.maxFinalCost, p.resampleRotDeg, p.resampleTransl, p.dofMask, false,
-        false, verbose);
+    return t().poseUpdateLoop(model(), m_scene.m_imagePtrs, pose, covariance, camFromTool(), K(),
+                              p.maxIterations, p.convRotDeg, p.convTransl, p.maxAbsRotDeg,
+                              p.maxAbsTransl, p.facingTolerance, p.samplingStep, p.minEdgeLength,
+                              p.searchRange, p.maxAngleDeg, p.minInliers, p.minInliersAtEnd,
+                              p.maxFinalCost, p.resampleRotDeg, p.resampleTransl, p.dofMask, false,
+                              false, verbose);
   }
   // Stacked cost (and Jacobian) at m_pose, no resampling of injected samples.
   int evaluate(double searchRange, bool match = true) {
-    return t().computeOverallCostAndJacobian(model(), m_cost, m_pose, camFromTool(), K(), 1.0,
-                                             1.0, 4, searchRange, 20.0, true, true, false, match,
-                                             false, false, false);
+    return t().computeOverallCostAndJacobian(model(), m_cost, m_pose, camFromTool(), K(), 1.0, 1.0,
+                                             4, searchRange, 20.0, true, true, false, match, false,
+                                             false, false);
   }
   // Puts samples (3 doubles each) with their tangents into camera 0's buffers.
   void inject(const std::vector<double>& points, const std::vector<double>& tangents) {
@@ -148,7 +147,8 @@ class Reprojection : public Rig {
     for (int i = 0; i < 3; i++)  // P = [K | 0] * camFromTool
       for (int j = 0; j < 4; j++) {
         m_P[4 * i + j] = 0.0;
-        for (int k = 0; k < 3; k++) m_P[4 * i + j] += K()[0][3 * i + k] * camFromTool()[0][4 * k + j];
+        for (int k = 0; k < 3; k++)
+          m_P[4 * i + j] += K()[0][3 * i + k] * camFromTool()[0][4 * k + j];
       }
     inject(kPoints, kTangents);
   }

@@ -13,6 +13,7 @@
 
 #include "IO.h"
 #include "Imgproc.h"
+#include "lens.h"
 #include "synthetic_images.h"
 
 using namespace ZOTtracker;
@@ -315,7 +316,7 @@ TEST(Undistortion, MapsFollowTheDistortionModelWithRectificationAndNewCameraMatr
         const double yc = (y - A[5]) / A[4], xc = (x - A[2] - A[1] * yc) / A[0];
         double r[3], xd, yd;
         for (int i = 0; i < 3; i++) r[i] = Rc[i] * xc + Rc[3 + i] * yc + Rc[6 + i];
-        zot_test::distortNormalized(dist, r[0] / r[2], r[1] / r[2], &xd, &yd);
+        zot_sim::distortNormalized(dist, r[0] / r[2], r[1] / r[2], &xd, &yd);
         EXPECT_NEAR(mx[(size_t)y * w + x], K[0] * xd + K[2], 1e-9) << x << "," << y;
         EXPECT_NEAR(my[(size_t)y * w + x], K[4] * yd + K[5], 1e-9) << x << "," << y;
       }

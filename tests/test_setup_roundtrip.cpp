@@ -1,11 +1,13 @@
 // Configuration from end to end: text files into the setup array (line rules,
 // error codes and messages, the bounded parser), the array into a tracker
-// (total check, capacity checks, reading rules, undistortion tables), and the
-// round trip through the header that the build compiles in.
+// (total check, capacity checks, refusals of what can never track, reading
+// rules, undistortion tables), and the round trips through the header that
+// the build compiles in and through the setup array codec.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +22,7 @@
 #include "GenericObjectTracker.h"
 #include "IO.h"
 #include "Math.h"
+#include "SetupArray.h"
 #include "memory_handling.h"
 #include "tool_runner.h"
 #include "tracker_scene.h"
@@ -34,7 +37,6 @@
 using namespace ZOTtracker;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
-using zot_test::SetupCamera;
 
 namespace {
 
@@ -100,8 +102,8 @@ class ConfigFiles : public ::testing::Test {
 // Two 160 x 120 cameras, the first with tangential distortion p2, the
 // converging parameters and a box.
 std::vector<double> smallArray(double p2 = 0.0) {
-  std::vector<SetupCamera> cams(2);
-  for (SetupCamera& c : cams) {
+  std::vector<zot_test::SetupCamera> cams(2);
+  for (zot_test::SetupCamera& c : cams) {
     c.width = 160;
     c.height = 120;
     c.fx = c.fy = 160.0;
@@ -122,6 +124,18 @@ int setupWith(GenericObjectTracker& tracker, const std::vector<double>& a, std::
   const int code = tracker.setupFromGlobalArray((int)exact.size(), exact.data());
   *out = GetCapturedStdout();
   return code;
+}
+
+// Decodes `array`, checks that it encodes back bit for bit and that one
+// value less room is refused, not overrun; returns the decoded set-up.
+std::unique_ptr<SetupArray> expectRoundTrip(const std::vector<double>& array) {
+  auto setup = std::make_unique<SetupArray>();
+  EXPECT_TRUE(decodeSetupArray(array.data(), (int)array.size(), *setup));
+  std::vector<double> out(array.size() + 1);
+  EXPECT_EQ(encodeSetupArray(*setup, out.data(), (int)out.size()), (int)array.size());
+  EXPECT_EQ(memcmp(out.data(), array.data(), array.size() * sizeof(double)), 0);
+  EXPECT_EQ(encodeSetupArray(*setup, out.data(), (int)array.size() - 1), -1);
+  return setup;
 }
 
 class TrackerSetup : public ::testing::Test {
@@ -146,8 +160,8 @@ TEST_F(ConfigFiles, HandWrittenFilesGiveTheirValuesInOrder) {
   ASSERT_EQ(m_count, 28);
   EXPECT_TRUE(std::equal(kCameraValues, kCameraValues + 28, m_array.begin()));
   // Comment lines of any length; item lines up to 199 characters.
-  write("tracker.txt", "#" + std::string(400, 'c') + "\n" + "400" + std::string(196, ' ') +
-                           "\n" + (std::strchr(kTrackerText, '\n') + 1));
+  write("tracker.txt", "#" + std::string(400, 'c') + "\n" + "400" + std::string(196, ' ') + "\n" +
+                           (std::strchr(kTrackerText, '\n') + 1));
   ASSERT_EQ(parse("tracker", "tracker.txt"), 0);
   ASSERT_EQ(m_count, 23);
   EXPECT_TRUE(std::equal(kTrackerValues, kTrackerValues + 23, m_array.begin()));
@@ -309,7 +323,8 @@ TEST_F(ConfigFiles, TheHeaderRoundTripKeepsTheSampleConfiguration) {
             "ERROR: cannot open " +
                 m_dir + "/no/dir/global_array_declaration.h for writing\n");
 #if ZOT_HAVE_COMPILED_SETUP
-  const std::vector<double> sample = zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_stereo.txt", "tracker.txt");
+  const std::vector<double> sample =
+      zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_stereo.txt", "tracker.txt");
   ASSERT_EQ(setup_global_array_counter, (int)sample.size());
   for (size_t i = 0; i < sample.size(); i++) {
     EXPECT_NEAR(setup_global_array[i], sample[i], 5e-7) << i;
@@ -384,7 +399,8 @@ TEST_F(TrackerSetup, BadArraysAreRefusedWithTheirMessage) {
       {camera1, 0.0, 0, "ERROR: camera 1: image of 0 x 120 pixels, each side must be 1 to 16384\n"},
       {camera1 - 1, 51.0, 0,
        "ERROR: setup array value 27: 51 mask polygons, at most 50 are supported\n"},
-      {model, 101.0, 0, "ERROR: setup array value 78: 101 local frames, at most 100 are supported\n"},
+      {model, 101.0, 0,
+       "ERROR: setup array value 78: 101 local frames, at most 100 are supported\n"},
       {model + 1, 51.0, 0, "ERROR: setup array value 79: 51 bodies, at most 50 are supported\n"},
       {body, 3.0, 0,
        "ERROR: body 1 has the unknown type 3 (0 polyhedron, 1 polyline, 2 cylinder)\n"},
@@ -414,7 +430,7 @@ TEST_F(TrackerSetup, BadArraysAreRefusedWithTheirMessage) {
   }
   // A polyline edge to a fourth of three vertices, eleven mask vertices, a
   // cylinder without an axis, no array at all.
-  std::vector<SetupCamera> cams(1);
+  std::vector<zot_test::SetupCamera> cams(1);
   cams[0].masks = {{0, 0, 10, 0, 10, 10}};
   std::vector<double> a;
   zot_test::appendCameraSection(a, cams);
@@ -494,7 +510,8 @@ TEST_F(TrackerSetup, OnlyDistortedCamerasGoThroughTheUndistortionTables) {
     const int x = (int)u, y = (int)v;
     const double fx = u - x, fy = v - y;
     const unsigned char* s = &a[(size_t)y * 160 + x];
-    const double e = (1 - fy) * ((1 - fx) * s[0] + fx * s[1]) + fy * ((1 - fx) * s[160] + fx * s[161]);
+    const double e =
+        (1 - fy) * ((1 - fx) * s[0] + fx * s[1]) + fy * ((1 - fx) * s[160] + fx * s[161]);
     off += std::fabs(t.m_undistortedImage[0][i] - e) > 5.0;
     inside++;
   }
@@ -510,4 +527,77 @@ TEST_F(TrackerSetup, OnlyDistortedCamerasGoThroughTheUndistortionTables) {
   CaptureStdout();
   EXPECT_EQ(t.undistortAllImages(missing), -1);
   EXPECT_EQ(GetCapturedStdout(), "ERROR: undistortAllImages: no image for camera 0\n");
+}
+
+// What can never track is refused up front with one line naming the value,
+// the same line from the set-up and from the codec.
+TEST_F(TrackerSetup, WhatCanNeverTrackIsRefusedWithOneLineNamingTheValue) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const int kCam0 = 1, kCam1 = 37, kTracking = 73, kBodies = 121, kSupport = 195;
+  struct Refusal {
+    const char* message;
+    int at;  // the value written here and at the n - 1 after
+    double value;
+    int n = 1;
+  };
+  const std::vector<double> sample = zot_test::sampleSetupArray(ZOT_DATA_DIR);
+  ASSERT_EQ(sample.size(), 219u);
+  const Refusal cases[] = {
+      {"ERROR: setup array value 0: -2 cameras, at least 1 is needed\n", 0, -2},
+      {"ERROR: setup array value 121: 0 bodies, at least 1 is needed\n", kBodies, 0},
+      {"ERROR: camera 0: fx is nan, must be finite and > 0\n", kCam0 + 4, nan},
+      {"ERROR: camera 1: fx is 0, must be finite and > 0\n", kCam1 + 4, 0},
+      {"ERROR: camera 1: near depth is 0, must be finite and > 0\n", kCam1 + 2, 0},
+      {"ERROR: camera 0: far depth is 1500, must be finite and > the near depth 2000\n", kCam0 + 2,
+       2000},
+      {"ERROR: camera 0: far depth is nan, must be finite and > the near depth 50\n", kCam0 + 3,
+       nan},
+      {"ERROR: camera 0: distortion p1 is nan, must be finite\n", kCam0 + 11, nan},
+      {"ERROR: camera 1: distortion k1 is nan, must be finite\n", kCam1 + 9, nan, 5},
+      {"ERROR: camera 0: pose value 8 (row 2, column 4) is inf, must be finite\n", kCam0 + 21,
+       INFINITY},
+      {"ERROR: camera 0: pose rotation is not a rotation: |R^T R - I| reaches 3.0076 (at most "
+       "1e-05)",
+       kCam0 + 14, 2.0},
+      {"), det -1 (must be > 0)\n", kCam1 + 19, -1.0},  // a mirror
+      {"ERROR: camera 1: mask polygon 1 vertex 2 is not finite\n", kCam1 + 31, nan},
+      {"ERROR: tracking parameters: 0 sample points per camera, at least 1 is needed\n", kTracking,
+       0},
+      {"ERROR: tracking parameters: sampling step 0, must be at least 1 pixel\n", kTracking + 2,
+       0.9},
+      {"ERROR: setup array value 195 (supporting body) is not an index: -2147483648\n", kSupport,
+       INT_MIN},
+  };
+  for (const Refusal& c : cases) {
+    std::vector<double> a = sample;
+    std::fill(a.begin() + c.at, a.begin() + c.at + c.n, c.value);
+    char kept[512];
+    auto decoded = std::make_unique<SetupArray>();
+    EXPECT_FALSE(decodeSetupArray(a.data(), (int)a.size(), *decoded, kept, sizeof(kept)));
+    resetMemoryCounters();
+    std::string printed;
+    EXPECT_EQ(setupWith(*m_tracker, a, &printed), -1) << c.message;
+    EXPECT_NE(printed.find(c.message), std::string::npos) << printed;
+    EXPECT_EQ(printed, kept) << "the codec agrees";
+    EXPECT_EQ(m_tracker->m_contourTracker.m_nCams, 0) << c.message;
+  }
+}
+
+// ---------------------------------------------------------------- codec
+TEST(SetupCodec, SampleConfigurationsAndACylinderRoundTripBitForBit) {
+  expectRoundTrip(zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_stereo.txt", "tracker_demo.txt",
+                                             "model_chamfered_box.txt"));  // with a polyline
+  // The bodies point into the array they were decoded from.
+  const std::vector<double> mono = zot_test::sampleSetupArray(ZOT_DATA_DIR, "camera_mono.txt",
+                                                              "tracker.txt", "model_l_bracket.txt");
+  std::unique_ptr<SetupArray> setup = expectRoundTrip(mono);
+  SetupBody& cylinder = setup->bodies[setup->nBodies++];
+  cylinder = SetupBody();
+  cylinder.type = ZOT_BODY_CYLINDER;
+  for (int i = 0; i < 13; i++) cylinder.cylinder[i] = 0.5 + i;
+  std::vector<double> withCylinder(100000);
+  const int n = encodeSetupArray(*setup, withCylinder.data(), (int)withCylinder.size());
+  ASSERT_GT(n, 0);
+  withCylinder.resize(n);
+  EXPECT_EQ(expectRoundTrip(withCylinder)->bodies[setup->nBodies - 1].type, ZOT_BODY_CYLINDER);
 }

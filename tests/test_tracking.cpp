@@ -79,28 +79,15 @@ class PoseEstimation : public ::testing::Test {
   }
   // One frame from m_start (initialise) or from the filter.
   int frame(double time, bool initialise, bool timing = false) {
-    return tracker().poseEstimation(m_scene.m_imagePtrs, time, m_tool, m_start, kZero, 0.0,
-                                    m_pose, m_velocity, m_covariance, nullptr, initialise, timing,
-                                    false, false);
+    return tracker().poseEstimation(m_scene.m_imagePtrs, time, m_tool, m_start, kZero, 0.0, m_pose,
+                                    m_velocity, m_covariance, nullptr, initialise, timing, false,
+                                    false);
   }
   GenericObjectTracker& tracker() { return *m_scene.m_tracker; }
   zot_sim::Mesh m_mesh;
   TrackerScene m_scene;
   double m_truth[16], m_tool[16], m_start[16];
   double m_pose[16], m_velocity[6], m_covariance[36];
-};
-
-// Filter state that a refused frame must leave alone.
-struct FilterSnapshot {
-  explicit FilterSnapshot(const KalmanFilter& kf) : lastTime(kf.m_lastTime) {
-    std::memcpy(state, kf.m_stateEst, sizeof state);
-    std::memcpy(cov, kf.m_covEst, sizeof cov);
-  }
-  bool same(const KalmanFilter& kf) const {
-    return kf.m_lastTime == lastTime && std::memcmp(state, kf.m_stateEst, sizeof state) == 0 &&
-           std::memcmp(cov, kf.m_covEst, sizeof cov) == 0;
-  }
-  double lastTime, state[12], cov[144];
 };
 
 }  // namespace
@@ -139,16 +126,17 @@ TEST_F(PoseEstimation, SeededRandomStartsAreTrackedBackSilently) {
   EXPECT_EQ(kf.m_lastTime, 14.0);
 }
 
-// Without a track, with time running backwards or with missing input the
-// frame is refused before anything changes; each says why.
+// Without a track, with time running backwards, with missing input or with
+// poses that are no rigid transform the frame is refused before anything
+// changes; each says why.
 TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   render(m_truth);
-  const FilterSnapshot fresh(tracker().m_kalmanFilter);
+  const zot_test::FilterSnapshot fresh(tracker().m_kalmanFilter);
   GenericObjectTracker& t = tracker();
   unsigned char* noImage[1] = {nullptr};
   // A new track with one input missing or wrong.
-  auto start = [&](unsigned char** images, const double* tool, const double* pose,
-                   double poseTime, double time = 0.0) {
+  auto start = [&](unsigned char** images, const double* tool, const double* pose, double poseTime,
+                   double time = 0.0) {
     return t.poseEstimation(images, time, tool, pose, kZero, poseTime, m_pose, m_velocity,
                             m_covariance, nullptr, true, false, false, false);
   };
@@ -158,6 +146,27 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   EXPECT_EQ(start(m_scene.m_imagePtrs, nullptr, m_start, 0.0), -1);
   EXPECT_EQ(start(m_scene.m_imagePtrs, m_tool, nullptr, 0.0), -1);
   EXPECT_EQ(start(m_scene.m_imagePtrs, m_tool, m_start, -1.0), -1);
+  // Poses that are no rigid transform, by a host's mistake or malice; entry:
+  // of the tool pose (0..15) or of the initial pose (16..31).
+  const struct {
+    const char* fault;
+    int entry;
+    double value;
+  } hostile[] = {{"NaN in the tool rotation", 5, NAN},
+                 {"infinite tool translation", 3, INFINITY},
+                 {"huge tool rotation entry", 0, 5e10},
+                 {"tool pose with a bad last row", 14, 1.0},
+                 {"reflection as initial pose", 16 + 10, -1.0},
+                 {"initial rotation scaled by 1.001", 16 + 0, 1.001},
+                 {"NaN in the initial translation", 16 + 11, NAN}};
+  for (const auto& row : hostile) {
+    double poses[32];
+    matrixIdentity(poses, 4);
+    matrixIdentity(poses + 16, 4);
+    poses[16 + 11] = 400.0;
+    poses[row.entry] = row.value;
+    EXPECT_EQ(start(m_scene.m_imagePtrs, poses, poses + 16, 0.0), -1) << row.fault;
+  }
   const std::string out = GetCapturedStdout();
   EXPECT_NE(out.find("ERROR: poseEstimation: no image for camera 0\n"
                      "ERROR: poseEstimation: no tool pose\n"
@@ -167,9 +176,11 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
       << out;
   EXPECT_TRUE(outputsUntouched());
   EXPECT_TRUE(fresh.same(t.m_kalmanFilter)) << "the track must not have started";
+  // A tool rotation rounded to single precision is still taken.
+  for (int i : {0, 1, 2, 4, 5, 6, 8, 9, 10}) m_tool[i] = (float)m_tool[i];
   ASSERT_EQ(frame(1.0, true), 0);
   preset();
-  const FilterSnapshot before(t.m_kalmanFilter);
+  const zot_test::FilterSnapshot before(t.m_kalmanFilter);
   CaptureStdout();
   EXPECT_EQ(frame(0.5, false), -1);
   GetCapturedStdout();
@@ -179,7 +190,7 @@ TEST_F(PoseEstimation, RefusedFramesWriteNothing) {
   // An empty image loses the object; the filter stays.
   std::fill(m_scene.m_images[0].begin(), m_scene.m_images[0].end(), 30);
   preset();
-  const FilterSnapshot tracked(t.m_kalmanFilter);
+  const zot_test::FilterSnapshot tracked(t.m_kalmanFilter);
   EXPECT_EQ(frame(1.04, false), ZOT_ERR_TOO_MANY_OUTLIERS);
   EXPECT_TRUE(tracked.same(t.m_kalmanFilter));
   EXPECT_TRUE(std::all_of(m_pose, m_pose + 16, [](double v) { return v == 7.0; }));
@@ -205,8 +216,9 @@ TEST_F(PoseEstimation, AFrameAllocatesNothingAndTimesItsSteps) {
   }
   const std::string log(m_global_output_string, m_global_output_string_counter);
   m_global_output_string_counter = 0;
-  for (const char* step : {"Undistortion (2x) - elapsed [ms]: ", "Edge detection (2x) - elapsed [ms]: ",
-                           "Total Gauss-Newton loop (pose estimation) - elapsed [ms]: "})
+  for (const char* step :
+       {"Undistortion (2x) - elapsed [ms]: ", "Edge detection (2x) - elapsed [ms]: ",
+        "Total Gauss-Newton loop (pose estimation) - elapsed [ms]: "})
     EXPECT_NE(log.find(step), std::string::npos) << log;
   const FrameStageTimes& times = tracker().lastFrameTimes();
   EXPECT_GT(times.poseUpdateMs, 0.0);
@@ -308,9 +320,9 @@ SequenceResult trackSequence(TrackerScene& scene, int frames, bool withSlot) {
     matrixProduct444(toolInv, part, truth);
     scene.render(truth, objects, 40, 2, 1.5, (unsigned)k + 1);
     double pose[16], velocity[6], covariance[36];
-    const int code = tracker.poseEstimation(scene.m_imagePtrs, k * 0.04, tool, start, kZero, 0.0,
-                                            pose, velocity, covariance, nullptr, k == 0, false,
-                                            false, false);
+    const int code =
+        tracker.poseEstimation(scene.m_imagePtrs, k * 0.04, tool, start, kZero, 0.0, pose, velocity,
+                               covariance, nullptr, k == 0, false, false, false);
     EXPECT_EQ(code, 0) << "frame " << k;
     if (code != 0) return r;
     double distance, degrees;
@@ -384,50 +396,49 @@ void runScenario(const Scenario& s) {
   const std::string tools = ZOT_TOOLS_DIR, data = ZOT_DATA_DIR;
   if (!zot_sim::pathExists(tools + "/zot_track") || !zot_sim::pathExists(tools + "/zot_render"))
     GTEST_SKIP() << "zot_track and zot_render are built only with OpenCV";
-  {
-    const std::string dir = tools + "/e2e/" + s.name, seq = dir + "/seq/";
-    zot_test::freshDirectory(dir);
-    const zot_test::CommandResult render = zot_test::runCommand(
-        tools + "/zot_render -q --config " + data + " --frames 30 --speed 2 " + s.renderOptions +
-            " " + dir + "/seq",
-        dir + "/render");
-    ASSERT_EQ(render.status, 0) << render.err;
-    std::string images;
-    for (int c = 0; c < s.cameras; c++)
-      images += " --images " + seq + "cam" + std::to_string(c) + "/%06d.png";
-    const zot_test::CommandResult track = zot_test::runCommand(
-        tools + "/zot_track -q --config " + seq + images + " --times " + seq + "times.txt" +
-            " --tool-poses " + seq + "tool_poses.txt --initial-pose " + seq +
-            "initial_pose.txt --out " + dir + "/out",
-        dir + "/track");
-    EXPECT_EQ(track.status, 0) << "every frame tracked\n" << track.err;
-    std::vector<zot_test::TrackedFrame> frames;
-    std::vector<zot_sim::Pose> truth;
-    std::string error;
-    ASSERT_TRUE(zot_test::readPosesCsv(dir + "/out/poses.csv", frames, error)) << error;
-    ASSERT_TRUE(zot_sim::readPoseFile(seq + "truth_poses.txt", truth, error)) << error;
-    ASSERT_EQ(frames.size(), 30u);
-    ASSERT_EQ(truth.size(), 30u);
-    double sumT = 0.0, sumR = 0.0;
-    for (size_t i = 0; i < frames.size(); i++) {
-      ASSERT_EQ(frames[i].status, 0) << "frame " << i << ": " << frames[i].message;
-      double dt, dr;
-      zot_sim::poseError(frames[i].pose, truth[i].data(), &dt, &dr);
-      EXPECT_LE(dt, s.maxT) << "frame " << i;
-      EXPECT_LE(dr, s.maxR) << "frame " << i;
-      sumT += dt;
-      sumR += dr;
-    }
-    EXPECT_LE(sumT / frames.size(), s.meanT);
-    EXPECT_LE(sumR / frames.size(), s.meanR);
-    if (!testing::Test::HasFailure()) zot_test::runCommand("rm -rf '" + seq + "'", dir + "/clean");
+  const std::string dir = tools + "/e2e/" + s.name, seq = dir + "/seq/";
+  zot_test::freshDirectory(dir);
+  const zot_test::CommandResult render =
+      zot_test::runCommand(tools + "/zot_render -q --config " + data + " --frames 30 --speed 2 " +
+                               s.renderOptions + " " + dir + "/seq",
+                           dir + "/render");
+  ASSERT_EQ(render.status, 0) << render.err;
+  std::string images;
+  for (int c = 0; c < s.cameras; c++)
+    images += " --images " + seq + "cam" + std::to_string(c) + "/%06d.png";
+  const zot_test::CommandResult track = zot_test::runCommand(
+      tools + "/zot_track -q --config " + seq + images + " --times " + seq + "times.txt" +
+          " --tool-poses " + seq + "tool_poses.txt --initial-pose " + seq +
+          "initial_pose.txt --out " + dir + "/out",
+      dir + "/track");
+  EXPECT_EQ(track.status, 0) << "every frame tracked\n" << track.err;
+  std::vector<zot_test::TrackedFrame> frames;
+  std::vector<zot_sim::Pose> truth;
+  std::string error;
+  ASSERT_TRUE(zot_test::readPosesCsv(dir + "/out/poses.csv", frames, error)) << error;
+  ASSERT_TRUE(zot_sim::readPoseFile(seq + "truth_poses.txt", truth, error)) << error;
+  ASSERT_EQ(frames.size(), 30u);
+  ASSERT_EQ(truth.size(), 30u);
+  double sumT = 0.0, sumR = 0.0;
+  for (size_t i = 0; i < frames.size(); i++) {
+    ASSERT_EQ(frames[i].status, 0) << "frame " << i << ": " << frames[i].message;
+    double dt, dr;
+    zot_sim::poseError(frames[i].pose, truth[i].data(), &dt, &dr);
+    EXPECT_LE(dt, s.maxT) << "frame " << i;
+    EXPECT_LE(dr, s.maxR) << "frame " << i;
+    sumT += dt;
+    sumR += dr;
   }
+  EXPECT_LE(sumT / frames.size(), s.meanT);
+  EXPECT_LE(sumR / frames.size(), s.meanR);
+  if (!testing::Test::HasFailure()) zot_test::runCommand("rm -rf '" + seq + "'", dir + "/clean");
 }
+
 }  // namespace
 
 TEST(EndToEnd, MonoCameraWithoutDistortion) {
-  runScenario({"mono", "--camera camera_mono.txt --no-distortion --background plain", 1, 2, 1,
-               0.6, 0.3});
+  runScenario(
+      {"mono", "--camera camera_mono.txt --no-distortion --background plain", 1, 2, 1, 0.6, 0.3});
 }
 TEST(EndToEnd, StereoPairWithDistortion) {
   runScenario(

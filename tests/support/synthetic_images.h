@@ -1,7 +1,7 @@
-// Synthetic grey images for tests and benchmarks: deterministic noise, shapes
-// rendered with anti-aliasing by supersampling, and images seen through a
-// lens with known distortion. Header-only (inline) so that the benchmark
-// programs, which do not link the test-support library, can use it as well.
+// Synthetic grey images for tests and benchmarks: deterministic noise and
+// shapes rendered with anti-aliasing by supersampling. Header-only (inline)
+// so that the benchmark programs, which do not link the test-support
+// library, can use it as well.
 // Images are width x height bytes, row-major, pixel centres at integer
 // coordinates.
 #pragma once
@@ -9,8 +9,6 @@
 #include <cmath>
 #include <cstdint>
 #include <vector>
-
-#include "lens.h"
 
 namespace zot_test {
 
@@ -137,34 +135,6 @@ inline void renderShapesScene(unsigned char* img, int width, int height, uint64_
     }
   }
   addNoise(img, width, height, noiseSigma, seed + 1);
-}
-
-// ---------------------------------------------------------------- lens distortion
-using zot_sim::distortNormalized;
-using zot_sim::undistortNormalized;
-
-// Renders what a camera with matrix K (fx, cx, fy, cy read, skew ignored)
-// and distortion d sees of a scene given in ideal (undistorted) pixel
-// coordinates: pixel (u, v) of the distorted image shows
-// scene(ideal position), averaged over ss x ss samples per pixel.
-template <typename Scene>
-void renderThroughLens(unsigned char* img, int width, int height, const double* K, const double* d,
-                       int ss, Scene scene) {
-  const double fx = K[0], cx = K[2], fy = K[4], cy = K[5];
-  for (int y = 0; y < height; y++) {
-    for (int x = 0; x < width; x++) {
-      double sum = 0.0;
-      for (int sy = 0; sy < ss; sy++) {
-        for (int sx = 0; sx < ss; sx++) {
-          const double u = x - 0.5 + (sx + 0.5) / ss, v = y - 0.5 + (sy + 0.5) / ss;
-          double xi, yi;
-          undistortNormalized(d, (u - cx) / fx, (v - cy) / fy, &xi, &yi);
-          sum += scene(fx * xi + cx, fy * yi + cy);
-        }
-      }
-      img[(long)y * width + x] = clampToByte(sum / (ss * ss));
-    }
-  }
 }
 
 }  // namespace zot_test

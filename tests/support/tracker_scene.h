@@ -4,11 +4,13 @@
 // distortion by the independent ray caster.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "GenericObjectTracker.h"
+#include "Math.h"
 #include "render_scene.h"
 #include "sim_mesh.h"
 
@@ -71,9 +73,31 @@ std::vector<unsigned char> chamferedBoxGreys();
 // above the top face, so that the renderer shows its outline.
 zot_sim::Mesh slotPlateMesh();
 
+// Pixel (u, v) of object point X under pose T and K (no skew).
+inline void projectObjectPoint(const double* T, const double* K, const double* X, double* uv) {
+  double Y[3];
+  ZOTtracker::transformPoint3d(T, X, Y);
+  uv[0] = Y[0] / Y[2] * K[0] + K[2];
+  uv[1] = Y[1] / Y[2] * K[4] + K[5];
+}
+
 // pose * [R(axis, angleDeg) t]: the pose moved in its own frame.
-void perturb(const double* pose, const double* axis, double angleDeg, const double* t,
-             double* out);
+void perturb(const double* pose, const double* axis, double angleDeg, const double* t, double* out);
+
+// The Kalman filter's estimate, bit for bit: what a refused call must leave.
+struct FilterSnapshot {
+  explicit FilterSnapshot(const ZOTtracker::KalmanFilter& kf) : lastTime(kf.m_lastTime) {
+    std::memcpy(pose, kf.m_Test, sizeof pose);
+    std::memcpy(state, kf.m_stateEst, sizeof state);
+    std::memcpy(cov, kf.m_covEst, sizeof cov);
+  }
+  bool same(const ZOTtracker::KalmanFilter& kf) const {
+    return kf.m_lastTime == lastTime && std::memcmp(pose, kf.m_Test, sizeof pose) == 0 &&
+           std::memcmp(state, kf.m_stateEst, sizeof state) == 0 &&
+           std::memcmp(cov, kf.m_covEst, sizeof cov) == 0;
+  }
+  double lastTime, pose[16], state[12], cov[144];
+};
 
 // ---------------------------------------------------------------- rig
 class TrackerScene {
