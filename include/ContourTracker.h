@@ -430,6 +430,8 @@ class ContourTracker {
   /// (x0, y0, x1, y1, inside the image), every step-th pixel of every
   /// step-th row, into m_cannyThresholds[c].
   void adaptiveThresholds(int c, const int* window, int step, const RobustSettings& r);
+  /// m_edgeWindow[c] = the whole image (the edge map may hold edges anywhere).
+  void setWholeEdgeWindow(int c);
   /// Slot of model edge `id` in a camera's polarity table (open
   /// addressing): its own, or with insert the first free one; else -1.
   static int polaritySlot(const int* keys, int id, bool insert);

@@ -140,9 +140,7 @@ void ContourTracker::init(const int* imageWidths, const int* imageHeights, const
     if (m_imageHeight[c] > maxHeight) maxHeight = m_imageHeight[c];
     m_camEnabled[c] = 1;
     // Fresh pool memory may hold anything: the first region clears it all.
-    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
-    m_edgeWindow[c][2] = m_imageWidth[c] - 1;
-    m_edgeWindow[c][3] = m_imageHeight[c] - 1;
+    setWholeEdgeWindow(c);
   }
   // The robust estimator's buffers belong to the previous set-up, if any.
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) {
@@ -171,12 +169,16 @@ int ContourTracker::edgeDetect(const unsigned char* const* images, int cannyThre
                                    m_cannyStack, m_cannyShortWork, m_imageWidth[c],
                                    m_imageHeight[c], cannyThreshold1, cannyThreshold2);
     if (code != 0) return code;
-    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
-    m_edgeWindow[c][2] = m_imageWidth[c] - 1;
-    m_edgeWindow[c][3] = m_imageHeight[c] - 1;
+    setWholeEdgeWindow(c);
   }
   if (kTimeEdgeDetection) showElapsed("Canny", start, getTickCount());
   return 0;
+}
+
+void ContourTracker::setWholeEdgeWindow(int c) {
+  m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
+  m_edgeWindow[c][2] = m_imageWidth[c] - 1;
+  m_edgeWindow[c][3] = m_imageHeight[c] - 1;
 }
 
 namespace {

@@ -150,9 +150,7 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
     const int code = myCanny(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork, m_cannyStack,
                              width, height, m_cannyThresholds[c][0], m_cannyThresholds[c][1]);
     if (code != 0) return code;
-    m_edgeWindow[c][0] = m_edgeWindow[c][1] = 0;
-    m_edgeWindow[c][2] = width - 1;
-    m_edgeWindow[c][3] = height - 1;
+    setWholeEdgeWindow(c);
   }
   return 0;
 }
