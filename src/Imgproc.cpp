@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "IO.h"
 #include "Math.h"
@@ -140,6 +143,125 @@ int cannyStackFailure() {
   return ZOT_ERR_CANNY;
 }
 
+// Canny's classification of one pixel: 2 a strong maximum that starts a run
+// of maxima (pushed on the stack), 0 any other local maximum above the low
+// threshold, 1 the rest. prevPushed carries the run along the row.
+inline void classifyCannyPixel(bool isMax, bool strong, unsigned char* cell, long mapstep,
+                               int& prevPushed, unsigned char**& top) {
+  if (!isMax) {
+    prevPushed = 0;
+    *cell = 1;
+  } else if (!prevPushed && strong && cell[-mapstep] != 2) {
+    *cell = 2;
+    *top++ = cell;
+    prevPushed = 1;
+  } else {
+    *cell = 0;
+  }
+}
+
+#if defined(__SSE2__)
+// Unsigned 32-bit a > b with SSE2's signed compare.
+inline __m128i greaterU32(__m128i a, __m128i b) {
+  const __m128i bias = _mm_set1_epi32((int)0x80000000u);
+  return _mm_cmpgt_epi32(_mm_xor_si128(a, bias), _mm_xor_si128(b, bias));
+}
+
+inline __m128i select128(__m128i mask, __m128i a, __m128i b) {
+  return _mm_or_si128(_mm_and_si128(mask, a), _mm_andnot_si128(mask, b));
+}
+
+// Non-maximum suppression of 4 pixels: mask of the local maxima above low.
+// ax16/ay16/neg16 hold the pixels' |dx|, |dy| (unsigned 16 bit) and sign of
+// dx * dy in 16-bit lanes 0..3 of this half.
+inline __m128i localMaxima4(const int* mag, const int* above, const int* below, __m128i ax16,
+                            __m128i ay16, __m128i neg16, __m128i low) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i m = _mm_loadu_si128((const __m128i*)mag);
+  const __m128i k = _mm_set1_epi16(13573);
+  // ax * 13573 from 16-bit halves, exact for |dx| up to 32768.
+  const __m128i tg22x = _mm_unpacklo_epi16(_mm_mullo_epi16(ax16, k), _mm_mulhi_epu16(ax16, k));
+  const __m128i ax = _mm_unpacklo_epi16(ax16, zero);
+  const __m128i ay = _mm_slli_epi32(_mm_unpacklo_epi16(ay16, zero), 15);
+  const __m128i horizontal = greaterU32(tg22x, ay);
+  const __m128i vertical = greaterU32(ay, _mm_add_epi32(tg22x, _mm_slli_epi32(ax, 16)));
+  const __m128i neg = _mm_unpacklo_epi16(neg16, neg16);
+  const __m128i left = _mm_loadu_si128((const __m128i*)(mag - 1));
+  const __m128i right = _mm_loadu_si128((const __m128i*)(mag + 1));
+  const __m128i up = _mm_loadu_si128((const __m128i*)above);
+  const __m128i down = _mm_loadu_si128((const __m128i*)below);
+  const __m128i upDiag = select128(neg, _mm_loadu_si128((const __m128i*)(above + 1)),
+                                   _mm_loadu_si128((const __m128i*)(above - 1)));
+  const __m128i downDiag = select128(neg, _mm_loadu_si128((const __m128i*)(below - 1)),
+                                     _mm_loadu_si128((const __m128i*)(below + 1)));
+  const __m128i hMax = _mm_andnot_si128(_mm_cmpgt_epi32(right, m), _mm_cmpgt_epi32(m, left));
+  const __m128i vMax = _mm_andnot_si128(_mm_cmpgt_epi32(down, m), _mm_cmpgt_epi32(m, up));
+  const __m128i dMax = _mm_and_si128(_mm_cmpgt_epi32(m, upDiag), _mm_cmpgt_epi32(m, downDiag));
+  const __m128i isMax = select128(horizontal, hMax, select128(vertical, vMax, dMax));
+  return _mm_and_si128(isMax, _mm_cmpgt_epi32(m, low));
+}
+
+// Classifies pixels from..to-1 of a row 8 at a time, exactly as the scalar
+// loop does; returns the first pixel left to it. A block below the low
+// threshold costs one test, the direction tests take no branch, and only the
+// rare strong maxima are visited one by one: on textured objects the scalar
+// loop's branches mispredicted most of its time away.
+int classifyCannyRow8(const int* mag, const int* above, const int* below, const short* dxr,
+                      const short* dyr, unsigned char* mrow, long mapstep, int from, int to,
+                      int low, int high, int& prevPushed, unsigned char**& top) {
+  const __m128i lowV = _mm_set1_epi32(low), highV = _mm_set1_epi32(high);
+  const __m128i ones = _mm_set1_epi8(1);
+  int j = from;
+  for (; j + 8 <= to; j += 8) {
+    const __m128i m0 = _mm_loadu_si128((const __m128i*)(mag + j));
+    const __m128i m1 = _mm_loadu_si128((const __m128i*)(mag + j + 4));
+    const __m128i above16 = _mm_packs_epi32(_mm_cmpgt_epi32(m0, lowV), _mm_cmpgt_epi32(m1, lowV));
+    if (_mm_movemask_epi8(above16) == 0) {
+      _mm_storel_epi64((__m128i*)(mrow + j), ones);
+      prevPushed = 0;
+      continue;
+    }
+    const __m128i xs = _mm_loadu_si128((const __m128i*)(dxr + j));
+    const __m128i ys = _mm_loadu_si128((const __m128i*)(dyr + j));
+    const __m128i sx = _mm_srai_epi16(xs, 15), sy = _mm_srai_epi16(ys, 15);
+    const __m128i ax16 = _mm_sub_epi16(_mm_xor_si128(xs, sx), sx);
+    const __m128i ay16 = _mm_sub_epi16(_mm_xor_si128(ys, sy), sy);
+    const __m128i neg16 = _mm_xor_si128(sx, sy);
+    const __m128i max0 = localMaxima4(mag + j, above + j, below + j, ax16, ay16, neg16, lowV);
+    const __m128i max1 =
+        localMaxima4(mag + j + 4, above + j + 4, below + j + 4, _mm_srli_si128(ax16, 8),
+                     _mm_srli_si128(ay16, 8), _mm_srli_si128(neg16, 8), lowV);
+    const __m128i max8 = _mm_packs_epi16(_mm_packs_epi32(max0, max1), _mm_setzero_si128());
+    const unsigned maxBits = (unsigned)_mm_movemask_epi8(max8);
+    const __m128i strong8 =
+        _mm_packs_epi16(_mm_packs_epi32(_mm_and_si128(max0, _mm_cmpgt_epi32(m0, highV)),
+                                        _mm_and_si128(max1, _mm_cmpgt_epi32(m1, highV))),
+                        _mm_setzero_si128());
+    const unsigned strongBits = (unsigned)_mm_movemask_epi8(strong8);
+    // Maxima 0, the rest 1; then the strong maxima that start a run of
+    // maxima (none pushed before them in it) and have no edge above are
+    // pushed. A run open at the block's end carries prevPushed on.
+    _mm_storel_epi64((__m128i*)(mrow + j), _mm_add_epi8(ones, max8));
+    const unsigned nonMax = ~maxBits & 0xFFu;
+    int lastPush = prevPushed ? -1 : -2;  // -1: a push before this block
+    for (unsigned bits = strongBits; bits != 0; bits &= bits - 1) {
+      const int k = __builtin_ctz(bits);
+      const unsigned before = nonMax & ((1u << k) - 1u);
+      const int runStart = before != 0 ? 32 - __builtin_clz(before) : -1;
+      if (lastPush >= runStart) continue;
+      unsigned char* cell = mrow + j + k;
+      if (cell[-mapstep] == 2) continue;
+      *cell = 2;
+      *top++ = cell;
+      lastPush = k;
+    }
+    const int lastRunStart = nonMax != 0 ? 32 - __builtin_clz(nonMax) : -1;
+    prevPushed = lastPush >= lastRunStart && lastRunStart < 8 ? 1 : 0;
+  }
+  return j;
+}
+#endif
+
 // The Canny of myCanny on a width x height window whose rows lie `stride`
 // pixels apart in dx, dy and edges. keepOut (left, top, right, bottom; null:
 // none) are rows and columns at the window's sides that are never edges and
@@ -203,8 +325,14 @@ int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buf
       memset(mrow, 1, jStart);
       memset(mrow + jEnd, 1, width - jEnd);
     }
-    for (int j = jStart; j < jEnd; j++) {
+    int jFirst = jStart;
+#if defined(__SSE2__)
+    jFirst = classifyCannyRow8(mag, above, below, dxr, dyr, mrow, mapstep, jStart, jEnd, low, high,
+                               prevPushed, top);
+#endif
+    for (int j = jFirst; j < jEnd; j++) {
       const int m = mag[j];
+      bool isMax = false;
       if (m > low) {
         const int xs = dxr[j];
         const int ys = dyr[j];
@@ -212,7 +340,6 @@ int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buf
         const uint32_t ax = (uint32_t)std::abs(xs);
         const uint32_t ay = (uint32_t)std::abs(ys) << 15;
         const uint32_t tg22x = ax * 13573u;
-        bool isMax;
         if (ay < tg22x) {
           isMax = m > mag[j - 1] && m >= mag[j + 1];
         } else if (ay > tg22x + (ax << 16)) {
@@ -221,19 +348,8 @@ int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buf
           const int s = (xs ^ ys) < 0 ? -1 : 1;
           isMax = m > above[j - s] && m > below[j + s];
         }
-        if (isMax) {
-          if (!prevPushed && m > high && mrow[j - mapstep] != 2) {
-            mrow[j] = 2;
-            *top++ = mrow + j;
-            prevPushed = 1;
-          } else {
-            mrow[j] = 0;
-          }
-          continue;
-        }
       }
-      prevPushed = 0;
-      mrow[j] = 1;
+      classifyCannyPixel(isMax, m > high, mrow + j, mapstep, prevPushed, top);
     }
     int* spare = magRows[0];
     magRows[0] = magRows[1];
