@@ -98,6 +98,10 @@ struct RobustSettings {
   /// model instead (ContourTracker::projectThroughLens) and matched in the
   /// camera's own image.
   int lensInProjection;
+  /// Whether the Z-buffer is rendered in float (Multibody::useFloatDepth):
+  /// with either speed mode, whose frames are short enough for its clearing
+  /// and filling to count.
+  bool floatDepth() const { return regionOfInterest != 0 || lensInProjection != 0; }
 };
 
 /// Per-fit figures of the robust estimator (all 0 for the designed one).

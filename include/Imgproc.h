@@ -236,6 +236,14 @@ int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* 
                              const unsigned char* mask, int width, int height, int nVertices,
                              const double* vertices, const int* clipRect, int id, double ax,
                              double ay, double a0, double upper, double lower);
+/// fillConvexPoly_DepthTest with a 32-bit float depth buffer: delta is computed in double,
+/// compared with the stored value and stored rounded to float. Half the
+/// memory of a double buffer to clear and write; faces closer than float's
+/// resolution (about 6e-8 of the inverse depth) may swap where they meet.
+int fillConvexPolyFloatDepth(unsigned char* image, unsigned char value, float* depth, int* ids,
+                             const unsigned char* mask, int width, int height, int nVertices,
+                             const double* vertices, const int* clipRect, int id, double ax,
+                             double ay, double a0, double upper, double lower);
 
 /// Integer line walker over an image of bytesPerPixel-byte pixels.
 struct myLineIterator {

@@ -92,6 +92,14 @@ class Multibody {
   void projectedBounds(const double* T, const double* K, int width, int height, double grow,
                        int* region, const double* distortion = nullptr) const;
 
+  /// Renders the Z-buffer into m_depthMapFloat, a 32-bit float inverse
+  /// depth, from now on (until the next init()): half the memory a sampling
+  /// call clears and writes. Two faces may swap where their depths differ by
+  /// less than float's resolution; the sampled contour moves by less than a
+  /// sampling step then. A preset depth map is converted into it. Call after
+  /// init(); takes width x height floats from the pool.
+  void useFloatDepth();
+
   // ---------------------------------------------------------------- getters
   int getNbodies() const;
   /// m_bodyActive of the body; -1 with "ERROR: wrong body ID" for a bad index.
@@ -127,6 +135,7 @@ class Multibody {
   unsigned char* m_maskImage;   ///< width x height
   unsigned char* m_debugImage;  ///< 3 x width x height
   double* m_depthMap;           ///< inverse depth 1/z, 0 empty
+  float* m_depthMapFloat;       ///< the same in float after useFloatDepth(), else null
   int* m_faceIdMap;             ///< (body * 65536 + face) + 1, 0 none
   double* m_visibleEdgeBuffer;  ///< 6 per candidate edge, camera frame
   int* m_visibleEdgeIds;        ///< 3 per candidate edge: body, edge, reserved

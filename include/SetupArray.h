@@ -132,6 +132,7 @@ struct SetupArray {
   SetupBody bodies[ZOT_MAX_BODIES];
   int nExtensionValues = -1;                ///< -1: no extension block
   double extensions[ZOT_EXTENSION_VALUES];  ///< its values as stored
+  RobustSettings robust;                    ///< and as the tracker applies them
 };
 
 /// Camera count (1 to ZOT_MAX_CAMERAS), checking that the array can hold

@@ -774,10 +774,13 @@ static bool fillablePolygon(int nVertices, const double* vertices) {
 
 // What a fill writes and how: value into image, the inverse-depth plane
 // -(ax u + ay v + a0) within lower..upper into depth with id, under mask.
+// Depth is double, or float in the speed modes (the plane is evaluated in
+// double either way, stored rounded).
+template <typename Depth>
 struct FillTarget {
   unsigned char* image;
   unsigned char value;
-  double* depth;
+  Depth* depth;
   int* ids;
   const unsigned char* mask;
   int width;
@@ -786,7 +789,8 @@ struct FillTarget {
 };
 
 // Fills pixels x0..x1 of row y.
-static void fillSpan(const FillTarget& f, int y, int x0, int x1) {
+template <typename Depth>
+static void fillSpan(const FillTarget<Depth>& f, int y, int x0, int x1) {
   const double yd = y;
   const long row = (long)y * f.width;
   unsigned char* image = f.image;
@@ -802,7 +806,7 @@ static void fillSpan(const FillTarget& f, int y, int x0, int x1) {
   const double ax = f.ax, a0 = f.a0, upper = f.upper, lower = f.lower;
   const int id = f.id;
   const double ayy = f.ay * yd;
-  double* depthRow = f.depth + row;
+  Depth* depthRow = f.depth + row;
   if (mask == nullptr && image == nullptr && f.ids != nullptr) {
     // The sampler's case. The computed delta is monotonic in x (each
     // rounding step is), so when both span ends lie within lower..upper
@@ -817,7 +821,7 @@ static void fillSpan(const FillTarget& f, int y, int x0, int x1) {
       for (int x = x0; x <= x1; x++) {
         const double delta = -(ax * (double)x + ayy + a0);
         if (delta > depthRow[x]) {
-          depthRow[x] = delta;
+          depthRow[x] = (Depth)delta;
           idRow[x] = id;
         }
       }
@@ -825,7 +829,7 @@ static void fillSpan(const FillTarget& f, int y, int x0, int x1) {
       for (int x = x0; x <= x1; x++) {
         const double delta = -(ax * (double)x + ayy + a0);
         if (delta >= lower && delta <= upper && delta > depthRow[x]) {
-          depthRow[x] = delta;
+          depthRow[x] = (Depth)delta;
           idRow[x] = id;
         }
       }
@@ -836,17 +840,18 @@ static void fillSpan(const FillTarget& f, int y, int x0, int x1) {
     if (mask != nullptr && mask[row + x] == 0) continue;
     const double delta = -(ax * x + ayy + a0);
     if (delta >= lower && delta <= upper && delta > depthRow[x]) {
-      depthRow[x] = delta;
+      depthRow[x] = (Depth)delta;
       if (f.ids != nullptr) f.ids[row + x] = id;
       if (image != nullptr) image[row + x] = f.value;
     }
   }
 }
 
-int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* depth, int* ids,
-                             const unsigned char* mask, int width, int height, int nVertices,
-                             const double* vertices, const int* clipRect, int id, double ax,
-                             double ay, double a0, double upper, double lower) {
+template <typename Depth>
+static int fillConvexPoly(unsigned char* image, unsigned char value, Depth* depth, int* ids,
+                          const unsigned char* mask, int width, int height, int nVertices,
+                          const double* vertices, const int* clipRect, int id, double ax,
+                          double ay, double a0, double upper, double lower) {
   if (!fillablePolygon(nVertices, vertices)) return -1;
 
   int top = 0;
@@ -870,7 +875,7 @@ int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* 
   if (yFirst < ymin) yFirst = ymin;
   if (yFirst > ymax) return 0;
 
-  const FillTarget target{image, value, depth, ids, mask, width, id, ax, ay, a0, upper, lower};
+  const FillTarget<Depth> target{image, value, depth, ids, mask, width, id, ax, ay, a0, upper, lower};
   FillEdgeWalker left, right;
   setFillEdge(left, vertices, top, (top + nVertices - 1) % nVertices);
   setFillEdge(right, vertices, top, (top + 1) % nVertices);
@@ -907,6 +912,22 @@ int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* 
     fillSpan(target, y, (int)xs, (int)xe);
   }
   return 0;
+}
+
+int fillConvexPoly_DepthTest(unsigned char* image, unsigned char value, double* depth, int* ids,
+                             const unsigned char* mask, int width, int height, int nVertices,
+                             const double* vertices, const int* clipRect, int id, double ax,
+                             double ay, double a0, double upper, double lower) {
+  return fillConvexPoly(image, value, depth, ids, mask, width, height, nVertices, vertices,
+                        clipRect, id, ax, ay, a0, upper, lower);
+}
+
+int fillConvexPolyFloatDepth(unsigned char* image, unsigned char value, float* depth, int* ids,
+                             const unsigned char* mask, int width, int height, int nVertices,
+                             const double* vertices, const int* clipRect, int id, double ax,
+                             double ay, double a0, double upper, double lower) {
+  return fillConvexPoly(image, value, depth, ids, mask, width, height, nVertices, vertices,
+                        clipRect, id, ax, ay, a0, upper, lower);
 }
 
 int initLineIterator(unsigned char* image, int width, int height, int bytesPerPixel,

@@ -19,6 +19,7 @@ Multibody::Multibody()
       m_maskImage(nullptr),
       m_debugImage(nullptr),
       m_depthMap(nullptr),
+      m_depthMapFloat(nullptr),
       m_faceIdMap(nullptr),
       m_visibleEdgeBuffer(nullptr),
       m_visibleEdgeIds(nullptr),
@@ -105,6 +106,7 @@ int Multibody::init(int nCams, int maxSamples, int width, int height) {
   m_maskImage = myMallocUchar(nPixels);
   m_debugImage = myMallocUchar(3 * nPixels);
   m_depthMap = myMallocDouble(nPixels);
+  m_depthMapFloat = nullptr;
   for (int c = 0; c < nCams; c++) m_presetDepthMapPerCam[c] = myMallocDouble(nPixels);
   m_faceIdMap = myMallocInt(nPixels);
 
@@ -127,6 +129,11 @@ int Multibody::init(int nCams, int maxSamples, int width, int height) {
 
   matrixIdentity(m_currentLocalFrame, 4);
   return 0;
+}
+
+void Multibody::useFloatDepth() {
+  m_depthMapFloat = myMallocFloat((size_t)m_bufferWidth * m_bufferHeight);
+  markAllDirty(m_depthDirty, m_bufferWidth, m_bufferHeight);
 }
 
 int Multibody::changeLocalFrame(int index) {

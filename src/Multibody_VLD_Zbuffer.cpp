@@ -125,8 +125,14 @@ struct SamplingView {
   unsigned char* sampleImage;
   double* sampleNormalImage;
   int* sampleIds;
+  float* depthFloat;  // the Z-buffer in float (Multibody::useFloatDepth), else null
   bool sampling, debugViews, useMasks;
 };
+
+// Inverse depth at pixel idx of whichever Z-buffer the view renders into.
+inline double depthAt(const Multibody& mb, const SamplingView& v, long idx) {
+  return v.depthFloat != nullptr ? (double)v.depthFloat[idx] : mb.m_depthMap[idx];
+}
 
 // Candidate visible edges collected while rendering, in m_visibleEdgeBuffer
 // and m_visibleEdgeIds; beyond their capacity the rest is dropped.
@@ -202,8 +208,15 @@ void prepareImages(Multibody& mb, SamplingView& v) {
   if (v.sampling) clearDirty(mb.m_faceIdMap, mb.m_faceIdDirty, v.width, v.capacity);
   v.useMasks = prepareMasks(mb, v);
   if (mb.m_usePresetDepthMap && mb.m_presetDepthMapPerCam[v.cam] != nullptr) {
-    memcpy(mb.m_depthMap, mb.m_presetDepthMapPerCam[v.cam], v.nPixels * sizeof(double));
+    const double* preset = mb.m_presetDepthMapPerCam[v.cam];
+    if (v.depthFloat != nullptr) {
+      for (long i = 0; i < v.nPixels; i++) v.depthFloat[i] = (float)preset[i];
+    } else {
+      memcpy(mb.m_depthMap, preset, v.nPixels * sizeof(double));
+    }
     growDirty(mb.m_depthDirty, v.width, v.capacity, 0, 0, v.width - 1, v.height - 1);
+  } else if (v.depthFloat != nullptr) {
+    clearDirty(v.depthFloat, mb.m_depthDirty, v.width, v.capacity);
   } else {
     clearDirty(mb.m_depthMap, mb.m_depthDirty, v.width, v.capacity);
   }
@@ -358,9 +371,15 @@ void renderFace(Multibody& mb, const SamplingView& v, int b, int f, CandidateEdg
   const unsigned char shade =
       v.faceImage != nullptr ? (unsigned char)std::trunc((cosTilt * 0.9 + 0.1) * 255) : 0;
   const int box[4] = {xmin, ymin, xmax, ymax};
-  fillConvexPoly_DepthTest(v.faceImage, shade, mb.m_depthMap, mb.m_faceIdMap, nullptr, v.width,
-                           v.height, n, projected, box, b * 65536 + f + 1, ax, ay, a0,
-                           1.0 / v.zNear, 1.0 / v.zFar);
+  if (v.depthFloat != nullptr) {
+    fillConvexPolyFloatDepth(v.faceImage, shade, v.depthFloat, mb.m_faceIdMap, nullptr, v.width,
+                             v.height, n, projected, box, b * 65536 + f + 1, ax, ay, a0,
+                             1.0 / v.zNear, 1.0 / v.zFar);
+  } else {
+    fillConvexPoly_DepthTest(v.faceImage, shade, mb.m_depthMap, mb.m_faceIdMap, nullptr, v.width,
+                             v.height, n, projected, box, b * 65536 + f + 1, ax, ay, a0,
+                             1.0 / v.zNear, 1.0 / v.zFar);
+  }
   growDirty(mb.m_depthDirty, v.width, v.capacity, xmin, ymin, xmax, ymax);
   growDirty(mb.m_faceIdDirty, v.width, v.capacity, xmin, ymin, xmax, ymax);
 }
@@ -392,7 +411,7 @@ int renderZbuffer(Multibody& mb, const SamplingView& v) {
 void showDepthMap(Multibody& mb, const SamplingView& v) {
   for (long i = 0; i < v.nPixels; i++) {
     unsigned char* px = mb.m_debugImage + 3 * i;
-    const double delta = mb.m_depthMap[i];
+    const double delta = depthAt(mb, v, i);
     if (delta > 0.0) {
       double grey = (1.0 - (1.0 / delta - v.zNear) / (v.zFar - v.zNear)) * 255.0;
       // A preset depth map may hold depths outside the near/far range.
@@ -431,7 +450,7 @@ struct CandidateInImage {
 // through the Z-buffer. A visible polyline point paints the face image.
 bool pixelVisible(const Multibody& mb, const SamplingView& v, const CandidateInImage& c, int x,
                   int y, long idx, const double* X) {
-  const double delta = mb.m_depthMap[idx];
+  const double delta = depthAt(mb, v, idx);
   const int id = mb.m_faceIdMap[idx] - 1;
   if (c.isPolyline) {
     if (delta == 0.0) return true;
@@ -459,7 +478,7 @@ bool pixelVisible(const Multibody& mb, const SamplingView& v, const CandidateInI
   }
   if (!(nx >= 1 && nx < v.width - 2 && ny >= 1 && ny < v.height - 2)) return false;
   const long nidx = (long)ny * v.width + nx;
-  const double delta2 = mb.m_depthMap[nidx];
+  const double delta2 = depthAt(mb, v, nidx);
   const int id2 = mb.m_faceIdMap[nidx] - 1;
   if (delta2 == 0.0 || idOnFaces(id2, c.b, c.f0, c.f1)) return true;
   if (id2 == id) return false;
@@ -626,6 +645,7 @@ int Multibody::sampleContour_Zbuffer(int cam, const double* T, const double* K, 
   v.sampleImage = sampleImage;
   v.sampleNormalImage = sampleNormalImage;
   v.sampleIds = sampleIds;
+  v.depthFloat = m_depthMapFloat;
   v.sampling = sampling;
   v.debugViews = debugViews;
   prepareImages(*this, v);

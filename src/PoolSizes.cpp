@@ -115,6 +115,8 @@ int computePoolSizes(int count, const double* array, double margin, size_t sizes
     s[kInt] += n * (S + ZOT_POLARITY_SLOTS);
     s[kDouble] += n * ZOT_POLARITY_SLOTS;
   }
+  // The speed modes' float Z-buffer.
+  if (setup->robust.floatDepth()) s[kFloat] += wh;
 
   if (!(margin > 0.0) || !std::isfinite(margin)) margin = 0.0;
   for (int i = 0; i < ZOT_N_POOLS; i++) {

@@ -470,9 +470,9 @@ bool decodeSetupArray(const double* array, int count, SetupArray& setup, char* m
     if (!decodeBody(r, b, setup.bodies[b])) return false;
   }
   setup.nExtensionValues = -1;
+  setup.robust = RobustSettings();
   if (cursor < count && array[cursor] == ZOT_EXTENSION_MARKER) {
-    RobustSettings ignored;
-    if (!decodeExtensions(r, ignored, setup.nExtensionValues, setup.extensions)) return false;
+    if (!decodeExtensions(r, setup.robust, setup.nExtensionValues, setup.extensions)) return false;
   }
   if (cursor != count) {
     r.report("ERROR: total numbers read %d should be: %d\n", cursor, count);

@@ -68,6 +68,7 @@ int GenericObjectTracker::setupFromGlobalArray(int count, const double* array) {
   }
 
   if (extended) m_contourTracker.initRobust(p.m_maxNSamplePointsPerCam);
+  if (p.m_robust.floatDepth()) m_multibody.useFloatDepth();
 
   // Checked last, after everything is built: the pools stay consumed.
   if (cursor != count) {

@@ -267,7 +267,7 @@ namespace {
 // the overrun check of doBigFree.
 class Model : public ::testing::Test {
  protected:
-  Model() { doBigMalloc(12000000, 1000, 8000000, 1000, 3000000, 100000, 1000); }
+  Model() { doBigMalloc(12000000, 1000, 8000000, 400000, 3000000, 100000, 1000); }
   ~Model() override { doBigFree(); }
 };
 
@@ -609,6 +609,40 @@ TEST_F(Visibility, BoxHalfHiddenBehindAnotherBoxAndTheRayCastingCheck) {
             "depth conflict: Z point 9 polygon 5.2 k 0.577778\n");
   EXPECT_EQ(checkedIds[0] + checkedIds[1], -510);
   EXPECT_EQ(checkedIds[2], 65536 + edge);
+}
+
+// The speed modes' float Z-buffer samples the contour the double one does
+// on a box partly hidden by another: no sample farther than a sampling step
+// from one of the other buffer's on the same body.
+TEST_F(Visibility, FloatDepthSamplesTheSameContourWithinOneStep) {
+  Multibody exact, fast;
+  const double back[6] = {0, 0, 10, 1.5, 1, 1}, front[6] = {-0.75, 0, 5, 0.8, 1.2, 0.2};
+  for (Multibody* mb : {&exact, &fast}) {
+    for (const double* box : {front, back})
+      addPolyhedronBody(*mb, zot_sim::boxMesh(box, box + 3), false, 30.0);
+    initModel(*mb);
+  }
+  fast.useFloatDepth();
+  auto farFrom = [](const std::vector<Sample>& from, const std::vector<Sample>& to) {
+    int far = 0;
+    for (const Sample& a : from) {
+      double nearest = 1e9;
+      for (const Sample& b : to)
+        if ((a.id >> 16) == (b.id >> 16))
+          nearest = std::min(nearest, std::hypot(a.u - b.u, a.v - b.v));
+      far += nearest > 3.0;
+    }
+    return far;
+  };
+  for (const auto& p : {std::vector<double>{0, 0, 0, 0, 0, 0},
+                        {8, -12, 5, 0.2, 0.1, 1},
+                        {-15, 20, 30, -0.3, 0.2, 2}}) {
+    double T[16];
+    TfromEuler(T, p[0], p[1], p[2], p[3], p[4], p[5]);
+    const std::vector<Sample> a = sample(exact, T, 3), b = sample(fast, T, 3);
+    ASSERT_GT(a.size(), 150u);
+    EXPECT_EQ(farFrom(a, b) + farFrom(b, a), 0);
+  }
 }
 
 TEST_F(Visibility, MasksPresetDepthAndTheSampleLimit) {

@@ -18,12 +18,13 @@ TrackerPools::TrackerPools(long maxPixels, int nCams, int maxSamples, long model
                            int setups) {
   // Per camera: undistortion maps, five tables and the undistorted image;
   // the contour tracker's per-point arrays, edge map and gradients; the
-  // model's depth, preset depth, face-id, mask and debug images; and room
-  // for the bodies' geometry and topology.
+  // model's depth (double, and float in the speed modes), preset depth,
+  // face-id, mask and debug images; and room for the bodies' geometry and
+  // topology.
   const size_t px = (size_t)maxPixels, n = (size_t)nCams, s = (size_t)maxSamples,
                m = (size_t)modelValues, k = (size_t)setups;
   doBigMalloc(k * (px * (2 * n + 7) + 4 * m) + 10000, k * px + 1000,
-              k * (px * (3 * n + 1) + 50 * n * s + 20 * m) + 10000, 16,
+              k * (px * (3 * n + 1) + 50 * n * s + 20 * m) + 10000, k * px + 16,
               k * (px * (5 * n + 3) + 40 * m) + 20000, k * 2 * m + 1000,
               k * px * (2 * n + 2) + 1000);
 }
