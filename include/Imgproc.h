@@ -72,7 +72,7 @@ int CannyAndSobel(const unsigned char* src, short* dx, short* dy, unsigned char*
 bool clipRegion(const int* region, int width, int height, int* clipped);
 
 /// mySobel on the window `region` of src into the same pixels of dx and dy
-/// (mirrored at the window's borders). tmp: 2 * window pixels shorts. Writes
+/// (mirrored at the window's borders). tmp: 2 * window width shorts. Writes
 /// nothing for an empty window or null pointers. Returns 0.
 int mySobelRegion(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
                   const int* region);

@@ -189,6 +189,21 @@ void clearWindow(unsigned char* image, int width, int x0, int y0, int x1, int y1
   for (int y = y0; y <= y1; y++) memset(image + (size_t)y * width + x0, 0, x1 - x0 + 1);
 }
 
+// Zeroes window w (x0, y0, x1, y1) of a width-wide image except where it
+// overlaps window keep, which the caller is about to overwrite.
+void clearWindowOutside(unsigned char* image, int width, const int* w, const int* keep) {
+  if (w[0] > w[2]) return;
+  for (int y = w[1]; y <= w[3]; y++) {
+    unsigned char* row = image + (size_t)y * width;
+    if (y < keep[1] || y > keep[3] || keep[0] > w[2] || keep[2] < w[0]) {
+      memset(row + w[0], 0, w[2] - w[0] + 1);
+      continue;
+    }
+    if (w[0] < keep[0]) memset(row + w[0], 0, keep[0] - w[0]);
+    if (w[2] > keep[2]) memset(row + keep[2] + 1, 0, w[2] - keep[2]);
+  }
+}
+
 // Widens [lo, hi] to at least `side` values inside 0..size-1 where size allows.
 void widenRange(int& lo, int& hi, int side, int size) {
   const int missing = side - (hi - lo + 1);
@@ -208,12 +223,18 @@ int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const 
     if (!m_camEnabled[c]) continue;
     const int width = m_imageWidth[c], height = m_imageHeight[c];
     int* window = m_edgeWindow[c];
-    clearWindow(m_edgeMap[c], width, window[0], window[1], window[2], window[3]);
-    window[2] = -1;  // no edges until this detection succeeds
     int r[4];
-    if (regions == nullptr || !clipRegion(regions[c], width, height, r)) continue;
+    if (regions == nullptr || !clipRegion(regions[c], width, height, r)) {
+      clearWindow(m_edgeMap[c], width, window[0], window[1], window[2], window[3]);
+      window[2] = -1;
+      continue;
+    }
     widenRange(r[0], r[2], ZOT_MIN_REGION_SIDE, width);
     widenRange(r[1], r[3], ZOT_MIN_REGION_SIDE, height);
+    // Canny writes every pixel of the new window: only the rest of the old
+    // one needs clearing.
+    clearWindowOutside(m_edgeMap[c], width, window, r);
+    window[2] = -1;  // no edges until this detection succeeds
     mySobelRegion(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height, r);
     double low = cannyLow, high = cannyHigh;
     if (adaptive != nullptr) {
@@ -223,7 +244,10 @@ int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const 
     }
     const int code = myCannyRegion(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork,
                                    m_cannyStack, width, height, r, low, high);
-    if (code != 0) return code;
+    if (code != 0) {
+      clearWindow(m_edgeMap[c], width, r[0], r[1], r[2], r[3]);
+      return code;
+    }
     for (int i = 0; i < 4; i++) window[i] = r[i];
   }
   return 0;

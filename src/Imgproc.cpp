@@ -52,10 +52,12 @@ void merge(const unsigned char* plane0, const unsigned char* plane1, const unsig
 namespace {
 
 // The Sobel of mySobel on a width x height window whose rows lie `stride`
-// pixels apart in src, dx and dy (tmp is packed, 2 * width * height shorts).
+// pixels apart in src, dx and dy. keepTmp: tmp ends up as mySobel documents
+// it (2 * width * height shorts); otherwise only 2 rows of it are used, and
+// stay in the first-level cache.
 void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
-                 int stride) {
-  const size_t n = (size_t)width * height;
+                 int stride, bool keepTmp) {
+  const size_t n = keepTmp ? (size_t)width * height : (size_t)width;
   short* smoothImg = tmp;
   short* diffImg = tmp + n;
   // Mirrored neighbours: row -1 is row 1 and row h is row h - 2, so the
@@ -65,12 +67,13 @@ void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int
   const int mirrorDown = height > 1 ? height - 2 : 0;
   for (int y = 0; y < height; y++) {
     // Both passes per row, so the smoothed row is still in cache when the
-    // horizontal pass reads it; tmp ends up as a two-pass version leaves it.
+    // horizontal pass reads it.
     const unsigned char* up = src + (size_t)(y > 0 ? y - 1 : mirrorUp) * stride;
     const unsigned char* mid = src + (size_t)y * stride;
     const unsigned char* down = src + (size_t)(y < height - 1 ? y + 1 : mirrorDown) * stride;
-    short* s = smoothImg + (size_t)y * width;
-    short* d = diffImg + (size_t)y * width;
+    const size_t row = keepTmp ? (size_t)y * width : 0;
+    short* s = smoothImg + row;
+    short* d = diffImg + row;
     for (int x = 0; x < width; x++) {
       s[x] = (short)(up[x] + 2 * mid[x] + down[x]);
       d[x] = (short)(down[x] - up[x]);
@@ -97,7 +100,7 @@ void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int
 
 int mySobel(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height) {
   if (!src || !dx || !dy || !tmp || width <= 0 || height <= 0) return 0;
-  sobelWindow(src, dx, dy, tmp, width, height, width);
+  sobelWindow(src, dx, dy, tmp, width, height, width, true);
   return 0;
 }
 
@@ -115,7 +118,8 @@ int mySobelRegion(const unsigned char* src, short* dx, short* dy, short* tmp, in
   int r[4];
   if (!src || !dx || !dy || !tmp || !clipRegion(region, width, height, r)) return 0;
   const size_t origin = (size_t)r[1] * width + r[0];
-  sobelWindow(src + origin, dx + origin, dy + origin, tmp, r[2] - r[0] + 1, r[3] - r[1] + 1, width);
+  sobelWindow(src + origin, dx + origin, dy + origin, tmp, r[2] - r[0] + 1, r[3] - r[1] + 1, width,
+              false);
   return 0;
 }
 
