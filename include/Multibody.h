@@ -55,9 +55,10 @@ class Multibody {
 
   /// Visible-contour sampling for camera `cam` at pose T (object in camera
   /// frame) with camera matrix K (fx = K[0], cx = K[2], fy = K[4], cy =
-  /// K[5]): renders the active polyhedra into m_depthMap/m_faceIdMap, finds
-  /// the visible contour and feature edges (and polyline segments) and keeps
-  /// every samplingStep-th pixel of them that passes the visibility test.
+  /// K[5]): renders the active polyhedra into m_depthMap (m_depthMapFloat
+  /// after useFloatDepth) and m_faceIdMap, finds the visible contour and
+  /// feature edges (and polyline segments) and keeps every samplingStep-th
+  /// pixel of them that passes the visibility test.
   /// Faces facing the camera by less than facingTolerance are not rendered;
   /// pieces shorter than minEdgeLength are not sampled. Optional outputs
   /// (null to skip, each width x height): faceImage (shaded faces), sampleImage
