@@ -188,10 +188,14 @@ class ContourTracker {
   /// edges equal those of the whole image, but for weak edges that Canny's
   /// hysteresis would have connected through the outside. Work is
   /// proportional to the region, plus the clearing of the previous one. A null or empty region
-  /// (nothing of the model in view) leaves the camera without edges. Returns 0 or the edge
-  /// detector's code (-16).
+  /// (nothing of the model in view) leaves the camera without edges. With
+  /// row spans per camera (Multibody::projectedBounds; null: whole rows)
+  /// the derivatives, thresholds and edges are found in them only (see
+  /// myCannyRegion), unless the region had to be widened. Returns 0 or the
+  /// edge detector's code (-16).
   int edgeDetectRegions(const unsigned char* const* images, const int* const* regions, int cannyLow,
-                        int cannyHigh, const RobustSettings* adaptive);
+                        int cannyHigh, const RobustSettings* adaptive,
+                        const int* const* spans = nullptr);
 
   /// Gauss-Newton refinement of pose (object in the reference frame, in/out)
   /// against the current edge maps. Each iteration samples the visible
@@ -432,8 +436,9 @@ class ContourTracker {
   double largestSampleMove(const double* dx) const;
   /// Canny thresholds of camera c from its Sobel derivatives over window
   /// (x0, y0, x1, y1, inside the image), every step-th pixel of every
-  /// step-th row, into m_cannyThresholds[c].
-  void adaptiveThresholds(int c, const int* window, int step, const RobustSettings& r);
+  /// step-th row (within its row spans, if any), into m_cannyThresholds[c].
+  void adaptiveThresholds(int c, const int* window, int step, const RobustSettings& r,
+                          const int* spans = nullptr);
   /// m_edgeWindow[c] = the whole image (the edge map may hold edges anywhere).
   void setWholeEdgeWindow(int c);
   /// Slot of model edge `id` in a camera's polarity table (open

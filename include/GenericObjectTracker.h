@@ -261,6 +261,10 @@ class GenericObjectTracker {
   /// with the lens in the projection it is a region of the camera's own
   /// image.
   int m_imageRegion[ZOT_MAX_CAMERAS][4];
+  /// With the region of interest, per camera the row spans of the region (2
+  /// ints per image row, Multibody::projectedBounds): the edges are found in
+  /// them only. Null with the region off.
+  int* m_imageSpans[ZOT_MAX_CAMERAS];
   /// Per camera its distortion when the lens is in the projection and the
   /// camera has one, else null (set by each frame).
   const double* m_lensDistortion[ZOT_MAX_CAMERAS];

@@ -72,10 +72,14 @@ int CannyAndSobel(const unsigned char* src, short* dx, short* dy, unsigned char*
 bool clipRegion(const int* region, int width, int height, int* clipped);
 
 /// mySobel on the window `region` of src into the same pixels of dx and dy
-/// (mirrored at the window's borders). tmp: 2 * window width shorts. Writes
-/// nothing for an empty window or null pointers. Returns 0.
+/// (mirrored at the window's borders). tmp: 2 * window width shorts. With
+/// row spans (2 ints per image row: x0, x1 of row y at spans[2y],
+/// spans[2y + 1], inclusive; empty when x0 > x1) only their part of each
+/// window row is computed, from the image's own neighbours inside the
+/// window: there the values equal the window's. Writes nothing for an empty
+/// window or null pointers. Returns 0.
 int mySobelRegion(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
-                  const int* region);
+                  const int* region, const int* spans = nullptr);
 
 /// Pixels at the sides of a region that lie inside the image (not on its
 /// border) where myCannyRegion finds no edge: there the window's mirrored
@@ -90,10 +94,14 @@ constexpr int ZOT_REGION_BORDER = 2;
 /// further in is found unless its hysteresis ran through the outside (a
 /// weak edge whose strong one lies outside). Returns 0, or ZOT_ERR_CANNY
 /// with the message for an empty window and myCanny's failures (a window of
-/// fewer than 1024 pixels among them).
+/// fewer than 1024 pixels among them). With the row spans mySobelRegion
+/// was given, only pixels whose 3 x 3 neighbourhood lies in them (and in the
+/// window less its border) can be edges, and the hysteresis stays there:
+/// every edge is still one of the whole image. The whole window of edges is
+/// written.
 int myCannyRegion(const short* dx, const short* dy, unsigned char* edges, int* buffer,
                   unsigned char** stack, int width, int height, const int* region,
-                  double lowThreshold, double highThreshold);
+                  double lowThreshold, double highThreshold, const int* spans = nullptr);
 
 // ================================================================ lens undistortion
 /// Distortion coefficients are (k1, k2, p1, p2, k3); camera matrices 3 x 3

@@ -89,9 +89,14 @@ class Multibody {
   /// in front of the camera (its projection bounds nothing); an empty
   /// rectangle (x1 < x0) when the bounds miss the image. With `distortion`
   /// (k1, k2, p1, p2, k3) the vertices are bounded where they appear in the
-  /// distorted image (distortPixel).
+  /// distorted image (distortPixel). With `spans` (2 ints per image row)
+  /// the rows y of the rectangle also get spans[2y], spans[2y + 1]: the
+  /// pixels of the row within grow + 1 of the points' supports in 8
+  /// directions, a polygon holding their grown convex hull (x0 > x1 where
+  /// none); the whole rows where the rectangle is the whole image.
   void projectedBounds(const double* T, const double* K, int width, int height, double grow,
-                       int* region, const double* distortion = nullptr) const;
+                       int* region, const double* distortion = nullptr,
+                       int* spans = nullptr) const;
 
   /// Renders the Z-buffer into m_depthMapFloat, a 32-bit float inverse
   /// depth, from now on (until the next init()): half the memory a sampling

@@ -218,7 +218,8 @@ void widenRange(int& lo, int& hi, int side, int size) {
 }  // namespace
 
 int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const int* const* regions,
-                                      int cannyLow, int cannyHigh, const RobustSettings* adaptive) {
+                                      int cannyLow, int cannyHigh, const RobustSettings* adaptive,
+                                      const int* const* spans) {
   for (int c = 0; c < m_nCams; c++) {
     if (!m_camEnabled[c]) continue;
     const int width = m_imageWidth[c], height = m_imageHeight[c];
@@ -229,21 +230,25 @@ int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const 
       window[2] = -1;
       continue;
     }
+    const int asked[4] = {r[0], r[1], r[2], r[3]};
     widenRange(r[0], r[2], ZOT_MIN_REGION_SIDE, width);
     widenRange(r[1], r[3], ZOT_MIN_REGION_SIDE, height);
+    // Spans cover the rows asked for; a widened region is taken whole.
+    const bool widened = r[0] != asked[0] || r[1] != asked[1] || r[2] != asked[2] || r[3] != asked[3];
+    const int* rowSpans = spans != nullptr && !widened ? spans[c] : nullptr;
     // Canny writes every pixel of the new window: only the rest of the old
     // one needs clearing.
     clearWindowOutside(m_edgeMap[c], width, window, r);
     window[2] = -1;  // no edges until this detection succeeds
-    mySobelRegion(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height, r);
+    mySobelRegion(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height, r, rowSpans);
     double low = cannyLow, high = cannyHigh;
     if (adaptive != nullptr) {
-      adaptiveThresholds(c, r, 2, *adaptive);
+      adaptiveThresholds(c, r, 2, *adaptive, rowSpans);
       low = m_cannyThresholds[c][0];
       high = m_cannyThresholds[c][1];
     }
     const int code = myCannyRegion(m_gradX[c], m_gradY[c], m_edgeMap[c], m_cannyIntWork,
-                                   m_cannyStack, width, height, r, low, high);
+                                   m_cannyStack, width, height, r, low, high, rowSpans);
     if (code != 0) {
       clearWindow(m_edgeMap[c], width, r[0], r[1], r[2], r[3]);
       return code;

@@ -156,7 +156,7 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
 }
 
 void ContourTracker::adaptiveThresholds(int c, const int* window, int step,
-                                        const RobustSettings& r) {
+                                        const RobustSettings& r, const int* spans) {
   // The gradient's distribution where the object can be: its strongest
   // edges set the scale, so that faint footage gets low thresholds.
   const int width = m_imageWidth[c];
@@ -169,15 +169,19 @@ void ContourTracker::adaptiveThresholds(int c, const int* window, int step,
   for (int y = window[1]; y <= window[3]; y += step) {
     const short* dx = m_gradX[c] + (long)y * width;
     const short* dy = m_gradY[c] + (long)y * width;
-    int x = window[0];
-    for (; x + 3 * step <= window[2]; x += 4 * step) {
+    int x = window[0], last = window[2];
+    if (spans != nullptr) {
+      x = spans[2 * y] > x ? spans[2 * y] : x;
+      last = spans[2 * y + 1] < last ? spans[2 * y + 1] : last;
+    }
+    for (; x + 3 * step <= last; x += 4 * step) {
       for (int i = 0; i < 4; i++) {
         const int k = x + i * step;
         histograms[i][bin(std::abs(dx[k]) + std::abs(dy[k]))]++;
       }
       total += 4;
     }
-    for (; x <= window[2]; x += step, total++) histogram[bin(std::abs(dx[x]) + std::abs(dy[x]))]++;
+    for (; x <= last; x += step, total++) histogram[bin(std::abs(dx[x]) + std::abs(dy[x]))]++;
   }
   for (int m = 0; m < kMagnitudeBins; m++)
     histogram[m] += histograms[1][m] + histograms[2][m] + histograms[3][m];

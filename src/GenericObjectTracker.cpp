@@ -85,6 +85,7 @@ GenericObjectTracker::GenericObjectTracker()
     m_undistortedImage[c] = nullptr;
     m_imageRegion[c][0] = m_imageRegion[c][1] = 0;
     m_imageRegion[c][2] = m_imageRegion[c][3] = -1;
+    m_imageSpans[c] = nullptr;
     m_lensDistortion[c] = nullptr;
   }
 }
@@ -386,7 +387,7 @@ void GenericObjectTracker::computeImageRegions(const double* predicted, double g
     double T[16];
     matrixProduct444(m_toolToCamera[c], predicted, T);
     m_multibody.projectedBounds(T, m_K[c], m_imageWidth[c], m_imageHeight[c], grow,
-                                m_imageRegion[c], m_lensDistortion[c]);
+                                m_imageRegion[c], m_lensDistortion[c], m_imageSpans[c]);
   }
 }
 
@@ -405,7 +406,7 @@ int GenericObjectTracker::detectEdges(const double* predicted) {
     return m_contourTracker.edgeDetectAdaptive(m_undistortedImage, regionOf, r);
   return m_contourTracker.edgeDetectRegions(
       m_undistortedImage, regionOf, m_trackingParams.m_cannyLowThreshold,
-      m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr);
+      m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr, m_imageSpans);
 }
 
 GaussNewtonSettings GenericObjectTracker::loopSettings(const double* dofMask, bool timing,

@@ -51,12 +51,25 @@ void merge(const unsigned char* plane0, const unsigned char* plane1, const unsig
 // ================================================================ edge detection
 namespace {
 
+// Columns a..b (window coordinates, inclusive) of one row of a window of
+// rows spans[2i] - x0 .. spans[2i + 1] - x0; the whole row without spans.
+inline void windowRowSpan(const int* spans, int x0, int width, int i, int* a, int* b) {
+  *a = 0;
+  *b = width - 1;
+  if (spans == nullptr) return;
+  const int lo = spans[2 * i] - x0, hi = spans[2 * i + 1] - x0;
+  if (lo > *a) *a = lo;
+  if (hi < *b) *b = hi;
+}
+
 // The Sobel of mySobel on a width x height window whose rows lie `stride`
 // pixels apart in src, dx and dy. keepTmp: tmp ends up as mySobel documents
 // it (2 * width * height shorts); otherwise only 2 rows of it are used, and
-// stay in the first-level cache.
+// stay in the first-level cache. spans (null: whole rows): row i of the
+// window only at columns spans[2i] - x0 .. spans[2i + 1] - x0, from the
+// image's own neighbours inside the window.
 void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
-                 int stride, bool keepTmp) {
+                 int stride, bool keepTmp, const int* spans = nullptr, int x0 = 0) {
   const size_t n = keepTmp ? (size_t)width * height : (size_t)width;
   short* smoothImg = tmp;
   short* diffImg = tmp + n;
@@ -66,6 +79,9 @@ void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int
   const int mirrorUp = height > 1 ? 1 : 0;
   const int mirrorDown = height > 1 ? height - 2 : 0;
   for (int y = 0; y < height; y++) {
+    int a, b;
+    windowRowSpan(spans, x0, width, y, &a, &b);
+    if (a > b) continue;
     // Both passes per row, so the smoothed row is still in cache when the
     // horizontal pass reads it.
     const unsigned char* up = src + (size_t)(y > 0 ? y - 1 : mirrorUp) * stride;
@@ -74,7 +90,8 @@ void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int
     const size_t row = keepTmp ? (size_t)y * width : 0;
     short* s = smoothImg + row;
     short* d = diffImg + row;
-    for (int x = 0; x < width; x++) {
+    const int v1 = b < width - 1 ? b + 1 : b;
+    for (int x = a > 0 ? a - 1 : a; x <= v1; x++) {
       s[x] = (short)(up[x] + 2 * mid[x] + down[x]);
       d[x] = (short)(down[x] - up[x]);
     }
@@ -85,14 +102,20 @@ void sobelWindow(const unsigned char* src, short* dx, short* dy, short* tmp, int
       dyr[0] = (short)(4 * d[0]);
       continue;
     }
-    dxr[0] = 0;
-    dyr[0] = (short)(2 * (d[0] + d[1]));
-    for (int x = 1; x < width - 1; x++) {
+    if (a == 0) {
+      dxr[0] = 0;
+      dyr[0] = (short)(2 * (d[0] + d[1]));
+      a = 1;
+    }
+    const int last = b < width - 1 ? b : width - 2;
+    for (int x = a; x <= last; x++) {
       dxr[x] = (short)(s[x + 1] - s[x - 1]);
       dyr[x] = (short)(d[x - 1] + 2 * d[x] + d[x + 1]);
     }
-    dxr[width - 1] = 0;
-    dyr[width - 1] = (short)(2 * (d[width - 1] + d[width - 2]));
+    if (b == width - 1) {
+      dxr[width - 1] = 0;
+      dyr[width - 1] = (short)(2 * (d[width - 1] + d[width - 2]));
+    }
   }
 }
 
@@ -114,12 +137,12 @@ bool clipRegion(const int* region, int width, int height, int* clipped) {
 }
 
 int mySobelRegion(const unsigned char* src, short* dx, short* dy, short* tmp, int width, int height,
-                  const int* region) {
+                  const int* region, const int* spans) {
   int r[4];
   if (!src || !dx || !dy || !tmp || !clipRegion(region, width, height, r)) return 0;
   const size_t origin = (size_t)r[1] * width + r[0];
   sobelWindow(src + origin, dx + origin, dy + origin, tmp, r[2] - r[0] + 1, r[3] - r[1] + 1, width,
-              false);
+              false, spans != nullptr ? spans + 2 * r[1] : nullptr, r[0]);
   return 0;
 }
 
@@ -266,13 +289,36 @@ int classifyCannyRow8(const int* mag, const int* above, const int* below, const 
 }
 #endif
 
+// Narrows the columns jStart..jEnd-1 classified in window row k to pixels
+// whose 3 x 3 neighbours lie in the row spans (window borders aside, where
+// the zero cells stand in as for the whole window).
+void spannedClassification(const int* spans, int x0, int width, int height, int k, int& jStart,
+                           int& jEnd) {
+  int a, b;
+  windowRowSpan(spans, x0, width, k, &a, &b);
+  for (int r = k - 1; r <= k + 1; r += 2) {
+    if (r < 0 || r >= height) continue;
+    int ra, rb;
+    windowRowSpan(spans, x0, width, r, &ra, &rb);
+    if (ra > a) a = ra;
+    if (rb < b) b = rb;
+  }
+  if (a > 0) a++;
+  if (b < width - 1) b--;
+  if (a > jStart) jStart = a;
+  if (b + 1 < jEnd) jEnd = b + 1;
+  if (jEnd < jStart) jEnd = jStart;
+}
+
 // The Canny of myCanny on a width x height window whose rows lie `stride`
 // pixels apart in dx, dy and edges. keepOut (left, top, right, bottom; null:
 // none) are rows and columns at the window's sides that are never edges and
-// never carry the hysteresis.
+// never carry the hysteresis. spans (null: none): the window rows' spans,
+// as sobelWindow takes them; dx and dy are read only there.
 int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buffer,
                 unsigned char** stack, int width, int height, int stride, double lowThreshold,
-                double highThreshold, const int* keepOut) {
+                double highThreshold, const int* keepOut, const int* spans = nullptr,
+                int x0 = 0) {
   if (lowThreshold > highThreshold) {
     const double t = lowThreshold;
     lowThreshold = highThreshold;
@@ -302,7 +348,9 @@ int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buf
     if (i < height) {
       const short* dxr = dx + (size_t)i * stride;
       const short* dyr = dy + (size_t)i * stride;
-      for (int j = 0; j < width; j++) norm[j] = std::abs((int)dxr[j]) + std::abs((int)dyr[j]);
+      int a, b;
+      windowRowSpan(spans, x0, width, i, &a, &b);
+      for (int j = a; j <= b; j++) norm[j] = std::abs((int)dxr[j]) + std::abs((int)dyr[j]);
       norm[-1] = norm[width] = 0;
     } else {
       memset(norm - 1, 0, mapstep * sizeof(int));
@@ -326,6 +374,9 @@ int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buf
       const bool rowKept = i - 1 < keepOut[1] || i - 1 >= height - keepOut[3];
       jStart = rowKept ? width : keepOut[0] < width ? keepOut[0] : width;
       jEnd = rowKept ? width : width - keepOut[2] > jStart ? width - keepOut[2] : jStart;
+    }
+    if (spans != nullptr) spannedClassification(spans, x0, width, height, i - 1, jStart, jEnd);
+    if (jStart > 0 || jEnd < width) {
       memset(mrow, 1, jStart);
       memset(mrow + jEnd, 1, width - jEnd);
     }
@@ -397,7 +448,7 @@ int myCanny(const short* dx, const short* dy, unsigned char* edges, int* buffer,
 
 int myCannyRegion(const short* dx, const short* dy, unsigned char* edges, int* buffer,
                   unsigned char** stack, int width, int height, const int* region,
-                  double lowThreshold, double highThreshold) {
+                  double lowThreshold, double highThreshold, const int* spans) {
   int r[4];
   if (!clipRegion(region, width, height, r)) return cannyStackFailure();
   const size_t origin = (size_t)r[1] * width + r[0];
@@ -408,7 +459,8 @@ int myCannyRegion(const short* dx, const short* dy, unsigned char* edges, int* b
                           r[2] < width - 1 ? ZOT_REGION_BORDER : 0,
                           r[3] < height - 1 ? ZOT_REGION_BORDER : 0};
   return cannyWindow(dx + origin, dy + origin, edges + origin, buffer, stack, r[2] - r[0] + 1,
-                     r[3] - r[1] + 1, width, lowThreshold, highThreshold, keepOut);
+                     r[3] - r[1] + 1, width, lowThreshold, highThreshold, keepOut,
+                     spans != nullptr ? spans + 2 * r[1] : nullptr, r[0]);
 }
 
 int CannyAndSobel(const unsigned char* src, short* dx, short* dy, unsigned char* edges, int* buffer,

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "Imgproc.h"
 #include "Math.h"
@@ -175,8 +176,21 @@ int Multibody::getActiveBody(int body) const {
 }
 
 void Multibody::projectedBounds(const double* T, const double* K, int width, int height,
-                                double grow, int* region, const double* distortion) const {
-  double lo[2] = {1e300, 1e300}, hi[2] = {-1e300, -1e300};
+                                double grow, int* region, const double* distortion,
+                                int* spans) const {
+  // Support of the projected points in kDirections directions k * 180 /
+  // kDirections degrees: the rectangle's sides are directions 0 and
+  // kDirections / 2, the others cut its corners.
+  constexpr int kDirections = 8;
+  double cosine[kDirections], sine[kDirections], lo[kDirections], hi[kDirections];
+  for (int k = 0; k < kDirections; k++) {
+    const double angle = k * ZOT_PI / kDirections;
+    cosine[k] = k == kDirections / 2 ? 0.0 : std::cos(angle);
+    sine[k] = k == 0 ? 0.0 : std::sin(angle);
+    lo[k] = 1e300;
+    hi[k] = -1e300;
+  }
+  constexpr int kX = 0, kY = kDirections / 2;
   bool whole = false;
   auto include = [&](const double* X) {
     double p[3];
@@ -193,10 +207,11 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
       u = moved[0];
       v = moved[1];
     }
-    lo[0] = u < lo[0] ? u : lo[0];
-    hi[0] = u > hi[0] ? u : hi[0];
-    lo[1] = v < lo[1] ? v : lo[1];
-    hi[1] = v > hi[1] ? v : hi[1];
+    for (int k = 0; k < kDirections; k++) {
+      const double along = cosine[k] * u + sine[k] * v;
+      lo[k] = along < lo[k] ? along : lo[k];
+      hi[k] = along > hi[k] ? along : hi[k];
+    }
   };
   for (int b = 0; b < m_nBodies && !whole; b++) {
     if (!m_bodyActive[b]) continue;
@@ -209,25 +224,43 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
       whole = true;
     }
   }
-  if (whole || !(lo[0] <= hi[0])) {
+  if (whole || !(lo[kX] <= hi[kX])) {
     region[0] = region[1] = 0;
     region[2] = width - 1;
     region[3] = height - 1;
     if (!whole) region[2] = -1;  // nothing to bound
+    for (int y = 0; spans != nullptr && y < height; y++) spans[2 * y] = 0, spans[2 * y + 1] = width - 1;
     return;
   }
   // Clamped in double first: a far-off projection must not overflow an int.
   auto clampTo = [](double v, int most) {
     return !(v >= -1.0) ? -1 : v > most + 1.0 ? most + 1 : (int)std::floor(v);
   };
-  region[0] = clampTo(lo[0] - grow, width - 1);
-  region[1] = clampTo(lo[1] - grow, height - 1);
-  region[2] = clampTo(hi[0] + grow + 1.0, width - 1);
-  region[3] = clampTo(hi[1] + grow + 1.0, height - 1);
+  region[0] = clampTo(lo[kX] - grow, width - 1);
+  region[1] = clampTo(lo[kY] - grow, height - 1);
+  region[2] = clampTo(hi[kX] + grow + 1.0, width - 1);
+  region[3] = clampTo(hi[kY] + grow + 1.0, height - 1);
   if (region[0] < 0) region[0] = 0;
   if (region[1] < 0) region[1] = 0;
   if (region[2] > width - 1) region[2] = width - 1;
   if (region[3] > height - 1) region[3] = height - 1;
+  if (spans == nullptr) return;
+  // Each row of the rectangle within grow + 1 pixels of every support: the
+  // polygon they bound holds the points' convex hull, grown.
+  const double reach = grow + 1.0;
+  for (int y = region[1]; y <= region[3]; y++) {
+    double first = region[0], last = region[2];
+    for (int k = 0; k < kDirections; k++) {
+      if (k == kX || k == kY) continue;
+      double from = (lo[k] - reach - sine[k] * y) / cosine[k];
+      double to = (hi[k] + reach - sine[k] * y) / cosine[k];
+      if (cosine[k] < 0.0) std::swap(from, to);
+      first = from > first ? from : first;
+      last = to < last ? to : last;
+    }
+    spans[2 * y] = first <= last ? (int)std::ceil(first) : region[0] + 1;
+    spans[2 * y + 1] = first <= last ? (int)std::floor(last) : region[0];
+  }
 }
 
 }  // namespace ZOTtracker

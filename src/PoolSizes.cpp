@@ -115,8 +115,10 @@ int computePoolSizes(int count, const double* array, double margin, size_t sizes
     s[kInt] += n * (S + ZOT_POLARITY_SLOTS);
     s[kDouble] += n * ZOT_POLARITY_SLOTS;
   }
-  // The speed modes' float Z-buffer.
+  // The speed modes' float Z-buffer; the region's row spans.
   if (setup->robust.floatDepth()) s[kFloat] += wh;
+  for (int c = 0; c < nCams && setup->robust.regionOfInterest; c++)
+    s[kInt] += 2 * (size_t)setup->cameras[c].height;
 
   if (!(margin > 0.0) || !std::isfinite(margin)) margin = 0.0;
   for (int i = 0; i < ZOT_N_POOLS; i++) {

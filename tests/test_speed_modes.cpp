@@ -7,6 +7,7 @@
 // ones.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <vector>
 
@@ -100,6 +101,38 @@ TEST(RegionOfInterest, InsideTheRegionTheImageStepsEqualTheWholeImagesOutsideNot
     }
   EXPECT_LT(missed, edgesInside / 50);
 
+  // Row spans (a hexagon in the region, its top rows empty): derivatives as
+  // the whole image's on them, edges only where a pixel's 3 x 3 lies in
+  // them, every one an edge of the whole image, a missing one weak.
+  std::vector<int> spans(2 * kH);
+  for (int y = region[1]; y <= region[3]; y++) {
+    const int half = y < 95 ? -1 : 130 - std::abs(y - 210) * 3 / 5;
+    spans[2 * y] = 280 - half, spans[2 * y + 1] = 280 + half;
+  }
+  auto inSpans = [&](int x, int y) {
+    return y >= region[1] && y <= region[3] && x >= spans[2 * y] && x <= spans[2 * y + 1];
+  };
+  const int* spansOf[1] = {spans.data()};
+  ASSERT_EQ(tracker.edgeDetectRegions(images, regions, 20, 60, nullptr, spansOf), 0);
+  int found = 0;
+  for (int y = 1; y < kH - 1; y++)
+    for (int x = 1; x < kW - 1; x++) {
+      const int k = y * kW + x;
+      if (inSpans(x, y) && inside(region, x, y, 1)) {
+        ASSERT_EQ(tracker.m_gradX[0][k], gx[k]);
+        ASSERT_EQ(tracker.m_gradY[0][k], gy[k]);
+      }
+      bool classified = inside(region, x, y, ZOT_REGION_BORDER);
+      for (int n = 0; n < 9; n++) classified = classified && inSpans(x + n % 3 - 1, y + n / 3 - 1);
+      const unsigned char e = tracker.m_edgeMap[0][k];
+      ASSERT_EQ(e, classified && e ? edges[k] : 0) << x << " " << y;
+      if (classified && edges[k] && !e) {
+        ASSERT_LE(std::abs(gx[k]) + std::abs(gy[k]), 60);
+      }
+      found += e != 0;
+    }
+  EXPECT_GT(found, edgesInside / 2);
+
   // A region off the image leaves the camera without edges; one of a few
   // pixels is widened to the least Canny works on.
   const int off[4] = {700, 500, 800, 600}, tiny[4] = {630, 5, 634, 8};
@@ -116,8 +149,9 @@ TEST(RegionOfInterest, InsideTheRegionTheImageStepsEqualTheWholeImagesOutsideNot
 // The sample tracker file works in the region of interest and with the
 // lens in the projection: each tracks a rendered box from a start 2 degrees
 // and 5 mm off as closely as the same file on whole undistorted images; the
-// region holds the object and stays in the image, and an object out of
-// view fails with -5, not a read beyond a buffer. No mode allocates.
+// region and its row spans hold the object and stay in the image, and an
+// object out of view fails with -5, not a read beyond a buffer. No mode
+// allocates.
 TEST(RegionOfInterest, TracksAsCloselyAsTheWholeImageAndFailsCleanlyOutOfView) {
   const zot_sim::Mesh mesh = zot_test::chamferedBoxMesh();
   std::vector<double> setup =
@@ -161,6 +195,9 @@ TEST(RegionOfInterest, TracksAsCloselyAsTheWholeImageAndFailsCleanlyOutOfView) {
       const double u = t.m_K[0][0] * Y[0] / Y[2] + t.m_K[0][2];
       const double w = t.m_K[0][4] * Y[1] / Y[2] + t.m_K[0][5];
       EXPECT_TRUE(u > box[0] && u < box[2] && w > box[1] && w < box[3]);
+      // Its row's span holds it with room for the fit's moves.
+      const int* span = t.m_imageSpans[0] + 2 * (int)std::lround(w);
+      EXPECT_TRUE(u - 8 >= span[0] && u + 8 <= span[1]) << u << " " << w;
     }
   }
   EXPECT_LT(error[1], error[0] * 1.05 + 0.01);
