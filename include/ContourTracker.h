@@ -98,10 +98,11 @@ struct RobustSettings {
   /// model instead (ContourTracker::projectThroughLens) and matched in the
   /// camera's own image.
   int lensInProjection;
-  /// Whether the Z-buffer is rendered in float (Multibody::useFloatDepth):
-  /// with either speed mode, whose frames are short enough for its clearing
-  /// and filling to count.
-  bool floatDepth() const { return regionOfInterest != 0 || lensInProjection != 0; }
+  /// Whether sampling takes the cheaper visibility: a float Z-buffer
+  /// (Multibody::useFloatDepth), none where the faces' facing decides
+  /// (Multibody::useFacingVisibility). With either speed mode, whose frames
+  /// are short enough for the Z-buffer's clearing and filling to count.
+  bool cheapVisibility() const { return regionOfInterest != 0 || lensInProjection != 0; }
 };
 
 /// Per-fit figures of the robust estimator (all 0 for the designed one).

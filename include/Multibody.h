@@ -106,6 +106,20 @@ class Multibody {
   /// init(); takes width x height floats from the pool.
   void useFloatDepth();
 
+  /// From now on (until the next init()), a sampling call without face
+  /// image, debug views or preset depth map renders no Z-buffer when the
+  /// active bodies are one convex polyhedron and polylines on its faces:
+  /// nothing can hide such a body's edge but its own faces, so an edge is
+  /// seen where one of its faces is, and a polyline where its face is. The
+  /// samples differ from the Z-buffer's only where a face's pixels round
+  /// over an edge near a corner. Call after the bodies are set up (it tests
+  /// their convexity).
+  void useFacingVisibility();
+
+  /// The convex polyhedron whose faces alone decide what is seen
+  /// (useFacingVisibility), or -1 when the active bodies need the Z-buffer.
+  int facingVisibilityBody() const;
+
   // ---------------------------------------------------------------- getters
   int getNbodies() const;
   /// m_bodyActive of the body; -1 with "ERROR: wrong body ID" for a bad index.
@@ -142,6 +156,8 @@ class Multibody {
   unsigned char* m_debugImage;  ///< 3 x width x height
   double* m_depthMap;           ///< inverse depth 1/z, 0 empty
   float* m_depthMapFloat;       ///< the same in float after useFloatDepth(), else null
+  bool m_facingVisibility;      ///< useFacingVisibility() was called
+  bool m_convex[ZOT_MAX_BODIES];  ///< polyhedra no plane of a face of which cuts them
   int* m_faceIdMap;             ///< (body * 65536 + face) + 1, 0 none
   double* m_visibleEdgeBuffer;  ///< 6 per candidate edge, camera frame
   int* m_visibleEdgeIds;        ///< 3 per candidate edge: body, edge, reserved

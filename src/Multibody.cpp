@@ -21,6 +21,7 @@ Multibody::Multibody()
       m_debugImage(nullptr),
       m_depthMap(nullptr),
       m_depthMapFloat(nullptr),
+      m_facingVisibility(false),
       m_faceIdMap(nullptr),
       m_visibleEdgeBuffer(nullptr),
       m_visibleEdgeIds(nullptr),
@@ -108,6 +109,7 @@ int Multibody::init(int nCams, int maxSamples, int width, int height) {
   m_debugImage = myMallocUchar(3 * nPixels);
   m_depthMap = myMallocDouble(nPixels);
   m_depthMapFloat = nullptr;
+  m_facingVisibility = false;
   for (int c = 0; c < nCams; c++) m_presetDepthMapPerCam[c] = myMallocDouble(nPixels);
   m_faceIdMap = myMallocInt(nPixels);
 
@@ -130,6 +132,44 @@ int Multibody::init(int nCams, int maxSamples, int width, int height) {
 
   matrixIdentity(m_currentLocalFrame, 4);
   return 0;
+}
+
+void Multibody::useFacingVisibility() {
+  m_facingVisibility = true;
+  for (int b = 0; b < m_nBodies && b < ZOT_MAX_BODIES; b++) {
+    const Polyhedron& ph = m_polyhedra[b];
+    m_convex[b] = m_bodyType[b] == ZOT_BODY_POLYHEDRON && !ph.m_isFlat && ph.m_nFaces > 0;
+    if (!m_convex[b]) continue;
+    double size = 0.0;
+    for (int i = 0; i < 3 * ph.m_nVertices; i++) size = std::fmax(size, std::fabs(ph.m_vertices[i]));
+    for (int f = 0; f < ph.m_nFaces && m_convex[b]; f++) {
+      if (ph.m_nVerticesPerFace[f] < 3) continue;
+      const double* n = ph.m_faceNormals + 3 * f;
+      const double* p0 = ph.m_vertices + 3 * ph.m_faceVertices[f][0];
+      for (int i = 0; i < ph.m_nVertices && m_convex[b]; i++) {
+        double d[3];
+        matrixSub31(ph.m_vertices + 3 * i, p0, d);
+        m_convex[b] = dotProd3(n, d) <= 1e-9 * size;
+      }
+    }
+  }
+}
+
+int Multibody::facingVisibilityBody() const {
+  if (!m_facingVisibility) return -1;
+  int body = -1;
+  for (int b = 0; b < m_nBodies && b < ZOT_MAX_BODIES; b++) {
+    if (!m_bodyActive[b] || m_bodyType[b] == ZOT_BODY_POLYLINE) continue;
+    if (body >= 0 || m_bodyType[b] != ZOT_BODY_POLYHEDRON || !m_convex[b]) return -1;
+    body = b;
+  }
+  for (int b = 0; b < m_nBodies && b < ZOT_MAX_BODIES && body >= 0; b++) {
+    if (!m_bodyActive[b] || m_bodyType[b] != ZOT_BODY_POLYLINE) continue;
+    const int face = m_polylineSupportFace[b][1];
+    if (m_polylineSupportFace[b][0] != body || face < 0 || face >= m_polyhedra[body].m_nFaces)
+      return -1;
+  }
+  return body;
 }
 
 void Multibody::useFloatDepth() {

@@ -126,8 +126,16 @@ struct SamplingView {
   double* sampleNormalImage;
   int* sampleIds;
   float* depthFloat;  // the Z-buffer in float (Multibody::useFloatDepth), else null
+  bool zBuffer;       // false: facing alone decides (Multibody::useFacingVisibility)
   bool sampling, debugViews, useMasks;
 };
+
+// Whether face f of ph is rendered (and so can be seen): it faces the camera
+// by more than the tolerance, or either way for a flat body.
+inline bool faceRendered(const Polyhedron& ph, int f, double facingTolerance) {
+  const double facing = ph.m_faceFacing[f];
+  return ph.m_isFlat ? std::fabs(facing) > facingTolerance : facing < -facingTolerance;
+}
 
 // Inverse depth at pixel idx of whichever Z-buffer the view renders into.
 inline double depthAt(const Multibody& mb, const SamplingView& v, long idx) {
@@ -205,8 +213,9 @@ void prepareImages(Multibody& mb, SamplingView& v) {
   if (v.sampleImage != nullptr) memset(v.sampleImage, 0, v.nPixels);
   if (v.sampleNormalImage != nullptr)
     memset(v.sampleNormalImage, 0, 2 * v.nPixels * sizeof(double));
-  if (v.sampling) clearDirty(mb.m_faceIdMap, mb.m_faceIdDirty, v.width, v.capacity);
   v.useMasks = prepareMasks(mb, v);
+  if (!v.zBuffer) return;
+  if (v.sampling) clearDirty(mb.m_faceIdMap, mb.m_faceIdDirty, v.width, v.capacity);
   if (mb.m_usePresetDepthMap && mb.m_presetDepthMapPerCam[v.cam] != nullptr) {
     const double* preset = mb.m_presetDepthMapPerCam[v.cam];
     if (v.depthFloat != nullptr) {
@@ -298,9 +307,7 @@ void collectPolylineSegments(const Multibody& mb, const SamplingView& v, int b,
 void renderFace(Multibody& mb, const SamplingView& v, int b, int f, CandidateEdges& candidates) {
   Polyhedron& ph = mb.m_polyhedra[b];
   const double facing = ph.m_faceFacing[f];
-  const bool render =
-      ph.m_isFlat ? std::fabs(facing) > v.facingTolerance : facing < -v.facingTolerance;
-  if (!render) return;
+  if (!faceRendered(ph, f, v.facingTolerance)) return;
   const int nv = ph.m_nVerticesPerFace[f];
   if (nv < 3) return;
   if (nv > kMaxFaceVertices) {
@@ -334,6 +341,7 @@ void renderFace(Multibody& mb, const SamplingView& v, int b, int f, CandidateEdg
       if (ex * ex + ey * ey + ez * ez > v.minLength2) candidates.append(Pa, Pb, b, e);
     }
   }
+  if (!v.zBuffer) return;
 
   double projected[2 * kClipCapacity];
   bool valid = true;
@@ -450,6 +458,10 @@ struct CandidateInImage {
 // through the Z-buffer. A visible polyline point paints the face image.
 bool pixelVisible(const Multibody& mb, const SamplingView& v, const CandidateInImage& c, int x,
                   int y, long idx, const double* X) {
+  if (!v.zBuffer) {
+    return !c.isPolyline ||
+           faceRendered(mb.m_polyhedra[c.supportBody], c.supportFace, v.facingTolerance);
+  }
   const double delta = depthAt(mb, v, idx);
   const int id = mb.m_faceIdMap[idx] - 1;
   if (c.isPolyline) {
@@ -646,6 +658,9 @@ int Multibody::sampleContour_Zbuffer(int cam, const double* T, const double* K, 
   v.sampleNormalImage = sampleNormalImage;
   v.sampleIds = sampleIds;
   v.depthFloat = m_depthMapFloat;
+  v.zBuffer = faceImage != nullptr || debugViews ||
+              (m_usePresetDepthMap && m_presetDepthMapPerCam[cam] != nullptr) ||
+              facingVisibilityBody() < 0;
   v.sampling = sampling;
   v.debugViews = debugViews;
   prepareImages(*this, v);

@@ -116,7 +116,7 @@ int computePoolSizes(int count, const double* array, double margin, size_t sizes
     s[kDouble] += n * ZOT_POLARITY_SLOTS;
   }
   // The speed modes' float Z-buffer; the region's row spans.
-  if (setup->robust.floatDepth()) s[kFloat] += wh;
+  if (setup->robust.cheapVisibility()) s[kFloat] += wh;
   for (int c = 0; c < nCams && setup->robust.regionOfInterest; c++)
     s[kInt] += 2 * (size_t)setup->cameras[c].height;
 

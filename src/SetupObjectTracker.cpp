@@ -68,7 +68,10 @@ int GenericObjectTracker::setupFromGlobalArray(int count, const double* array) {
   }
 
   if (extended) m_contourTracker.initRobust(p.m_maxNSamplePointsPerCam);
-  if (p.m_robust.floatDepth()) m_multibody.useFloatDepth();
+  if (p.m_robust.cheapVisibility()) {
+    m_multibody.useFloatDepth();
+    m_multibody.useFacingVisibility();
+  }
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++)
     m_imageSpans[c] = p.m_robust.regionOfInterest && c < m_nCameras
                           ? myMallocInt(2 * (size_t)m_imageHeight[c])

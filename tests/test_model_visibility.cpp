@@ -267,7 +267,7 @@ namespace {
 // the overrun check of doBigFree.
 class Model : public ::testing::Test {
  protected:
-  Model() { doBigMalloc(12000000, 1000, 8000000, 400000, 3000000, 100000, 1000); }
+  Model() { doBigMalloc(12000000, 1000, 8000000, 1300000, 3000000, 100000, 1000); }
   ~Model() override { doBigFree(); }
 };
 
@@ -611,18 +611,36 @@ TEST_F(Visibility, BoxHalfHiddenBehindAnotherBoxAndTheRayCastingCheck) {
   EXPECT_EQ(checkedIds[2], 65536 + edge);
 }
 
-// The speed modes' float Z-buffer samples the contour the double one does
-// on a box partly hidden by another: no sample farther than a sampling step
-// from one of the other buffer's on the same body.
-TEST_F(Visibility, FloatDepthSamplesTheSameContourWithinOneStep) {
-  Multibody exact, fast;
+// The speed modes' cheaper visibility samples the contour the double
+// Z-buffer does: a float Z-buffer for a box partly hidden by another, none
+// at all for one convex box with a polyline on its front face. No sample
+// lies farther than a sampling step from one of the other's on its body.
+TEST_F(Visibility, CheaperVisibilitySamplesTheSameContourWithinOneStep) {
   const double back[6] = {0, 0, 10, 1.5, 1, 1}, front[6] = {-0.75, 0, 5, 0.8, 1.2, 0.2};
-  for (Multibody* mb : {&exact, &fast}) {
-    for (const double* box : {front, back})
-      addPolyhedronBody(*mb, zot_sim::boxMesh(box, box + 3), false, 30.0);
-    initModel(*mb);
+  Multibody exact[2], fast[2];
+  for (int m = 0; m < 2; m++) {
+    for (Multibody* mb : {&exact[m], &fast[m]}) {
+      if (m == 0) addPolyhedronBody(*mb, zot_sim::boxMesh(front, front + 3), false, 30.0);
+      const int box = addPolyhedronBody(*mb, zot_sim::boxMesh(back, back + 3), false, 30.0);
+      int facingUs = 0;
+      while (mb->m_polyhedra[box].m_faceNormals[3 * facingUs + 2] > -0.9) facingUs++;
+      if (m == 1)
+        addPolylineBody(*mb, {-1, -0.5, 9, 1, -0.5, 9, 1, 0.5, 9}, {0, 1, 1, 2}, box, facingUs);
+      initModel(*mb);
+    }
+    fast[m].useFloatDepth();
+    fast[m].useFacingVisibility();
+    EXPECT_EQ(fast[m].facingVisibilityBody(), m == 0 ? -1 : 0);
   }
-  fast.useFloatDepth();
+  // A chamfered box is convex, a torus is not.
+  for (const zot_sim::Mesh& mesh :
+       {zot_test::chamferedBoxMesh(), zot_sim::torusMesh(12, 8, 1, 0.3)}) {
+    Multibody one;
+    addPolyhedronBody(one, mesh, false, 30.0);
+    initModel(one);
+    one.useFacingVisibility();
+    EXPECT_EQ(one.facingVisibilityBody(), mesh.vertices.size() < 100 ? 0 : -1);
+  }
   auto farFrom = [](const std::vector<Sample>& from, const std::vector<Sample>& to) {
     int far = 0;
     for (const Sample& a : from) {
@@ -634,15 +652,16 @@ TEST_F(Visibility, FloatDepthSamplesTheSameContourWithinOneStep) {
     }
     return far;
   };
-  for (const auto& p : {std::vector<double>{0, 0, 0, 0, 0, 0},
-                        {8, -12, 5, 0.2, 0.1, 1},
-                        {-15, 20, 30, -0.3, 0.2, 2}}) {
-    double T[16];
-    TfromEuler(T, p[0], p[1], p[2], p[3], p[4], p[5]);
-    const std::vector<Sample> a = sample(exact, T, 3), b = sample(fast, T, 3);
-    ASSERT_GT(a.size(), 150u);
-    EXPECT_EQ(farFrom(a, b) + farFrom(b, a), 0);
-  }
+  for (int m = 0; m < 2; m++)
+    for (const auto& p : {std::vector<double>{0, 0, 0, 0, 0, 0},
+                          {8, -12, 5, 0.2, 0.1, 1},
+                          {-15, 20, 30, -0.3, 0.2, 2}}) {
+      double T[16];
+      TfromEuler(T, p[0], p[1], p[2], p[3], p[4], p[5]);
+      const std::vector<Sample> a = sample(exact[m], T, 3), b = sample(fast[m], T, 3);
+      ASSERT_GT(a.size(), 150u);
+      EXPECT_EQ(farFrom(a, b) + farFrom(b, a), 0) << m;
+    }
 }
 
 TEST_F(Visibility, MasksPresetDepthAndTheSampleLimit) {
