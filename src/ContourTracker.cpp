@@ -243,7 +243,7 @@ int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const 
     mySobelRegion(images[c], m_gradX[c], m_gradY[c], m_cannyShortWork, width, height, r, rowSpans);
     double low = cannyLow, high = cannyHigh;
     if (adaptive != nullptr) {
-      adaptiveThresholds(c, r, 2, *adaptive, rowSpans);
+      adaptiveThresholds(c, r, 4, *adaptive, rowSpans);
       low = m_cannyThresholds[c][0];
       high = m_cannyThresholds[c][1];
     }
