@@ -249,7 +249,8 @@ class GenericObjectTracker {
   int m_undistort[ZOT_MAX_CAMERAS];         ///< 1 when a distortion coefficient is non-zero
   /// Current frame, input of the edges. With the region of interest only
   /// the pixels of m_imageRegion are of this frame, and with the lens in the
-  /// projection they are the camera's own, not undistorted: a host that
+  /// projection they are the camera's own, not undistorted; with both none
+  /// is written (the edges come from the camera's images): a host that
   /// wants the whole undistorted image (an overlay) calls undistortAllImages
   /// first.
   unsigned char* m_undistortedImage[ZOT_MAX_CAMERAS];
@@ -290,9 +291,11 @@ class GenericObjectTracker {
   int recoverPose(const double* predicted, const double* toolInverse, double* pose,
                   double* covariance, const double* dofMask, int failure, bool timing, bool display,
                   bool verbose);
-  /// Edge detection of the frame: fixed or image-driven thresholds, on the
-  /// whole images or, with the region of interest, in m_imageRegion.
-  int detectEdges(const double* predicted);
+  /// Edge detection of the frame in `sources` (m_undistortedImage, or with
+  /// both speed modes the camera's images): fixed or image-driven
+  /// thresholds, on the whole images or, with the region of interest, in
+  /// m_imageRegion.
+  int detectEdges(const double* predicted, const unsigned char* const* sources);
   /// Region of interest: m_imageRegion of every camera from the predicted
   /// pose (tool frame), grown by `grow` pixels.
   void computeImageRegions(const double* predicted, double grow);

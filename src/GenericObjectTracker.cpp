@@ -345,11 +345,13 @@ int GenericObjectTracker::prepareImages(const unsigned char* const* images, cons
     m_lensDistortion[c] = lens && c < m_nCameras && m_undistort[c] == 1 ? m_distCoeffs[c] : nullptr;
   int64_t start = getTickCount();
   int code = 0;
+  // With both speed modes the edges come straight from the camera's images.
+  const bool direct = region && lens;
   if (region || lens) {
     // The images the edges come from: undistorted, or with the lens in the
-    // projection the camera's own, copied.
+    // projection the camera's own, copied (unless read where they are).
     if (region) computeImageRegions(predicted, grow);
-    for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS; c++) {
+    for (int c = 0; c < m_nCameras && c < ZOT_MAX_CAMERAS && !direct; c++) {
       if (!m_contourTracker.m_camEnabled[c] || m_undistortedImage[c] == nullptr) continue;
       const int whole[4] = {0, 0, m_imageWidth[c] - 1, m_imageHeight[c] - 1};
       const int* r = region ? m_imageRegion[c] : whole;
@@ -374,7 +376,7 @@ int GenericObjectTracker::prepareImages(const unsigned char* const* images, cons
 
   if (!m_doEdgeDetection) return 0;
   start = getTickCount();
-  code = detectEdges(predicted);
+  code = detectEdges(predicted, direct ? images : m_undistortedImage);
   end = getTickCount();
   m_lastFrameTimes.edgesMs += ticksToMs(end - start);
   if (code != 0) return code;
@@ -391,7 +393,8 @@ void GenericObjectTracker::computeImageRegions(const double* predicted, double g
   }
 }
 
-int GenericObjectTracker::detectEdges(const double* predicted) {
+int GenericObjectTracker::detectEdges(const double* predicted,
+                                      const unsigned char* const* sources) {
   const RobustSettings& r = m_trackingParams.m_robust;
   const bool adaptive = r.enabled && r.cannyAutoRatio > 0.0;
   if (!r.regionOfInterest && !adaptive) return edgeDetectAllImages();
@@ -403,9 +406,9 @@ int GenericObjectTracker::detectEdges(const double* predicted) {
   const int* regionOf[ZOT_MAX_CAMERAS];
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) regionOf[c] = m_imageRegion[c];
   if (!r.regionOfInterest)
-    return m_contourTracker.edgeDetectAdaptive(m_undistortedImage, regionOf, r);
+    return m_contourTracker.edgeDetectAdaptive(sources, regionOf, r);
   return m_contourTracker.edgeDetectRegions(
-      m_undistortedImage, regionOf, m_trackingParams.m_cannyLowThreshold,
+      sources, regionOf, m_trackingParams.m_cannyLowThreshold,
       m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr, m_imageSpans);
 }
 
