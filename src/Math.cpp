@@ -35,10 +35,12 @@ inline void checkAlias(const char* name, const double* out, const double* a, con
 // ================================================================ general size
 void matrixProduct(const double* A, const double* B, double* C, int m, int k, int n) {
   checkAlias("matrixProduct", C, A, B);
-  matrixZero(C, m, n);
   for (int i = 0; i < m; i++) {
     for (int j = 0; j < n; j++) {
-      for (int l = 0; l < k; l++) C[i * n + j] += A[i * k + l] * B[l * n + j];
+      // Summed in a register, in the same order as into a zeroed C.
+      double sum = 0.0;
+      for (int l = 0; l < k; l++) sum += A[i * k + l] * B[l * n + j];
+      C[i * n + j] = sum;
     }
   }
 }
