@@ -77,9 +77,16 @@ void matrixTranspose33(const double* A, double* B);
 /// C = A +/- B for 3 x 3 matrices and for 3-vectors.
 void matrixSum33(const double* A, const double* B, double* C);
 void matrixSub33(const double* A, const double* B, double* C);
-void matrixSum31(const double* A, const double* B, double* C);
-void matrixSub31(const double* A, const double* B, double* C);
-double dotProd3(const double* a, const double* b);
+/// (The 3-vector ones are defined here: the per-sample loops call them.)
+inline void matrixSum31(const double* A, const double* B, double* C) {
+  for (int i = 0; i < 3; i++) C[i] = A[i] + B[i];
+}
+inline void matrixSub31(const double* A, const double* B, double* C) {
+  for (int i = 0; i < 3; i++) C[i] = A[i] - B[i];
+}
+inline double dotProd3(const double* a, const double* b) {
+  return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
 double dotProd4(const double* a, const double* b);
 /// c = a x b (right-handed).
 void crossProd(const double* a, const double* b, double* c);

@@ -294,12 +294,6 @@ void matrixTranspose33(const double* A, double* B) {
 
 void matrixSum33(const double* A, const double* B, double* C) { matrixSum(A, B, C, 3, 3); }
 void matrixSub33(const double* A, const double* B, double* C) { matrixSub(A, B, C, 3, 3); }
-void matrixSum31(const double* A, const double* B, double* C) { matrixSum(A, B, C, 3, 1); }
-void matrixSub31(const double* A, const double* B, double* C) { matrixSub(A, B, C, 3, 1); }
-
-double dotProd3(const double* a, const double* b) {
-  return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
-}
 
 double dotProd4(const double* a, const double* b) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2] + a[3] * b[3];
