@@ -222,11 +222,15 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
   // kDirections degrees: the rectangle's sides are directions 0 and
   // kDirections / 2, the others cut its corners.
   constexpr int kDirections = 8;
-  double cosine[kDirections], sine[kDirections], lo[kDirections], hi[kDirections];
+  // cos and sin of k * 22.5 degrees.
+  static const double cosine[kDirections] = {1.0, 0.92387953251128674, 0.70710678118654757,
+                                             0.38268343236508984, 0.0, -0.38268343236508984,
+                                             -0.70710678118654757, -0.92387953251128674};
+  static const double sine[kDirections] = {0.0, 0.38268343236508978, 0.70710678118654746,
+                                           0.92387953251128674, 1.0, 0.92387953251128674,
+                                           0.70710678118654746, 0.38268343236508978};
+  double lo[kDirections], hi[kDirections];
   for (int k = 0; k < kDirections; k++) {
-    const double angle = k * ZOT_PI / kDirections;
-    cosine[k] = k == kDirections / 2 ? 0.0 : std::cos(angle);
-    sine[k] = k == 0 ? 0.0 : std::sin(angle);
     lo[k] = 1e300;
     hi[k] = -1e300;
   }
@@ -288,12 +292,14 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
   // Each row of the rectangle within grow + 1 pixels of every support: the
   // polygon they bound holds the points' convex hull, grown.
   const double reach = grow + 1.0;
+  double inverse[kDirections];
+  for (int k = 0; k < kDirections; k++) inverse[k] = k == kY ? 0.0 : 1.0 / cosine[k];
   for (int y = region[1]; y <= region[3]; y++) {
     double first = region[0], last = region[2];
     for (int k = 0; k < kDirections; k++) {
       if (k == kX || k == kY) continue;
-      double from = (lo[k] - reach - sine[k] * y) / cosine[k];
-      double to = (hi[k] + reach - sine[k] * y) / cosine[k];
+      double from = (lo[k] - reach - sine[k] * y) * inverse[k];
+      double to = (hi[k] + reach - sine[k] * y) * inverse[k];
       if (cosine[k] < 0.0) std::swap(from, to);
       first = from > first ? from : first;
       last = to < last ? to : last;
