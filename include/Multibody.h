@@ -95,8 +95,7 @@ class Multibody {
   /// directions, a polygon holding their grown convex hull (x0 > x1 where
   /// none); the whole rows where the rectangle is the whole image.
   void projectedBounds(const double* T, const double* K, int width, int height, double grow,
-                       int* region, const double* distortion = nullptr,
-                       int* spans = nullptr) const;
+                       int* region, const double* distortion = nullptr, int* spans = nullptr) const;
 
   /// Renders the Z-buffer into m_depthMapFloat, a 32-bit float inverse
   /// depth, from now on (until the next init()): half the memory a sampling
@@ -152,15 +151,15 @@ class Multibody {
   double m_currentLocalFrame[16];
   int m_nLocalFrames;
   double m_localFrames[ZOT_MAX_LOCAL_FRAMES][16];
-  unsigned char* m_maskImage;   ///< width x height
-  unsigned char* m_debugImage;  ///< 3 x width x height
-  double* m_depthMap;           ///< inverse depth 1/z, 0 empty
-  float* m_depthMapFloat;       ///< the same in float after useFloatDepth(), else null
-  bool m_facingVisibility;      ///< useFacingVisibility() was called
+  unsigned char* m_maskImage;     ///< width x height
+  unsigned char* m_debugImage;    ///< 3 x width x height
+  double* m_depthMap;             ///< inverse depth 1/z, 0 empty
+  float* m_depthMapFloat;         ///< the same in float after useFloatDepth(), else null
+  bool m_facingVisibility;        ///< useFacingVisibility() was called
   bool m_convex[ZOT_MAX_BODIES];  ///< polyhedra no plane of a face of which cuts them
-  int* m_faceIdMap;             ///< (body * 65536 + face) + 1, 0 none
-  double* m_visibleEdgeBuffer;  ///< 6 per candidate edge, camera frame
-  int* m_visibleEdgeIds;        ///< 3 per candidate edge: body, edge, reserved
+  int* m_faceIdMap;               ///< (body * 65536 + face) + 1, 0 none
+  double* m_visibleEdgeBuffer;    ///< 6 per candidate edge, camera frame
+  int* m_visibleEdgeIds;          ///< 3 per candidate edge: body, edge, reserved
   bool m_usePresetDepthMap;
   double* m_presetDepthMapPerCam[ZOT_MAX_CAMERAS];
 

@@ -234,7 +234,8 @@ int ContourTracker::edgeDetectRegions(const unsigned char* const* images, const 
     widenRange(r[0], r[2], ZOT_MIN_REGION_SIDE, width);
     widenRange(r[1], r[3], ZOT_MIN_REGION_SIDE, height);
     // Spans cover the rows asked for; a widened region is taken whole.
-    const bool widened = r[0] != asked[0] || r[1] != asked[1] || r[2] != asked[2] || r[3] != asked[3];
+    const bool widened =
+        r[0] != asked[0] || r[1] != asked[1] || r[2] != asked[2] || r[3] != asked[3];
     const int* rowSpans = spans != nullptr && !widened ? spans[c] : nullptr;
     // Canny writes every pixel of the new window: only the rest of the old
     // one needs clearing.

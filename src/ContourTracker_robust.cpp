@@ -155,8 +155,8 @@ int ContourTracker::edgeDetectAdaptive(const unsigned char* const* images,
   return 0;
 }
 
-void ContourTracker::adaptiveThresholds(int c, const int* window, int step,
-                                        const RobustSettings& r, const int* spans) {
+void ContourTracker::adaptiveThresholds(int c, const int* window, int step, const RobustSettings& r,
+                                        const int* spans) {
   // The gradient's distribution where the object can be: its strongest
   // edges set the scale, so that faint footage gets low thresholds.
   const int width = m_imageWidth[c];

@@ -405,11 +405,10 @@ int GenericObjectTracker::detectEdges(const double* predicted,
     computeImageRegions(predicted, m_trackingParams.m_searchRange + r.recoveryRangePx);
   const int* regionOf[ZOT_MAX_CAMERAS];
   for (int c = 0; c < ZOT_MAX_CAMERAS; c++) regionOf[c] = m_imageRegion[c];
-  if (!r.regionOfInterest)
-    return m_contourTracker.edgeDetectAdaptive(sources, regionOf, r);
-  return m_contourTracker.edgeDetectRegions(
-      sources, regionOf, m_trackingParams.m_cannyLowThreshold,
-      m_trackingParams.m_cannyHighThreshold, adaptive ? &r : nullptr, m_imageSpans);
+  if (!r.regionOfInterest) return m_contourTracker.edgeDetectAdaptive(sources, regionOf, r);
+  return m_contourTracker.edgeDetectRegions(sources, regionOf, m_trackingParams.m_cannyLowThreshold,
+                                            m_trackingParams.m_cannyHighThreshold,
+                                            adaptive ? &r : nullptr, m_imageSpans);
 }
 
 GaussNewtonSettings GenericObjectTracker::loopSettings(const double* dofMask, bool timing,

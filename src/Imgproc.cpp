@@ -317,8 +317,7 @@ void spannedClassification(const int* spans, int x0, int width, int height, int 
 // as sobelWindow takes them; dx and dy are read only there.
 int cannyWindow(const short* dx, const short* dy, unsigned char* edges, int* buffer,
                 unsigned char** stack, int width, int height, int stride, double lowThreshold,
-                double highThreshold, const int* keepOut, const int* spans = nullptr,
-                int x0 = 0) {
+                double highThreshold, const int* keepOut, const int* spans = nullptr, int x0 = 0) {
   if (lowThreshold > highThreshold) {
     const double t = lowThreshold;
     lowThreshold = highThreshold;
@@ -906,8 +905,8 @@ static void fillSpan(const FillTarget<Depth>& f, int y, int x0, int x1) {
 template <typename Depth>
 static int fillConvexPoly(unsigned char* image, unsigned char value, Depth* depth, int* ids,
                           const unsigned char* mask, int width, int height, int nVertices,
-                          const double* vertices, const int* clipRect, int id, double ax,
-                          double ay, double a0, double upper, double lower) {
+                          const double* vertices, const int* clipRect, int id, double ax, double ay,
+                          double a0, double upper, double lower) {
   if (!fillablePolygon(nVertices, vertices)) return -1;
 
   int top = 0;
@@ -931,7 +930,8 @@ static int fillConvexPoly(unsigned char* image, unsigned char value, Depth* dept
   if (yFirst < ymin) yFirst = ymin;
   if (yFirst > ymax) return 0;
 
-  const FillTarget<Depth> target{image, value, depth, ids, mask, width, id, ax, ay, a0, upper, lower};
+  const FillTarget<Depth> target{image, value, depth, ids, mask,  width,
+                                 id,    ax,    ay,    a0,  upper, lower};
   FillEdgeWalker left, right;
   setFillEdge(left, vertices, top, (top + nVertices - 1) % nVertices);
   setFillEdge(right, vertices, top, (top + 1) % nVertices);

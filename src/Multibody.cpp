@@ -141,7 +141,8 @@ void Multibody::useFacingVisibility() {
     m_convex[b] = m_bodyType[b] == ZOT_BODY_POLYHEDRON && !ph.m_isFlat && ph.m_nFaces > 0;
     if (!m_convex[b]) continue;
     double size = 0.0;
-    for (int i = 0; i < 3 * ph.m_nVertices; i++) size = std::fmax(size, std::fabs(ph.m_vertices[i]));
+    for (int i = 0; i < 3 * ph.m_nVertices; i++)
+      size = std::fmax(size, std::fabs(ph.m_vertices[i]));
     for (int f = 0; f < ph.m_nFaces && m_convex[b]; f++) {
       if (ph.m_nVerticesPerFace[f] < 3) continue;
       const double* n = ph.m_faceNormals + 3 * f;
@@ -223,12 +224,12 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
   // kDirections / 2, the others cut its corners.
   constexpr int kDirections = 8;
   // cos and sin of k * 22.5 degrees.
-  static const double cosine[kDirections] = {1.0, 0.92387953251128674, 0.70710678118654757,
-                                             0.38268343236508984, 0.0, -0.38268343236508984,
-                                             -0.70710678118654757, -0.92387953251128674};
-  static const double sine[kDirections] = {0.0, 0.38268343236508978, 0.70710678118654746,
-                                           0.92387953251128674, 1.0, 0.92387953251128674,
-                                           0.70710678118654746, 0.38268343236508978};
+  static const double cosine[kDirections] = {
+      1.0, 0.92387953251128674,  0.70710678118654757,  0.38268343236508984,
+      0.0, -0.38268343236508984, -0.70710678118654757, -0.92387953251128674};
+  static const double sine[kDirections] = {
+      0.0, 0.38268343236508978, 0.70710678118654746, 0.92387953251128674,
+      1.0, 0.92387953251128674, 0.70710678118654746, 0.38268343236508978};
   double lo[kDirections], hi[kDirections];
   for (int k = 0; k < kDirections; k++) {
     lo[k] = 1e300;
@@ -273,7 +274,8 @@ void Multibody::projectedBounds(const double* T, const double* K, int width, int
     region[2] = width - 1;
     region[3] = height - 1;
     if (!whole) region[2] = -1;  // nothing to bound
-    for (int y = 0; spans != nullptr && y < height; y++) spans[2 * y] = 0, spans[2 * y + 1] = width - 1;
+    for (int y = 0; spans != nullptr && y < height; y++)
+      spans[2 * y] = 0, spans[2 * y + 1] = width - 1;
     return;
   }
   // Clamped in double first: a far-off projection must not overflow an int.
